@@ -1,0 +1,8 @@
+// The writer thread, as the rest of the agent sees it.
+#pragma once
+
+#include "ZorvMetadataTypes.h"
+#include "ZorvUserModeTraceHelpers.h"
+
+// Ends the writer's rest, now and for good: finalisation waits for the thread to end.
+void ZorvUmaWakeWriter(ZorvUmaProfileInfo* pProfileInfo);

@@ -1,0 +1,596 @@
+// The agent's start and end inside the program, and those of its threads.
+//
+// The agent never stops the program because of a failure of its own: every failure leaves it untraced and running.
+// Finalisation may come while other threads are inside traced calls. Whatever they can still reach stays where it is;
+// only what nobody can reach is freed and closed.
+
+#include "ZorvUserModeTrace.h"
+#include "ZorvAgentUtils.h"
+#include "ZorvRawSyscall.h"
+#include "ZorvUserModeTraceInterposers.h"
+#include "ZorvUserModeTraceLog.h"
+#include "ZorvUserModeTraceWriter.h"
+
+#include <cerrno>
+#include <dlfcn.h>
+#include <initializer_list>
+
+namespace
+{
+
+constexpr long WAIT_STEP_NS = 200000;
+constexpr int STREAM_USER_STEPS = 1000;   // 0.2 s for a thread to leave a change of buffer
+constexpr int FINALISATION_STEPS = 50000; // 10 s for another thread's final write
+
+constexpr uint64_t NO_START_TIME = 0xFFFFFFFFFFFFFFFFULL;
+
+ZorvUmaProfileInfo* g_pProfileInfo;
+bool g_isConstructed;
+pthread_key_t g_threadKey; // its destructor sees the threads that end without passing ZorvUmaFiniThread
+bool g_hasThreadKey;
+
+constexpr ZorvUmtEvent g_allOff[ZORV_UMT_EVENT_MAX] = {};
+constexpr ZorvUmtEvent g_allOn[ZORV_UMT_EVENT_MAX] = {{true, false, 0}, {true, false, 0}, {true, false, 0},
+                                                      {true, false, 0}, {true, false, 0}, {true, false, 0},
+                                                      {true, false, 0}};
+
+} // namespace
+
+constinit const ZorvUmtEvent* g_pTraceGate = g_allOff;
+
+static void SleepStep()
+{
+    const timespec step = {0, WAIT_STEP_NS};
+    ZorvRawSyscall(SYS_nanosleep, reinterpret_cast<long>(&step));
+}
+
+// ---- the process record ----------------------------------------------------------------------------------
+
+extern "C" ZorvUmaProfileInfo* ZorvUmaGetProfileInfo()
+{
+    return __atomic_load_n(&g_pProfileInfo, __ATOMIC_ACQUIRE);
+}
+
+extern "C"
+{
+__attribute__((alias("ZorvUmaGetProfileInfo"), visibility("hidden"))) ZorvUmaProfileInfo* OwnGetProfileInfo();
+}
+
+// The interposers test the event's flag in place only while nobody has replaced the functions that this stands for.
+static void OpenTraceGate(const ZorvUmaProfileInfo* pProfileInfo)
+{
+    using GetInfo = ZorvUmaProfileInfo* (*)();
+    GetInfo volatile pCalledGet = ZorvUmaGetProfileInfo;
+    bool isReplaced = pCalledGet != static_cast<GetInfo>(OwnGetProfileInfo) || ZorvUmtIsTraceTestReplaced();
+    const ZorvUmtEvent* pGate = isReplaced ? g_allOn : pProfileInfo->m_umtConfig.m_umtEventList;
+    __atomic_store_n(&g_pTraceGate, pGate, __ATOMIC_RELEASE);
+}
+
+extern "C" ZorvUmaProfileInfo* ZorvUmaAllocateProfileInfo()
+{
+    if (!ZorvUmaGetLibHandles())
+    {
+        ZorvUmaFprintf(stderr, "Failed to find the handles.\n");
+        return nullptr;
+    }
+    auto pProfileInfo = static_cast<ZorvUmaProfileInfo*>(ZorvUmaMalloc(sizeof(ZorvUmaProfileInfo)));
+    if (pProfileInfo == nullptr)
+    {
+        ZorvUmaFprintf(stderr, "Failed to allocate memory for profile info in process (%d).\n", ZorvUmaGetPid());
+        return nullptr;
+    }
+    ZorvUmaMemset(pProfileInfo, 0, sizeof(*pProfileInfo));
+    pProfileInfo->m_umsData.m_fd = -1;
+    pProfileInfo->m_umtData.m_fd = -1;
+    pProfileInfo->m_umsData.m_isTrace = false;
+    pProfileInfo->m_umtData.m_isTrace = true;
+    pProfileInfo->m_metaDataFd = -1;
+    pProfileInfo->m_logFd = -1;
+    pProfileInfo->m_errFd = -1;
+    pProfileInfo->m_shmFd = -1;
+    for (pthread_mutex_t* pLock : {&pProfileInfo->m_umsData.m_lock, &pProfileInfo->m_umtData.m_lock,
+                                   &pProfileInfo->m_errLock, &pProfileInfo->m_lock})
+        ZorvUmaPthreadMutexInit(pLock, nullptr);
+    pProfileInfo->m_umaConfig.m_profileChildren = true;
+    pProfileInfo->m_isProcessInitialized = false;
+    pProfileInfo->m_pid = ZorvUmaGetPid();
+    ZorvUmaForgetCachedIds();
+    __atomic_store_n(&g_pProfileInfo, pProfileInfo, __ATOMIC_RELEASE);
+    OpenTraceGate(pProfileInfo);
+    return pProfileInfo;
+}
+
+extern "C" void ZorvUmaFreeProfileInfo()
+{
+    ZorvUmaProfileInfo* pProfileInfo = g_pProfileInfo;
+    if (pProfileInfo == nullptr)
+        return;
+    __atomic_store_n(&g_pTraceGate, &g_allOff[0], __ATOMIC_RELEASE);
+    __atomic_store_n(&g_pProfileInfo, nullptr, __ATOMIC_RELEASE);
+    ZorvUmaFree(pProfileInfo);
+}
+
+// ---- the thread record -----------------------------------------------------------------------------------
+
+extern "C" ZorvUmaPerThreadInfo* ZorvUmaAllocateThreadInfo(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (pProfileInfo == nullptr)
+        return nullptr;
+    auto pThreadInfo = static_cast<ZorvUmaPerThreadInfo*>(ZorvUmaMalloc(sizeof(ZorvUmaPerThreadInfo)));
+    if (pThreadInfo == nullptr)
+    {
+        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to allocate memory for Thread info in process (%d).\n",
+                 ZorvUmaGetPid());
+        return nullptr;
+    }
+    // Zeroed before the profiling signal can see it.
+    ZorvUmaMemset(pThreadInfo, 0, sizeof(*pThreadInfo));
+    t_zorvState.m_pErrno = &errno;
+    t_zorvState.m_isAppending = false;
+    __atomic_store_n(&t_zorvState.m_pInfo, pThreadInfo, __ATOMIC_RELEASE);
+    __atomic_add_fetch(&pProfileInfo->m_threadCount, 1, __ATOMIC_SEQ_CST);
+    if (g_hasThreadKey)
+        pthread_setspecific(g_threadKey, pThreadInfo);
+    return pThreadInfo;
+}
+
+extern "C" void ZorvUmaFreeThreadInfo()
+{
+    ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
+    if (pThreadInfo == nullptr)
+        return;
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    t_zorvState.m_pInfo = nullptr;
+    ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
+    if (pProfileInfo != nullptr && pProfileInfo->m_threadCount > 0)
+        __atomic_sub_fetch(&pProfileInfo->m_threadCount, 1, __ATOMIC_SEQ_CST);
+    if (pThreadInfo->m_pUmsCsBuf != nullptr)
+        ZorvUmaFree(pThreadInfo->m_pUmsCsBuf);
+    if (pThreadInfo->m_pUmtCsBuf != nullptr)
+        ZorvUmaFree(pThreadInfo->m_pUmtCsBuf);
+    ZorvUmaFree(pThreadInfo);
+    ZorvUmaLeaveAgent(&scope);
+}
+
+extern "C" bool ZorvUmaAllocateCsBuf(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (pProfileInfo == nullptr)
+        return false;
+    uint32_t depth = pProfileInfo->m_umaConfig.m_callStackDepth + 8; // wraps to 0 for a depth of 2^32 - 8
+    ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
+    if (depth == 0 || pThreadInfo == nullptr)
+        return true;
+
+    size_t size = sizeof(void*) * depth;
+    bool isAllocated = true;
+    if (pProfileInfo->m_umtConfig.m_enable)
+    {
+        pThreadInfo->m_pUmtCsBuf = static_cast<void**>(ZorvUmaMalloc(size));
+        isAllocated = pThreadInfo->m_pUmtCsBuf != nullptr;
+        if (!isAllocated)
+            ZORV_LOG(pProfileInfo->m_logFd, ERROR,
+                     "Failed to allocate the trace cs buffer in pid (%d) and tid (%d).", ZorvUmaGetPid(),
+                     ZorvUmaGetTid());
+    }
+    if (pProfileInfo->m_umsConfig.m_enable && pProfileInfo->m_umsConfig.m_collectCallStack)
+    {
+        pThreadInfo->m_pUmsCsBuf = static_cast<void**>(ZorvUmaMalloc(size));
+        if (pThreadInfo->m_pUmsCsBuf == nullptr)
+        {
+            ZORV_LOG(pProfileInfo->m_logFd, ERROR,
+                     "Failed to allocate the sample cs buffer in pid (%d) and tid (%d).", ZorvUmaGetPid(),
+                     ZorvUmaGetTid());
+            return false;
+        }
+    }
+    return isAllocated;
+}
+
+// ---- start of the process --------------------------------------------------------------------------------
+
+// Replacing allocators and tracing do not go together: the launcher is told, and the program is not run.
+static void RefuseJemalloc(ZorvUmaProfileInfo* pProfileInfo)
+{
+    const char* pPreload = ZorvUmaGetenv("LD_PRELOAD");
+    if (pPreload == nullptr || ZorvUmaStrstr(pPreload, "libjemalloc.so") == nullptr)
+        return;
+    if (ZorvUmaWriteErrorFile(pProfileInfo, ZORV_AGENT_ERROR_LIBJEMALLOC))
+        return;
+    ZorvUmaFprintf(stderr, "Failed to collect data as libjemalloc is loaded with LD_PRELOAD.\n"
+                           "       Please try removing libjemalloc from LD_PRELOAD environment variable.\n");
+    ZorvUmaFileFlush(stderr);
+    ZorvUmaExit(0);
+}
+
+static bool StartWriter(ZorvUmaProfileInfo* pProfileInfo)
+{
+    // The caller's scope blocks every signal, and the writer inherits that: it takes none of the program's.
+    if (ZorvUmaPthreadCreate(&pProfileInfo->m_writerThreadId, nullptr, ZorvUmaWriterThread, pProfileInfo) == 0)
+    {
+        pProfileInfo->m_hasWriterThread = true;
+        return true;
+    }
+    ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmaInitProcess", "Failed to create a writer thread in process (%d)",
+                ZorvUmaGetPid());
+    return false;
+}
+
+static bool PrepareProcess(ZorvUmaProfileInfo* pProfileInfo)
+{
+    constexpr const char* pCaller = "ZorvUmaInitProcess";
+    if (!ZorvUmaOpenLogAndErrorFile(pProfileInfo))
+    {
+        ZorvUmaFprintf(stderr, "Failed to open log and error file in process (%d).\n", ZorvUmaGetPid());
+        return false;
+    }
+    if (!ZorvUmaReadConfig(pProfileInfo))
+    {
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, pCaller, "Failed to read config file in process (%d)",
+                    ZorvUmaGetPid());
+        return false;
+    }
+    if (pProfileInfo->m_umtConfig.m_enable)
+        RefuseJemalloc(pProfileInfo);
+    if (ZorvUmaSemInit(&pProfileInfo->m_semaphore, 0, 0) != 0)
+    {
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, pCaller, "Failed to initialize the semaphore.");
+        return false;
+    }
+    if (!ZorvUmaInitSharedMemory(pProfileInfo))
+    {
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, pCaller, "Failed to Initialize the shared memory.");
+        return false;
+    }
+    if (!ZorvUmaCreateQueue(pProfileInfo))
+    {
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, pCaller, "Failed to create the queue.");
+        return false;
+    }
+    return true;
+}
+
+extern "C" bool ZorvUmaInitProcess(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (pProfileInfo == nullptr)
+        return false;
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    uint64_t startTime = ZorvUmaGetTime();
+    bool isStarted = PrepareProcess(pProfileInfo);
+    if (isStarted)
+    {
+        ZorvUmaResolveWrappers(); // from here on a first look-up could come in a signal handler
+        isStarted = StartWriter(pProfileInfo);
+    }
+    if (isStarted)
+    {
+        ZorvStoreFenced(&pProfileInfo->m_isProcessInitialized, true);
+        ZorvUmaWriteFileHdr(pProfileInfo);
+        ZorvUmsWritePcmMetadata(pProfileInfo);
+        ZorvUmaWriteProcRecord(pProfileInfo, ZorvUmaGetTid(), nullptr, 0, startTime, 0);
+    }
+    ZorvUmaLeaveAgent(&scope);
+    return isStarted;
+}
+
+static void EndUnannouncedThread(void*);
+
+// In a child that fork(2) made: what is remembered of the parent's thread is wrong here, and nobody writes what the
+// child would fill.
+static void StopInForkedChild()
+{
+    ZorvUmaForgetCachedIds();
+    t_zorvState.m_agentDepth = 0;
+    ZorvUmaSetStopCollection(true);
+}
+
+extern "C" __attribute__((constructor)) void ZorvUmaInit()
+{
+    if (g_isConstructed)
+        return;
+    g_isConstructed = true;
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    g_hasThreadKey = pthread_key_create(&g_threadKey, EndUnannouncedThread) == 0;
+    ZorvUmaProfileInfo* pProfileInfo = ZorvUmaAllocateProfileInfo();
+    if (pProfileInfo != nullptr && ZorvUmaAllocateThreadInfo(pProfileInfo) != nullptr)
+    {
+        ZorvUmtResolveInterposers();
+        pthread_atfork(nullptr, nullptr, StopInForkedChild);
+        ZorvUmaAtexit(ZorvUmaExitHandler);
+        if (!ZorvUmaInitProcess(pProfileInfo))
+            ZorvUmaFprintf(stderr, "Qelix : Failed to initialize the constructor for pid (%d).\n", ZorvUmaGetPid());
+    }
+    ZorvUmaLeaveAgent(&scope);
+}
+
+// ---- end of the process ----------------------------------------------------------------------------------
+
+extern "C" void ZorvUmaExitHandler()
+{
+    ZorvUmaFiniProcess(ZorvUmaGetProfileInfo(), false);
+}
+
+extern "C" __attribute__((destructor)) void ZorvUmaFini()
+{
+    ZorvUmaFiniProcess(ZorvUmaGetProfileInfo(), false);
+}
+
+static void LeaveForeignProcess(ZorvUmaProfileInfo* pProfileInfo, pid_t pid)
+{
+    ZorvUmaWriteProcRecord(pProfileInfo, ZorvUmaGetTid(), nullptr, 0, NO_START_TIME, 0);
+    ZORV_LOG_AS(pProfileInfo->m_logFd, INFO, "ZorvUmaFiniProcess", "Finish process for (%d) is from other process (%d).",
+                pProfileInfo->m_pid, pid);
+}
+
+// True for the one caller that finalises.
+static bool ClaimFinalisation(ZorvUmaProfileInfo* pProfileInfo)
+{
+    ZorvUmaPthreadMutexLock(&pProfileInfo->m_lock);
+    bool isClaimed = !pProfileInfo->m_isFlush;
+    if (isClaimed)
+    {
+        __atomic_store_n(&pProfileInfo->m_finalisingTid, ZorvUmaCachedTid(), __ATOMIC_SEQ_CST);
+        __atomic_store_n(&pProfileInfo->m_isFlush, true, __ATOMIC_SEQ_CST);
+        ZorvUmaSetStopCollection(true);
+    }
+    ZorvUmaPthreadMutexUnlock(&pProfileInfo->m_lock);
+    return isClaimed;
+}
+
+// The caller may be about to end the process: another thread's final write must not be cut off.
+static void WaitForFinaliser(const ZorvUmaProfileInfo* pProfileInfo)
+{
+    pid_t finalisingTid = __atomic_load_n(&pProfileInfo->m_finalisingTid, __ATOMIC_SEQ_CST);
+    if (finalisingTid == 0 || finalisingTid == ZorvUmaCachedTid())
+        return;
+    for (int step = 0; step < FINALISATION_STEPS && !__atomic_load_n(&pProfileInfo->m_isFinalised, __ATOMIC_SEQ_CST);
+         step++)
+        SleepStep();
+}
+
+// True once no other thread is inside a change of buffer or a log line.
+static bool WaitForStreamUsers(const ZorvUmaProfileInfo* pProfileInfo)
+{
+    for (int step = 0; step < STREAM_USER_STEPS; step++)
+    {
+        if (__atomic_load_n(&pProfileInfo->m_streamUsers, __ATOMIC_SEQ_CST) == 0)
+            return true;
+        SleepStep();
+    }
+    return false;
+}
+
+static void CloseFile(int* pFd)
+{
+    int fd = *pFd;
+    if (fd < 0)
+        return;
+    __atomic_store_n(pFd, -1, __ATOMIC_SEQ_CST);
+    ZorvUmaFsync(fd);
+    ZorvUmaClose(fd);
+}
+
+static void FinishStreams(ZorvUmaProfileInfo* pProfileInfo, bool isFromWriterThread)
+{
+    if (pProfileInfo->m_umtConfig.m_enable)
+    {
+        ZorvStoreFenced(&pProfileInfo->m_umtConfig.m_enable, false);
+        ZorvUmaFiniDataWriting(&pProfileInfo->m_umtData, pProfileInfo->m_logFd, isFromWriterThread);
+    }
+    if (pProfileInfo->m_umsConfig.m_enable)
+    {
+        ZorvStoreFenced(&pProfileInfo->m_umsConfig.m_enable, false);
+        ZorvUmaFiniDataWriting(&pProfileInfo->m_umsData, pProfileInfo->m_logFd, false);
+    }
+    // A stream that has a directory but is disabled has an open, empty file.
+    CloseFile(&pProfileInfo->m_umtData.m_fd);
+    CloseFile(&pProfileInfo->m_umsData.m_fd);
+    CloseFile(&pProfileInfo->m_metaDataFd);
+}
+
+static void FinaliseProcess(ZorvUmaProfileInfo* pProfileInfo, bool isFromWriterThread)
+{
+    bool isUnused = WaitForStreamUsers(pProfileInfo);
+    if (!isFromWriterThread && pProfileInfo->m_hasWriterThread)
+    {
+        ZorvUmaWakeWriter(pProfileInfo);
+        ZorvUmaPthreadJoin(pProfileInfo->m_writerThreadId, nullptr);
+        pProfileInfo->m_hasWriterThread = false;
+    }
+    FinishStreams(pProfileInfo, isFromWriterThread);
+    if (isUnused)
+    {
+        ZorvUmaDestroyQueue(pProfileInfo);
+        ZorvUmaCloseLogAndErrorFile(pProfileInfo);
+    }
+    ZorvUmaFiniSharedMemory(pProfileInfo);
+    ZorvUmaFreeThreadInfo();
+    __atomic_store_n(&pProfileInfo->m_isFinalised, true, __ATOMIC_SEQ_CST);
+}
+
+extern "C" void ZorvUmaFiniProcess(ZorvUmaProfileInfo* pProfileInfo, bool isFromWriterThread)
+{
+    if (pProfileInfo == nullptr)
+        return;
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    pid_t pid = ZorvUmaGetPid();
+    if (pProfileInfo->m_pid != pid)
+        LeaveForeignProcess(pProfileInfo, pid);
+    else
+    {
+        bool isFirst = !__atomic_load_n(&pProfileInfo->m_isFlush, __ATOMIC_SEQ_CST);
+        if (isFirst && !isFromWriterThread)
+            ZorvUmaWriteThreadEndRecord(pProfileInfo, 0);
+        if (isFirst && ClaimFinalisation(pProfileInfo))
+            FinaliseProcess(pProfileInfo, isFromWriterThread);
+        else
+        {
+            // The finalising thread joins the writer: that one may not wait for it.
+            if (!isFromWriterThread)
+                WaitForFinaliser(pProfileInfo);
+            ZorvUmaFreeThreadInfo();
+        }
+    }
+    ZorvUmaLeaveAgent(&scope);
+}
+
+// ---- OpenMP hook -----------------------------------------------------------------------------------------
+
+extern "C" void ZorvUmaSetOpenMPAgentInitialized(bool isInitialized)
+{
+    ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
+    if (!isInitialized || pProfileInfo == nullptr || pProfileInfo->m_umaConfig.m_pOpenMPAgentPath == nullptr)
+        return;
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    void* pHandle = ZorvUmaOpenLoadedObject(pProfileInfo->m_umaConfig.m_pOpenMPAgentPath);
+    if (pHandle != nullptr)
+    {
+        auto pGetId = reinterpret_cast<uint64_t (*)()>(dlsym(pHandle, "ZorvGetOpenMPParId"));
+        __atomic_store_n(&pProfileInfo->m_pZorvGetOpenMPParId, pGetId, __ATOMIC_RELEASE);
+        if (pGetId == nullptr)
+            ZORV_LOG(pProfileInfo->m_logFd, ERROR,
+                     "Failed to get the symbol address for \"ZorvGetOpenMPParId\".");
+        dlclose(pHandle);
+    }
+    ZorvUmaLeaveAgent(&scope);
+}
+
+// ---- threads ---------------------------------------------------------------------------------------------
+
+static bool IsMainThread()
+{
+    return ZorvUmaGetTid() == ZorvUmaGetPid();
+}
+
+// Buffers first, then the proc record: it wants a buffer. Under m_lock, so that finalisation sees all of it or none.
+static bool SetUpThread(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime)
+{
+    bool isReady = ZorvUmaAllocateCsBuf(pProfileInfo);
+    if (isReady && pProfileInfo->m_umtConfig.m_enable)
+        isReady = ZorvUmaCreateBuffers(&pProfileInfo->m_umtData, pProfileInfo->m_logFd);
+    if (isReady && pProfileInfo->m_umsConfig.m_enable)
+        isReady = ZorvUmaCreateBuffers(&pProfileInfo->m_umsData, pProfileInfo->m_logFd);
+    ZorvUmaWriteProcRecord(pProfileInfo, ZorvUmaGetTid(), nullptr, 0, startTime,
+                           static_cast<uint64_t>(ZorvUmaPthreadSelf()));
+    return isReady;
+}
+
+extern "C" bool ZorvUmaInitThread(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (pProfileInfo == nullptr)
+        return false;
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    uint64_t startTime = ZorvUmaGetTime();
+    ZorvUmaPthreadMutexLock(&pProfileInfo->m_lock);
+    bool isReady = !ZorvUmaIsCollectionStopped(pProfileInfo) && SetUpThread(pProfileInfo, startTime);
+    ZorvUmaPthreadMutexUnlock(&pProfileInfo->m_lock);
+    ZorvUmaLeaveAgent(&scope);
+    return isReady;
+}
+
+static void HandOverThreadBuffer(ZorvUmaData* pData, ZorvUmaBuffer** ppBuffer)
+{
+    ZorvUmaBuffer* pBuffer = *ppBuffer;
+    if (pBuffer == nullptr)
+        return;
+    *ppBuffer = nullptr; // a buffer is in at most one queue
+    ZorvStoreFenced(&pBuffer->m_state, ZORV_UMA_BUFFER_STATE_FULL);
+    ZorvUmaEnqueue(pData->m_pQueue, pBuffer);
+}
+
+static void HandOverThreadBuffers(ZorvUmaProfileInfo* pProfileInfo)
+{
+    ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
+    if (pThreadInfo == nullptr || !ZorvUmaBeginStreamUse(pProfileInfo))
+        return;
+    if (pProfileInfo->m_umsConfig.m_enable)
+        HandOverThreadBuffer(&pProfileInfo->m_umsData, &pThreadInfo->m_pUmsBuf);
+    if (pProfileInfo->m_umtConfig.m_enable)
+    {
+        HandOverThreadBuffer(&pProfileInfo->m_umtData, &pThreadInfo->m_pUmtBuf);
+        HandOverThreadBuffer(&pProfileInfo->m_umtData, &pThreadInfo->m_pUmtSpareBuf);
+    }
+    ZorvUmaSemPost(&pProfileInfo->m_semaphore);
+    ZorvUmaEndStreamUse(pProfileInfo);
+}
+
+extern "C" void ZorvUmaFiniThread(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (pProfileInfo == nullptr)
+        return;
+    if (IsMainThread())
+    {
+        ZorvUmaFiniProcess(pProfileInfo, false);
+        return;
+    }
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    ZorvUmaWriteThreadEndRecord(pProfileInfo, 0);
+    ZorvUmaSetStopCollection(true);
+    HandOverThreadBuffers(pProfileInfo);
+    ZorvUmaLeaveAgent(&scope);
+}
+
+// Destructor of the thread key: a cancelled thread passes nowhere else. Its buffers stay as they are, with the
+// provisional record of the wait that it was cancelled in; they are written at the end. A cancelled main thread ends
+// the collection like one that leaves by pthread_exit: else the writer would keep a process alive that ends natively.
+static void EndUnannouncedThread(void*)
+{
+    if (t_zorvState.m_pInfo == nullptr)
+        return;
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    if (IsMainThread())
+        ZorvUmaFiniProcess(ZorvUmaGetProfileInfo(), false);
+    ZorvUmaFreeThreadInfo();
+    ZorvUmaLeaveAgent(&scope);
+}
+
+static bool BeginThread(ZorvUmaProfileInfo* pProfileInfo)
+{
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    bool hasRecord = ZorvUmaAllocateThreadInfo(pProfileInfo) != nullptr;
+    if (!hasRecord)
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmtPthreadCreateWrapper",
+                    "Failed to allocate memoey in the thread (%d).", ZorvUmaGetTid());
+    else if (!ZorvUmaInitThread(pProfileInfo))
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmtPthreadCreateWrapper",
+                    "Failed to initialize the thread (%d).", ZorvUmaGetTid());
+    ZorvUmaLeaveAgent(&scope);
+    return hasRecord;
+}
+
+static void EndThread(ZorvUmtThreadWrapperArg* pArg)
+{
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    ZorvUmaProfileInfo* pProfileInfo = pArg->m_pProfileInfo;
+    // The routine may have forked, and this may be the child, with a record of its own.
+    if (pProfileInfo->m_pid != ZorvUmaGetPid())
+        pProfileInfo = ZorvUmaGetProfileInfo();
+    ZorvUmaFiniThread(pProfileInfo);
+    ZorvUmaFreeThreadInfo();
+    ZorvUmaFree(pArg);
+    ZorvUmaLeaveAgent(&scope);
+}
+
+extern "C" void* ZorvUmtPthreadCreateWrapper(void* pArg)
+{
+    auto pWrapperArg = static_cast<ZorvUmtThreadWrapperArg*>(pArg);
+    if (pWrapperArg == nullptr)
+        return nullptr;
+    if (pWrapperArg->m_pProfileInfo != nullptr && !BeginThread(pWrapperArg->m_pProfileInfo))
+        return nullptr; // without a record the routine is not run
+    void* pResult = nullptr;
+    if (pWrapperArg->m_pStartRoutine != nullptr)
+        pResult = pWrapperArg->m_pStartRoutine(pWrapperArg->m_pArg);
+    if (pWrapperArg->m_pProfileInfo != nullptr)
+        EndThread(pWrapperArg);
+    return pResult;
+}

@@ -1,0 +1,196 @@
+// What goes straight to the files at the start, and the thread that writes the full buffers.
+
+#include "ZorvRawSyscall.h"
+#include "ZorvUserModeTrace.h"
+#include "ZorvUserModeTraceLog.h"
+#include "ZorvUserModeTraceWriter.h"
+
+#include <linux/futex.h>
+
+namespace
+{
+
+constexpr int MAX_CPUS = 1024;
+// A pass of the poll costs some 20 us of system time. Resting this long, an idle writer stays below 2 % of a CPU,
+// sees stop and pause within 5 ms, and takes a full buffer within 4 ms.
+constexpr long FIRST_REST_NS = 500000;
+constexpr long LONGEST_REST_NS = 2000000;
+
+} // namespace
+
+// ---- file headers and counter metadata -------------------------------------------------------------------
+
+template <typename Hdr> static bool WriteHdr(int fd, const Hdr& hdr)
+{
+    return ZorvUmaWriteOwnFile(fd, &hdr, sizeof(hdr)) == static_cast<ssize_t>(sizeof(hdr));
+}
+
+extern "C" void ZorvUmaWriteFileHdr(const ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (pProfileInfo == nullptr)
+        return;
+    pid_t pid = ZorvUmaGetPid();
+    const ZorvMetadataFileHdr metadataHdr = {ZORV_FILE_MAGIC_NUM, static_cast<uint32_t>(pid), 0,
+                                             ZORV_METADATA_FILE_VERSION_1_0};
+    const ZorvUmtFileHdr streamHdr = {
+        ZORV_FILE_MAGIC_NUM, pid, pProfileInfo->m_umaConfig.m_mpiRankId, ZORV_UMT_FILE_VERSION_1_1, 0, 0};
+
+    if (pProfileInfo->m_metaDataFd >= 0 && !WriteHdr(pProfileInfo->m_metaDataFd, metadataHdr))
+        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to write the header into metadata file in process (%d).", pid);
+    if (pProfileInfo->m_umsConfig.m_enable && pProfileInfo->m_umsData.m_fd >= 0 &&
+        !WriteHdr(pProfileInfo->m_umsData.m_fd, streamHdr))
+        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to write the header into sampling file in process (%d).", pid);
+    if (pProfileInfo->m_umtConfig.m_enable && pProfileInfo->m_umtData.m_fd >= 0 &&
+        !WriteHdr(pProfileInfo->m_umtData.m_fd, streamHdr))
+        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to write the header into tracing file in process (%d).", pid);
+}
+
+static bool WriteMetadataParts(const ZorvUmaProfileInfo* pProfileInfo, const ZorvUmsRecordHdr& hdr, const void* pBody,
+                               size_t bodySize)
+{
+    int fd = pProfileInfo->m_umsData.m_fd;
+    if (fd < 0)
+    {
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmsWritePcmMetadata",
+                    "Invalid file descriptor for sampling data.");
+        return false;
+    }
+    if (!WriteHdr(fd, hdr))
+    {
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmsWritePcmMetadata",
+                    "Failed to write pmc meta data header.");
+        return false;
+    }
+    if (ZorvUmaWriteOwnFile(fd, pBody, bodySize) != static_cast<ssize_t>(bodySize))
+    {
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmsWritePcmMetadata", "Failed to write pmc meta data.");
+        return false;
+    }
+    return true;
+}
+
+extern "C" bool ZorvUmsWritePcmMetadata(const ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (ZorvUmaIsCollectionStopped(pProfileInfo) || !pProfileInfo->m_umsConfig.m_enable ||
+        pProfileInfo->m_umsConfig.m_nbrEvents == 0)
+        return false;
+    const ZorvUmsConfig* pConfig = &pProfileInfo->m_umsConfig;
+    size_t idsSize = sizeof(uint64_t) * pConfig->m_nbrEvents;
+    size_t bodySize = sizeof(ZorvUmsEventMetaData) + idsSize;
+    auto pBody = static_cast<ZorvUmsEventMetaData*>(ZorvUmaMalloc(bodySize));
+    if (pBody == nullptr)
+        return false;
+    *pBody = {pConfig->m_nbrEvents, 0};
+    ZorvUmaMemcpy(pBody + 1, pConfig->m_encodedEvents, idsSize);
+
+    const ZorvUmsRecordHdr hdr = {ZorvUmaGetPid(),
+                                  ZorvUmaGetTid(),
+                                  ZORV_UMS_RECORD_METADATA,
+                                  static_cast<uint16_t>(sizeof(ZorvUmsRecordHdr) + bodySize),
+                                  0,
+                                  pConfig->m_configFlags,
+                                  0};
+    bool isWritten = WriteMetadataParts(pProfileInfo, hdr, pBody, bodySize);
+    ZorvUmaFree(pBody);
+    return isWritten;
+}
+
+// ---- rest and wake ---------------------------------------------------------------------------------------
+
+// The instruction itself: libc's sleeping calls are traced ones and cancellation points.
+static void Rest(ZorvUmaProfileInfo* pProfileInfo, long nanoseconds)
+{
+    timespec timeout = {0, nanoseconds};
+    ZorvRawSyscall(SYS_futex, reinterpret_cast<long>(&pProfileInfo->m_writerSignal), FUTEX_WAIT_PRIVATE, 0,
+                   reinterpret_cast<long>(&timeout));
+}
+
+void ZorvUmaWakeWriter(ZorvUmaProfileInfo* pProfileInfo)
+{
+    __atomic_store_n(&pProfileInfo->m_writerSignal, 1, __ATOMIC_SEQ_CST);
+    ZorvRawSyscall(SYS_futex, reinterpret_cast<long>(&pProfileInfo->m_writerSignal), FUTEX_WAKE_PRIVATE, 1);
+}
+
+// ---- writer thread ---------------------------------------------------------------------------------------
+
+// Whatever CPUs and scheduling class the program gave to the thread that created it, the writer runs anywhere and
+// never ahead of the program's threads.
+static void LeaveProgramsScheduling()
+{
+    long cpus = ZorvUmaSysconf(_SC_NPROCESSORS_CONF);
+    if (cpus > 0)
+    {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        for (long cpu = 0; cpu < cpus && cpu < MAX_CPUS; cpu++)
+            CPU_SET(cpu, &set);
+        ZorvUmaPthreadSetAffinity(ZorvUmaPthreadSelf(), sizeof(set), &set);
+    }
+    if (ZorvRawSyscall(SYS_sched_getscheduler, 0) != SCHED_OTHER)
+    {
+        const sched_param param = {};
+        ZorvRawSyscall(SYS_sched_setscheduler, 0, SCHED_OTHER, reinterpret_cast<long>(&param));
+    }
+}
+
+// Whether a post was there to be taken.
+static bool DrainQueues(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (ZorvUmaSemWait(pProfileInfo) != 0)
+        return false;
+    if (pProfileInfo->m_umsConfig.m_enable)
+        ZorvUmaWriteBuffer(&pProfileInfo->m_umsData, pProfileInfo->m_logFd);
+    if (pProfileInfo->m_umtConfig.m_enable)
+        ZorvUmaWriteBuffer(&pProfileInfo->m_umtData, pProfileInfo->m_logFd);
+    return true;
+}
+
+static bool IsFlushing(const ZorvUmaProfileInfo* pProfileInfo)
+{
+    return __atomic_load_n(&pProfileInfo->m_isFlush, __ATOMIC_SEQ_CST);
+}
+
+static void RunWriter(ZorvUmaProfileInfo* pProfileInfo)
+{
+    long rest = FIRST_REST_NS;
+    while (!IsFlushing(pProfileInfo))
+    {
+        bool hasWorked = DrainQueues(pProfileInfo);
+        if (ZorvUmaIsStopSet(pProfileInfo) && !IsFlushing(pProfileInfo))
+            ZorvUmaFiniProcess(pProfileInfo, true);
+        if (IsFlushing(pProfileInfo))
+            return;
+        if (hasWorked)
+        {
+            rest = FIRST_REST_NS;
+            continue;
+        }
+        Rest(pProfileInfo, rest);
+        rest = rest * 2 < LONGEST_REST_NS ? rest * 2 : LONGEST_REST_NS;
+    }
+}
+
+extern "C" void* ZorvUmaWriterThread(void* pArg)
+{
+    auto pProfileInfo = static_cast<ZorvUmaProfileInfo*>(pArg);
+    if (pProfileInfo == nullptr)
+        return nullptr;
+    if (ZorvUmaAllocateThreadInfo(pProfileInfo) == nullptr)
+    {
+        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to allocate memory in writer thread.");
+        return nullptr;
+    }
+    LeaveProgramsScheduling();
+    ZorvUmaSetCurrentThreadName("ZorUmtWriter");
+    ZORV_LOG(pProfileInfo->m_logFd, INFO, "Writer thread id is (%d).", ZorvUmaGetTid());
+
+    RunWriter(pProfileInfo);
+
+    ZORV_LOG(pProfileInfo->m_logFd, INFO, "Timer overrun count (%lu).",
+             static_cast<unsigned long>(pProfileInfo->m_timerOverrunCnt));
+    ZORV_LOG(pProfileInfo->m_logFd, INFO, "Exit from the writer thread (%d).", ZorvUmaGetTid());
+    ZorvUmaFreeThreadInfo();
+    // Returning ends the thread like pthread_exit(NULL), which would make libc load its unwinder first, and that
+    // aborts a program whose descriptor table is full.
+    return nullptr;
+}
