@@ -7,12 +7,30 @@
 
 #include "ZorvUserModeTrace.h"
 
+#include <type_traits>
+
+// What a call answers while its real function cannot be found.
+enum class ZorvLookupFailure
+{
+    AllOnes, // -1, or the all-ones pointer
+    Zero,
+    FirstArgument,
+};
+
 // One exported entry of a libc name. Its address of the real function is also the funcVa of its records.
 struct ZorvEntryPoint
 {
     void* m_pReal; // null until found; kept for the life of the process
     const char* m_pName;
     const char* m_pVersion; // null: the next default one
+    ZorvLookupFailure m_failure;
+};
+
+// The record that a call leaves: its sub-type and the event class that switches it.
+struct ZorvCallClass
+{
+    uint16_t m_type; // ZorvPthreadType under ZORV_UMT_EVENT_PTHREAD, else ZorvSysCallType
+    ZorvUmtEventId m_event;
 };
 
 struct ZorvUmtThreadWrapperArg
@@ -22,10 +40,16 @@ struct ZorvUmtThreadWrapperArg
     ZorvUmaProfileInfo* m_pProfileInfo;
 };
 
-// A traced call between its two halves. No destructor is pending over the real call: a cancelled thread skips it.
+// A call to be traced, and its state between the two halves. No destructor is pending over the real call: a cancelled
+// thread skips it.
 struct ZorvTracedCall
 {
     ZorvUmaProfileInfo* m_pProfileInfo;
+    uint64_t m_funcVa;
+    uint64_t m_value; // lock address of a pthread record, sysValue of a system-call record
+    ZorvCallClass m_class;
+    uint16_t m_flags;
+
     uint64_t m_startTime;
     uint64_t m_startPauseId;
     ZorvUmaBuffer* m_pCacheBuf; // holds the provisional record
@@ -35,6 +59,20 @@ struct ZorvTracedCall
 
 // Finds the real function; prints a message and gives null when it is not there. errno is kept.
 void* ZorvFindReal(ZorvEntryPoint* pEntry);
+// Looks up, silently, what is not known yet.
+void ZorvResolveEntries(ZorvEntryPoint* const* pEntries, size_t count);
+void ZorvUmtResolvePthreadEntries();
+void ZorvUmtResolveSyscallEntries();
+
+// The halves of a traced call; each keeps errno. Begin before the real call, End or EndIf behind it.
+void ZorvBeginCall(ZorvTracedCall* pCall);                   // takes pause id and time
+void ZorvBeginParkedCall(ZorvTracedCall* pCall);             // the same, and parks a provisional record
+void ZorvEndParkedCall(ZorvTracedCall* pCall, int result);   // completes or withdraws it
+void ZorvEndCall(ZorvTracedCall* pCall, int result);         // writes a whole record, if it was long enough
+void ZorvEndCallAnyLength(ZorvTracedCall* pCall, int result); // the same without a threshold
+
+// Nanoseconds of an absolute deadline, as double precision gives them; 0 for none.
+uint64_t ZorvDeadlineNs(const timespec* pDeadline);
 
 inline void* ZorvRealOf(ZorvEntryPoint* pEntry)
 {
@@ -45,24 +83,143 @@ inline void* ZorvRealOf(ZorvEntryPoint* pEntry)
 // Whether the class may be traced at all: one load and one test. The full test follows where it says yes.
 inline bool ZorvIsGateOpen(ZorvUmtEventId event)
 {
-    return g_pTraceGate[event].m_enable;
+    return __atomic_load_n(&g_pTraceGate, __ATOMIC_RELAXED)[event].m_enable;
 }
 
-// Looks every entry point up, silently, while the agent starts.
+// Looks every entry point up while the agent starts.
 void ZorvUmtResolveInterposers();
 
 // Whether an object ahead of the agent answers for the trace test.
 bool ZorvUmtIsTraceTestReplaced();
 
+// ---- patterns --------------------------------------------------------------------------------------------
+
+template <typename R, typename... P> static inline R ZorvCallReal(void* pReal, P... arguments)
+{
+    return reinterpret_cast<R (*)(P...)>(pReal)(arguments...);
+}
+
+template <typename R> static inline int ZorvResultAsInt(R result)
+{
+    if constexpr (std::is_integral_v<R>)
+        return static_cast<int>(result);
+    else
+        return 0;
+}
+
+template <typename R, typename First, typename... Rest>
+static inline R ZorvFailureResult(ZorvLookupFailure failure, [[maybe_unused]] First first, Rest...)
+{
+    if constexpr (std::is_integral_v<First> && std::is_integral_v<R>)
+        if (failure == ZorvLookupFailure::FirstArgument)
+            return static_cast<R>(first);
+    return (R)(failure == ZorvLookupFailure::Zero ? 0L : -1L);
+}
+
+template <typename R> static inline R ZorvFailureResult(ZorvLookupFailure failure)
+{
+    return (R)(failure == ZorvLookupFailure::Zero ? 0L : -1L);
+}
+
+template <typename First, typename... Rest> static inline uint64_t ZorvFirstArgument(First first, Rest...)
+{
+    return (uint64_t)first; // a pointer or a handle
+}
+
+// Runs the real call between two halves; void calls have no result to hand on.
+template <void (*begin)(ZorvTracedCall*), void (*end)(ZorvTracedCall*, int), typename R, typename... P>
+static inline R ZorvRunBetween(ZorvTracedCall* pCall, void* pReal, P... arguments)
+{
+    begin(pCall);
+    if constexpr (std::is_void_v<R>)
+    {
+        ZorvCallReal<R>(pReal, arguments...);
+        end(pCall, 0);
+    }
+    else
+    {
+        R result = ZorvCallReal<R>(pReal, arguments...);
+        end(pCall, ZorvResultAsInt(result));
+        return result;
+    }
+}
+
+// A call that may block for long: with a provisional record over it.
+struct ZorvParkedPattern
+{
+    template <typename... P> static bool Wants(const ZorvUmaProfileInfo* pProfileInfo, ZorvUmtEventId event, P...)
+    {
+        return ZorvUmtIsTraceEvent(pProfileInfo, event);
+    }
+    template <typename R, typename... P> static inline R Run(ZorvTracedCall* pCall, void* pReal, P... arguments)
+    {
+        return ZorvRunBetween<ZorvBeginParkedCall, ZorvEndParkedCall, R>(pCall, pReal, arguments...);
+    }
+};
+
+// A call that is over soon: one whole record behind it.
+struct ZorvDirectPattern
+{
+    template <typename... P> static bool Wants(const ZorvUmaProfileInfo* pProfileInfo, ZorvUmtEventId event, P...)
+    {
+        return ZorvUmtIsTraceEvent(pProfileInfo, event);
+    }
+    template <typename R, typename... P> static inline R Run(ZorvTracedCall* pCall, void* pReal, P... arguments)
+    {
+        return ZorvRunBetween<ZorvBeginCall, ZorvEndCall, R>(pCall, pReal, arguments...);
+    }
+};
+
+// An entry of a pattern: the gate in place, all else out of line.
+template <typename Pattern, ZorvEntryPoint* pEntry, ZorvCallClass callClass, typename Pointer> struct ZorvGatedCall;
+
+template <typename Pattern, ZorvEntryPoint* pEntry, ZorvCallClass callClass, typename R, typename... P>
+struct ZorvGatedCall<Pattern, pEntry, callClass, R (*)(P...)>
+{
+    static __attribute__((noinline)) R BehindGate(P... arguments)
+    {
+        void* pReal = ZorvRealOf(pEntry);
+        if (ZORV_UNLIKELY(pReal == nullptr))
+        {
+            if constexpr (std::is_void_v<R>)
+                return;
+            else
+                return ZorvFailureResult<R>(pEntry->m_failure, arguments...);
+        }
+        ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
+        if (!Pattern::Wants(pProfileInfo, callClass.m_event, arguments...))
+            return ZorvCallReal<R>(pReal, arguments...);
+
+        ZorvTracedCall call;
+        call.m_pProfileInfo = pProfileInfo;
+        call.m_funcVa = reinterpret_cast<uint64_t>(pReal);
+        call.m_class = callClass;
+        call.m_flags = ZORV_UMT_FLAG_NONE;
+        if constexpr (callClass.m_event == ZORV_UMT_EVENT_PTHREAD)
+            call.m_value = ZorvFirstArgument(arguments...);
+        else
+            call.m_value = 0;
+        return Pattern::template Run<R>(&call, pReal, arguments...);
+    }
+
+    static inline R Call(P... arguments)
+    {
+        void* pReal = pEntry->m_pReal;
+        if (ZORV_LIKELY(pReal != nullptr && !ZorvIsGateOpen(callClass.m_event)))
+            return ZorvCallReal<R>(pReal, arguments...);
+        return BehindGate(arguments...);
+    }
+};
+
 // ---- entries of a row ------------------------------------------------------------------------------------
 
 // One exported function: entry point, prototype and pattern. The traced half is told the entry as a template
 // argument, so that the untraced call keeps its registers and ends in a jump.
-#define ZORV_INTERPOSER_ENTRY(pattern, detail, function, name, count, version)                                        \
-    static ZorvEntryPoint g_entry##function = {nullptr, #name, version};                                              \
+#define ZORV_INTERPOSER_ENTRY(pattern, detail, function, name, count, version, failure)                               \
+    static ZorvEntryPoint g_entry##function = {nullptr, #name, version, ZorvLookupFailure::failure};                  \
     extern "C" ZORV_EXPORT ZorvResult<decltype(&::name)> function(ZORV_PARAMETERS_##count(decltype(&::name)))         \
     {                                                                                                                 \
-        return pattern<&g_entry##function, detail, ZorvPointer<decltype(&::name)>>::Call(ZORV_ARGUMENTS_##count);     \
+        return pattern<&g_entry##function, detail, decltype(&function)>::Call(ZORV_ARGUMENTS_##count);                \
     }
 
 #define ZORV_VERSION_2_2_5 "GLIBC_2.2.5"
@@ -83,14 +240,18 @@ bool ZorvUmtIsTraceTestReplaced();
     asm(".symver " #function ", " #name separator version)
 
 // The three entries of a versioned name: name@OLD, name@@NEW, and weak name@@OLD with the next default function.
-#define ZORV_INTERPOSE_VERSIONED(pattern, detail, function, name, count, oldVersion, newVersion)                      \
-    ZORV_INTERPOSER_ENTRY(pattern, detail, function##_##oldVersion, name, count, ZORV_VERSION_##oldVersion)           \
-    ZORV_INTERPOSER_ENTRY(pattern, detail, function##_##newVersion, name, count, ZORV_VERSION_##newVersion)           \
-    ZORV_INTERPOSER_ENTRY(pattern, detail, function, name, count, nullptr)                                            \
+#define ZORV_INTERPOSE_VERSIONED(pattern, detail, function, name, count, oldVersion, newVersion, failure)             \
+    ZORV_INTERPOSER_ENTRY(pattern, detail, function##_##oldVersion, name, count, ZORV_VERSION_##oldVersion, failure)  \
+    ZORV_INTERPOSER_ENTRY(pattern, detail, function##_##newVersion, name, count, ZORV_VERSION_##newVersion, failure)  \
+    ZORV_INTERPOSER_ENTRY(pattern, detail, function, name, count, nullptr, failure)                                   \
     ZORV_VERSIONED_NAME(function##_##oldVersion, name, "@", ZORV_VERSION_##oldVersion);                               \
     ZORV_VERSIONED_NAME(function##_##newVersion, name, "@@", ZORV_VERSION_##newVersion);                              \
     ZORV_WEAK_NAME(function, name);
 
-#define ZORV_INTERPOSE_SINGLE(pattern, detail, function, name, count)                                                 \
-    ZORV_INTERPOSER_ENTRY(pattern, detail, function, name, count, nullptr)                                            \
+#define ZORV_INTERPOSE_SINGLE(pattern, detail, function, name, count, failure)                                        \
+    ZORV_INTERPOSER_ENTRY(pattern, detail, function, name, count, nullptr, failure)                                   \
     ZORV_WEAK_NAME(function, name);
+
+// The same rows once more, as the addresses of their entry points.
+#define ZORV_VERSIONED_ENTRIES(function, oldVersion, newVersion)                                                      \
+    &g_entry##function##_##oldVersion, &g_entry##function##_##newVersion, &g_entry##function,
