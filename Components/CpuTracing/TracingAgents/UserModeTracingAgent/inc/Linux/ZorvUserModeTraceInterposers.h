@@ -59,10 +59,6 @@ struct ZorvTracedCall
 
 // Finds the real function; prints a message and gives null when it is not there. errno is kept.
 void* ZorvFindReal(ZorvEntryPoint* pEntry);
-// Looks up, silently, what is not known yet.
-void ZorvResolveEntries(ZorvEntryPoint* const* pEntries, size_t count);
-void ZorvUmtResolvePthreadEntries();
-void ZorvUmtResolveSyscallEntries();
 
 // The halves of a traced call; each keeps errno. Begin before the real call, End or EndIf behind it.
 void ZorvBeginCall(ZorvTracedCall* pCall);                   // takes pause id and time
@@ -86,7 +82,10 @@ inline bool ZorvIsGateOpen(ZorvUmtEventId event)
     return __atomic_load_n(&g_pTraceGate, __ATOMIC_RELAXED)[event].m_enable;
 }
 
-// Looks every entry point up while the agent starts.
+// Every entry point stands in this section, so that the start of the agent can look all of them up.
+#define ZORV_ENTRY_SECTION __attribute__((section("zorv_entries"), used))
+
+// Looks up, silently, every real function that is not known yet.
 void ZorvUmtResolveInterposers();
 
 // Whether an object ahead of the agent answers for the trace test.
@@ -216,7 +215,8 @@ struct ZorvGatedCall<Pattern, pEntry, callClass, R (*)(P...)>
 // One exported function: entry point, prototype and pattern. The traced half is told the entry as a template
 // argument, so that the untraced call keeps its registers and ends in a jump.
 #define ZORV_INTERPOSER_ENTRY(pattern, detail, function, name, count, version, failure)                               \
-    static ZorvEntryPoint g_entry##function = {nullptr, #name, version, ZorvLookupFailure::failure};                  \
+    static ZORV_ENTRY_SECTION ZorvEntryPoint g_entry##function = {nullptr, #name, version,                            \
+                                                                  ZorvLookupFailure::failure};                        \
     extern "C" ZORV_EXPORT ZorvResult<decltype(&::name)> function(ZORV_PARAMETERS_##count(decltype(&::name)))         \
     {                                                                                                                 \
         return pattern<&g_entry##function, detail, decltype(&function)>::Call(ZORV_ARGUMENTS_##count);                \
@@ -251,7 +251,3 @@ struct ZorvGatedCall<Pattern, pEntry, callClass, R (*)(P...)>
 #define ZORV_INTERPOSE_SINGLE(pattern, detail, function, name, count, failure)                                        \
     ZORV_INTERPOSER_ENTRY(pattern, detail, function, name, count, nullptr, failure)                                   \
     ZORV_WEAK_NAME(function, name);
-
-// The same rows once more, as the addresses of their entry points.
-#define ZORV_VERSIONED_ENTRIES(function, oldVersion, newVersion)                                                      \
-    &g_entry##function##_##oldVersion, &g_entry##function##_##newVersion, &g_entry##function,

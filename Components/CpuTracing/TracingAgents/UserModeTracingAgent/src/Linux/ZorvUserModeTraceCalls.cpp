@@ -5,6 +5,9 @@
 #include <cerrno>
 #include <dlfcn.h>
 
+extern "C" __attribute__((visibility("hidden"))) ZorvEntryPoint __start_zorv_entries[];
+extern "C" __attribute__((visibility("hidden"))) ZorvEntryPoint __stop_zorv_entries[];
+
 // ---- real functions --------------------------------------------------------------------------------------
 
 static void* FindReal(ZorvEntryPoint* pEntry)
@@ -25,17 +28,12 @@ ZORV_COLD void* ZorvFindReal(ZorvEntryPoint* pEntry)
     return pReal;
 }
 
-void ZorvResolveEntries(ZorvEntryPoint* const* pEntries, size_t count)
-{
-    for (size_t i = 0; i < count; i++)
-        if (pEntries[i]->m_pReal == nullptr)
-            FindReal(pEntries[i]);
-}
-
 void ZorvUmtResolveInterposers()
 {
     int savedErrno = errno;
-    ZorvUmtResolvePthreadEntries();
+    for (ZorvEntryPoint* pEntry = __start_zorv_entries; pEntry != __stop_zorv_entries; pEntry++)
+        if (pEntry->m_pReal == nullptr)
+            FindReal(pEntry);
     dlerror(); // what is not there is not the program's error
     errno = savedErrno;
 }

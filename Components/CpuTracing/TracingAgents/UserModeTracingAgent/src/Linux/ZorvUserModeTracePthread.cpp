@@ -201,16 +201,3 @@ template <ZorvEntryPoint* pEntry, ZorvCallClass, typename> struct SetName
 #include "ZorvUserModeTracePthread.def"
 #undef ZORV_PTHREAD
 #undef ZORV_PTHREAD_SINGLE
-
-void ZorvUmtResolvePthreadEntries()
-{
-    static ZorvEntryPoint* const entries[] = {
-#define ZORV_PTHREAD(pattern, type, call, name, count, oldVersion, newVersion)                                        \
-    ZORV_VERSIONED_ENTRIES(ZorvInterpose##call, oldVersion, newVersion)
-#define ZORV_PTHREAD_SINGLE(pattern, type, call, name, count) &g_entryZorvInterpose##call,
-#include "ZorvUserModeTracePthread.def"
-#undef ZORV_PTHREAD
-#undef ZORV_PTHREAD_SINGLE
-    };
-    ZorvResolveEntries(entries, sizeof(entries) / sizeof(entries[0]));
-}

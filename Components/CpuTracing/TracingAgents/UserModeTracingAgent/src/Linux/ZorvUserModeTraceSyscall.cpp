@@ -1,0 +1,87 @@
+// Interposers of the system calls, expanded from their table: the class of a row says how it is timed.
+
+#include "ZorvUserModeTraceInterposers.h"
+
+#include <mqueue.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/file.h>
+#include <sys/io.h>
+#include <sys/mount.h>
+#include <sys/msg.h>
+#include <sys/ptrace.h>
+#include <sys/select.h>
+#include <sys/sem.h>
+#include <sys/sendfile.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+#include <sys/swap.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
+#undef wait // nothing may stand between a row and its libc name
+
+// Names that libc exports for compiled programs without declaring them, and one of libnuma's.
+extern "C"
+{
+int __open_2(const char* pPath, int flags);
+int __open64_2(const char* pPath, int flags);
+int __openat_2(int dirFd, const char* pPath, int flags);
+int __openat64_2(int dirFd, const char* pPath, int flags);
+ssize_t __read_chk(int fd, void* pBuf, size_t count, size_t bufSize);
+ssize_t __pread_chk(int fd, void* pBuf, size_t count, off_t offset, size_t bufSize);
+ssize_t __pread64_chk(int fd, void* pBuf, size_t count, off64_t offset, size_t bufSize);
+ssize_t __recv_chk(int fd, void* pBuf, size_t count, size_t bufSize, int flags);
+ssize_t __recvfrom_chk(int fd, void* pBuf, size_t count, size_t bufSize, int flags, struct sockaddr* pAddr,
+                       socklen_t* pAddrLen);
+int __poll_chk(struct pollfd* pFds, nfds_t count, int timeout, size_t fdsSize);
+int __ppoll_chk(struct pollfd* pFds, nfds_t count, const timespec* pTimeout, const sigset_t* pMask, size_t fdsSize);
+long move_pages(int pid, unsigned long count, void** ppPages, const int* pNodes, int* pStatus, int flags);
+}
+
+namespace
+{
+
+// The classes, and whether a call of the class may block for long.
+struct Sleep
+{
+    using Pattern = ZorvParkedPattern;
+    static constexpr ZorvCallClass CLASS = {ZORV_SYSCALL_TYPE_SLEEP, ZORV_UMT_EVENT_SLEEP};
+};
+struct EventWait
+{
+    using Pattern = ZorvParkedPattern;
+    static constexpr ZorvCallClass CLASS = {ZORV_SYSCALL_TYPE_EVENT_WAIT, ZORV_UMT_EVENT_WAIT};
+};
+struct ResourceWait
+{
+    using Pattern = ZorvParkedPattern;
+    static constexpr ZorvCallClass CLASS = {ZORV_SYSCALL_TYPE_RESOURCE_WAIT, ZORV_UMT_EVENT_LOCK};
+};
+struct IoSync
+{
+    using Pattern = ZorvParkedPattern;
+    static constexpr ZorvCallClass CLASS = {ZORV_SYSCALL_TYPE_IO_SYNC, ZORV_UMT_EVENT_IO_SYNC};
+};
+struct Io
+{
+    using Pattern = ZorvDirectPattern;
+    static constexpr ZorvCallClass CLASS = {ZORV_SYSCALL_TYPE_IO, ZORV_UMT_EVENT_IO};
+};
+struct Other
+{
+    using Pattern = ZorvDirectPattern;
+    static constexpr ZorvCallClass CLASS = {ZORV_SYSCALL_TYPE_OTHER, ZORV_UMT_EVENT_SYSCALL};
+};
+
+} // namespace
+
+template <ZorvEntryPoint* pEntry, typename Class, typename Pointer>
+using OfClass = ZorvGatedCall<typename Class::Pattern, pEntry, Class::CLASS, Pointer>;
+
+#define ZORV_SYSCALL(class, call, name, count)                                                                        \
+    ZORV_INTERPOSE_SINGLE(OfClass, class, ZorvInterpose##call, name, count, AllOnes)
+#define ZORV_SYSCALL_OR(class, call, name, count, failure)                                                            \
+    ZORV_INTERPOSE_SINGLE(OfClass, class, ZorvInterpose##call, name, count, failure)
+#define ZORV_SYSCALL_VERSIONED(class, call, name, count, oldVersion, newVersion)                                      \
+    ZORV_INTERPOSE_VERSIONED(OfClass, class, ZorvInterpose##call, name, count, oldVersion, newVersion, AllOnes)
+#include "ZorvUserModeTraceSyscall.def"
