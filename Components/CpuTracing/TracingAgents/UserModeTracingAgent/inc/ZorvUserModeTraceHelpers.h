@@ -200,6 +200,9 @@ struct ZorvThreadState
     uint32_t m_lostCount;    // trace records lost by this thread
     uint32_t m_agentDepth;   // nesting of ZorvUmaEnterAgent
     bool m_isAppending;      // between the reservation and the publication of a trace record
+    bool m_isDying;          // the process is about to end: nothing is allocated or freed any more
+    bool m_isAgentThread;
+    bool m_mayAllocate;      // set in a scope: no handler of the program has interrupted its allocator here
 };
 extern __attribute__((visibility("hidden"), tls_model("initial-exec"))) thread_local ZorvThreadState t_zorvState;
 
@@ -222,12 +225,32 @@ void ZorvUmaLeaveAgent(const ZorvAgentScope* pScope);
 bool ZorvUmaBeginStreamUse(ZorvUmaProfileInfo* pProfileInfo);
 void ZorvUmaEndStreamUse(ZorvUmaProfileInfo* pProfileInfo);
 
+// Takes charge of a descriptor that the agent has just opened: moves it out of the program's way (never 0 to 2,
+// close-on-exec) and remembers the file. Null path: it cannot be opened again. The new number, or -1.
+int ZorvUmaKeepFile(int fd, const char* pPath, int flags);
+// Closes the descriptor, unless it has become the program's.
+void ZorvUmaCloseKeptFile(int fd);
+void ZorvUmaForgetKeptFile(int fd); // somebody else closes it
+// fsync(2), close, -1: nobody writes to a number that is about to be given away.
+void ZorvUmaSyncAndClose(int* pFd);
+// Whether the number still stands for the agent's file, as it does for one that was never kept.
+bool ZorvUmaIsStillOwn(int fd);
+// The number under which the file can be written: the same, a new one where the program has taken it, or -1.
+int ZorvUmaOwnDescriptor(int fd);
+// In a forked child: closes what the agent keeps there of its parent.
+void ZorvUmaDropParentsFiles();
 // Writes to a file of the agent. A file-size limit never raises its signal in the program (setrlimit(2)).
 // Result as ZorvUmaWrite.
 ssize_t ZorvUmaWriteOwnFile(int fd, const void* pBuf, size_t count);
 
 // Fills with zeroes what is not zero already: fresh pages stay untouched and cost no memory.
 void ZorvUmaZeroStorage(char* pStorage, size_t size);
+
+// A buffer that comes from the kernel, READY and on the list: for a thread that may have been interrupted inside its
+// allocator. Null without memory.
+ZorvUmaBuffer* ZorvUmtMapNewBuffer(ZorvUmaData* pData);
+// Frees, unless the process is about to end anyway and its thread may be inside the allocator.
+void ZorvUmaRelease(void* pMemory);
 
 // Ids from memory: no system call on the way of a record.
 pid_t ZorvUmaCachedTid();

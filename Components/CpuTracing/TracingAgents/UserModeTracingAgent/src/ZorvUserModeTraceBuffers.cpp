@@ -67,9 +67,16 @@ static ZorvUmaBuffer MakeBuffer()
     return buffer;
 }
 
+// Node and storage in one mapping: for a thread that may not allocate.
+static bool IsFromKernel(const ZorvUmaBuffer* pBuffer)
+{
+    return pBuffer->m_pData == reinterpret_cast<const char*>(pBuffer) + PAGE_STEP;
+}
+
 static void ForgetStorage(ZorvUmaBuffer* pBuffer)
 {
-    ZorvUmaFree(pBuffer->m_pData);
+    if (!IsFromKernel(pBuffer))
+        ZorvUmaRelease(pBuffer->m_pData);
     pBuffer->m_pData = nullptr;
     pBuffer->m_dataLen = 0;
     pBuffer->m_cacheLen = 0;
@@ -85,18 +92,17 @@ static void EmptyBuffer(ZorvUmaBuffer* pBuffer)
     ZorvStoreFenced(&pBuffer->m_state, ZORV_UMA_BUFFER_STATE_READY);
 }
 
+void ZorvUmaRelease(void* pMemory)
+{
+    if (!t_zorvState.m_isDying)
+        ZorvUmaFree(pMemory);
+}
+
 // ---- list ------------------------------------------------------------------------------------------------
 
-extern "C" ZorvUmaBuffer* ZorvUmaInsertIntoList(ZorvUmaData* pData, ZorvUmaBuffer buffer)
+// Null for a list that has a head and no end.
+static ZorvUmaBuffer* LinkNode(ZorvUmaData* pData, ZorvUmaListNode* pNode)
 {
-    if (pData == nullptr)
-        return nullptr;
-    auto pNode = static_cast<ZorvUmaListNode*>(ZorvUmaMalloc(sizeof(ZorvUmaListNode)));
-    if (pNode == nullptr)
-        return nullptr;
-    pNode->m_buffer = buffer;
-    pNode->m_pNext = nullptr;
-
     ZorvUmaBuffer* pInserted = &pNode->m_buffer;
     ZorvUmaPthreadMutexLock(&pData->m_lock);
     if (pData->m_pBufList == nullptr)
@@ -113,6 +119,31 @@ extern "C" ZorvUmaBuffer* ZorvUmaInsertIntoList(ZorvUmaData* pData, ZorvUmaBuffe
         pInserted = nullptr;
     ZorvUmaPthreadMutexUnlock(&pData->m_lock);
     return pInserted;
+}
+
+extern "C" ZorvUmaBuffer* ZorvUmaInsertIntoList(ZorvUmaData* pData, ZorvUmaBuffer buffer)
+{
+    if (pData == nullptr)
+        return nullptr;
+    auto pNode = static_cast<ZorvUmaListNode*>(ZorvUmaMalloc(sizeof(ZorvUmaListNode)));
+    if (pNode == nullptr)
+        return nullptr;
+    pNode->m_buffer = buffer;
+    pNode->m_pNext = nullptr;
+    return LinkNode(pData, pNode);
+}
+
+ZorvUmaBuffer* ZorvUmtMapNewBuffer(ZorvUmaData* pData)
+{
+    uint32_t size = static_cast<uint32_t>(ZorvUmaSysconf(_SC_PAGESIZE)) * PAGES_PER_BUFFER;
+    void* pMemory = ZorvUmaMmap(nullptr, PAGE_STEP + size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (pMemory == MAP_FAILED)
+        return nullptr;
+    auto pNode = static_cast<ZorvUmaListNode*>(pMemory);
+    pNode->m_buffer.m_state = ZORV_UMA_BUFFER_STATE_READY;
+    pNode->m_buffer.m_bufSize = size;
+    pNode->m_buffer.m_pData = static_cast<char*>(pMemory) + PAGE_STEP;
+    return LinkNode(pData, pNode);
 }
 
 extern "C" bool ZorvUmaCreateBuffers(ZorvUmaData* pData, int logFd)
@@ -207,7 +238,7 @@ extern "C" void ZorvUmaDestroyQueue(ZorvUmaProfileInfo* pProfileInfo)
     {
         if (pData->m_pQueue == nullptr)
             continue;
-        ZorvUmaFree(pData->m_pQueue);
+        ZorvUmaRelease(pData->m_pQueue);
         pData->m_pQueue = nullptr;
     }
 }
@@ -264,7 +295,8 @@ extern "C" bool ZorvUmaOpenFileForWrite(const char* pDirPath, int* pFd, const ch
     }
     char path[PATH_SIZE] = {};
     ZorvUmaSnprintf(path, sizeof(path), "%s/%s_%s_%d.%s", pDirPath, pFileName, hostName, ZorvUmaGetPid(), pFormat);
-    *pFd = fnOpenFile(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+    *pFd = ZorvUmaKeepFile(fnOpenFile(path, flags, 0644), path, flags);
     if (*pFd < 0)
     {
         ZORV_LOG(logFd, ERROR, "Failed to open the file (%s) : %s.", path, ZorvUmaStrerror(errno));
@@ -277,6 +309,7 @@ extern "C" bool ZorvUmaOpenFileForWrite(const char* pDirPath, int* pFd, const ch
 // buffer is written again at the end of the process.
 static bool WriteWhole(int fd, const char* pBytes, uint32_t size)
 {
+    fd = ZorvUmaOwnDescriptor(fd);
     long start = fd < 0 ? -1 : ZorvRawSyscall(SYS_lseek, fd, 0, SEEK_CUR);
     if (ZorvUmaWriteOwnFile(fd, pBytes, size) == static_cast<ssize_t>(size))
         return true;
@@ -364,16 +397,12 @@ extern "C" bool ZorvUmaFiniDataWriting(ZorvUmaData* pData, int logFd, bool)
         if (pNode->m_buffer.m_pData != nullptr && !WriteAndFreeBuffer(pData, &pNode->m_buffer, logFd) &&
             pNode == pData->m_pBufList)
             isHeadFree = false;
+    // The others stay: a thread may still hold the address of a buffer in any of them.
     if (isHeadFree)
-        ZorvUmaFree(pData->m_pBufList);
+        ZorvUmaRelease(pData->m_pBufList);
     pData->m_pBufList = nullptr;
 
-    if (pData->m_fd >= 0)
-    {
-        ZorvUmaFsync(pData->m_fd);
-        ZorvUmaClose(pData->m_fd);
-        pData->m_fd = -1;
-    }
+    ZorvUmaSyncAndClose(&pData->m_fd);
     if (pData->m_isTrace)
         ZORV_LOG(logFd, INFO, "Lost trace records count = %lu", static_cast<unsigned long>(pData->m_lostRecordCount));
     else

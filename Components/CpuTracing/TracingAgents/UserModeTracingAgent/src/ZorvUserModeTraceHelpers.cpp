@@ -36,6 +36,9 @@ void ZorvUmaEnterAgent(ZorvAgentScope* pScope)
         sigfillset(&all);
         pthread_sigmask(SIG_SETMASK, &all, &pScope->m_signals);
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &pScope->m_cancelState);
+        // A handler of the program runs with its own signal blocked, and may have interrupted the allocator.
+        t_zorvState.m_mayAllocate =
+            !t_zorvState.m_isDying && (t_zorvState.m_isAgentThread || sigisemptyset(&pScope->m_signals) != 0);
     }
     t_zorvState.m_agentDepth++;
 }
@@ -97,32 +100,7 @@ void ZorvUmaForgetCachedIds()
     g_cachedPid = 0;
 }
 
-// ---- files of the agent ----------------------------------------------------------------------------------
-
-ssize_t ZorvUmaWriteOwnFile(int fd, const void* pBuf, size_t count)
-{
-    sigset_t sizeSignal;
-    sigset_t before;
-    sigset_t pending;
-    sigemptyset(&sizeSignal);
-    sigaddset(&sizeSignal, SIGXFSZ);
-    pthread_sigmask(SIG_BLOCK, &sizeSignal, &before);
-    sigpending(&pending);
-
-    ssize_t written = ZorvUmaWrite(fd, pBuf, count);
-
-    int savedErrno = errno;
-    if (written == -1 && savedErrno == EFBIG && sigismember(&pending, SIGXFSZ) == 0)
-    {
-        // Take back the signal that this write raised, and only that one.
-        timespec now = {};
-        ZorvRawSyscall(SYS_rt_sigtimedwait, reinterpret_cast<long>(&sizeSignal), 0, reinterpret_cast<long>(&now),
-                       _NSIG / 8);
-    }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    errno = savedErrno;
-    return written;
-}
+// ---- log and error files ----------------------------------------------------------------------------------
 
 extern "C" bool ZorvUmaOpenLogAndErrorFile(ZorvUmaProfileInfo* pProfileInfo)
 {
@@ -143,10 +121,10 @@ extern "C" bool ZorvUmaOpenLogAndErrorFile(ZorvUmaProfileInfo* pProfileInfo)
     char path[PATH_SIZE] = {};
     ZorvUmaSnprintf(path, sizeof(path), "%s/%s/ZorvUmtAgent_%s_%s_%d.txt", pSessionDir, ".log", hostName, threadName,
                     pid);
-    pProfileInfo->m_logFd = fnOpenFile(path, flags, 0644);
+    pProfileInfo->m_logFd = ZorvUmaKeepFile(fnOpenFile(path, flags, 0644), path, flags);
     ZorvUmaSnprintf(path, sizeof(path), "%s/%s/ZorvUmtError_%s_%s_%d.err", pSessionDir, ".error", hostName,
                     threadName, pid);
-    pProfileInfo->m_errFd = fnOpenFile(path, flags, 0644);
+    pProfileInfo->m_errFd = ZorvUmaKeepFile(fnOpenFile(path, flags, 0644), path, flags);
     return pProfileInfo->m_logFd >= 0 && pProfileInfo->m_errFd >= 0;
 }
 
@@ -158,10 +136,7 @@ extern "C" void ZorvUmaCloseLogAndErrorFile(ZorvUmaProfileInfo* pProfileInfo)
     {
         if (*pFd < 0)
             continue;
-        int fd = *pFd;
-        __atomic_store_n(pFd, -1, __ATOMIC_SEQ_CST); // nobody writes to a number that is about to be given away
-        ZorvUmaFsync(fd);
-        ZorvUmaClose(fd);
+        ZorvUmaSyncAndClose(pFd);
     }
 }
 
@@ -193,20 +168,35 @@ static size_t FittingLength(int formatted, size_t room)
     return static_cast<size_t>(formatted) < room ? static_cast<size_t>(formatted) : room - 1;
 }
 
-static void WriteLogLine(int fd, ZorvUmaLogType logType, const char* pFunction, int line, const char* pFormat,
-                         va_list list)
+static void FormatAndWriteLine(char* pLine, int fd, ZorvUmaLogType logType, const char* pFunction, int line,
+                               const char* pFormat, va_list list)
 {
-    // Never given back: freeing would let the log path call back into an allocator that the program has replaced.
-    auto pLine = static_cast<char*>(ZorvUmaMalloc(LOG_LINE_SIZE));
-    if (pLine == nullptr)
-        return;
     ZorvUmaMemset(pLine, 0, LOG_LINE_SIZE);
     size_t length = FittingLength(FormatLogPrefix(pLine, logType, pFunction, line), LOG_TEXT_SIZE);
     size_t room = LOG_TEXT_SIZE - length;
     length += FittingLength(ZorvUmaVsnprintf(pLine + length, room, pFormat, list), room);
     pLine[length++] = '\n';
+    fd = ZorvUmaOwnDescriptor(fd);
     if (ZorvUmaWriteOwnFile(fd, pLine, length) == static_cast<ssize_t>(length))
         ZorvUmaFsync(fd);
+}
+
+static void WriteLogLine(int fd, ZorvUmaLogType logType, const char* pFunction, int line, const char* pFormat,
+                         va_list list)
+{
+    // A child of vfork(2) shares its parent's allocator, and may end at any moment.
+    const ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
+    bool isForeign = pProfileInfo != nullptr && pProfileInfo->m_pid != ZorvUmaGetPid();
+    if (isForeign || !t_zorvState.m_mayAllocate)
+    {
+        char onStack[LOG_LINE_SIZE];
+        FormatAndWriteLine(onStack, fd, logType, pFunction, line, pFormat, list);
+        return;
+    }
+    // Never given back: freeing would let the log path call back into an allocator that the program has replaced.
+    auto pLine = static_cast<char*>(ZorvUmaMalloc(LOG_LINE_SIZE));
+    if (pLine != nullptr)
+        FormatAndWriteLine(pLine, fd, logType, pFunction, line, pFormat, list);
 }
 
 extern "C" int ZorvUmaWriteLogFile(int fd, ZorvUmaLogType logType, const char* pFunction, int line,
@@ -313,6 +303,7 @@ extern "C" bool ZorvUmaInitSharedMemory(ZorvUmaProfileInfo* pProfileInfo)
     void* pAddr = fnOpenSharedMemory(pProfileInfo->m_umaConfig.m_shmName, sizeof(ZorvAgentSharedInfo), &fd);
     if (pAddr == nullptr)
         return false;
+    fd = ZorvUmaKeepFile(fd, nullptr, 0);
     pProfileInfo->m_pMappedAddr = pAddr;
     pProfileInfo->m_shmFd = fd;
     // A mapping that failed counts as success; its flags stay null and read as unset.
@@ -344,7 +335,11 @@ extern "C" bool ZorvUmaFiniSharedMemory(ZorvUmaProfileInfo* pProfileInfo)
     pProfileInfo->m_pIsStopped = nullptr;
     pProfileInfo->m_pPauseId = nullptr;
     pProfileInfo->m_pMappedAddr = nullptr;
-    fnCloseSharedMemory(pProfileInfo->m_shmFd, pAddr, sizeof(ZorvAgentSharedInfo));
+    if (ZorvUmaIsStillOwn(pProfileInfo->m_shmFd))
+        fnCloseSharedMemory(pProfileInfo->m_shmFd, pAddr, sizeof(ZorvAgentSharedInfo));
+    else if (pAddr != MAP_FAILED)
+        ZorvUmaMunmap(pAddr, sizeof(ZorvAgentSharedInfo));
+    ZorvUmaForgetKeptFile(pProfileInfo->m_shmFd);
     return true;
 }
 

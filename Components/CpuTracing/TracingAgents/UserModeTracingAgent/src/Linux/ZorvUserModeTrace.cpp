@@ -146,10 +146,10 @@ extern "C" void ZorvUmaFreeThreadInfo()
     if (pProfileInfo != nullptr && pProfileInfo->m_threadCount > 0)
         __atomic_sub_fetch(&pProfileInfo->m_threadCount, 1, __ATOMIC_SEQ_CST);
     if (pThreadInfo->m_pUmsCsBuf != nullptr)
-        ZorvUmaFree(pThreadInfo->m_pUmsCsBuf);
+        ZorvUmaRelease(pThreadInfo->m_pUmsCsBuf);
     if (pThreadInfo->m_pUmtCsBuf != nullptr)
-        ZorvUmaFree(pThreadInfo->m_pUmtCsBuf);
-    ZorvUmaFree(pThreadInfo);
+        ZorvUmaRelease(pThreadInfo->m_pUmtCsBuf);
+    ZorvUmaRelease(pThreadInfo);
     ZorvUmaLeaveAgent(&scope);
 }
 
@@ -268,6 +268,7 @@ extern "C" bool ZorvUmaInitProcess(ZorvUmaProfileInfo* pProfileInfo)
         ZorvStoreFenced(&pProfileInfo->m_isProcessInitialized, true);
         ZorvUmaWriteFileHdr(pProfileInfo);
         ZorvUmsWritePcmMetadata(pProfileInfo);
+        fnWriteProcessMaps(ZorvUmaGetPid(), pProfileInfo->m_metaDataFd);
         ZorvUmaWriteProcRecord(pProfileInfo, ZorvUmaGetTid(), nullptr, 0, startTime, 0);
     }
     ZorvUmaLeaveAgent(&scope);
@@ -290,6 +291,7 @@ extern "C" __attribute__((constructor)) void ZorvUmaInit()
     if (g_isConstructed)
         return;
     g_isConstructed = true;
+    g_pWriteMmapBytes = ZorvUmaWriteOwnFile;
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
     g_hasThreadKey = pthread_key_create(&g_threadKey, EndUnannouncedThread) == 0;
@@ -307,14 +309,25 @@ extern "C" __attribute__((constructor)) void ZorvUmaInit()
 
 // ---- end of the process ----------------------------------------------------------------------------------
 
+// exit(3) may have been called in a signal handler: then its thread may be inside the allocator.
+static void FiniAtExit()
+{
+    sigset_t blocked;
+    bool wasDying = t_zorvState.m_isDying;
+    if (pthread_sigmask(SIG_SETMASK, nullptr, &blocked) == 0 && sigisemptyset(&blocked) == 0)
+        t_zorvState.m_isDying = true;
+    ZorvUmaFiniProcess(ZorvUmaGetProfileInfo(), false);
+    t_zorvState.m_isDying = wasDying;
+}
+
 extern "C" void ZorvUmaExitHandler()
 {
-    ZorvUmaFiniProcess(ZorvUmaGetProfileInfo(), false);
+    FiniAtExit();
 }
 
 extern "C" __attribute__((destructor)) void ZorvUmaFini()
 {
-    ZorvUmaFiniProcess(ZorvUmaGetProfileInfo(), false);
+    FiniAtExit();
 }
 
 static void LeaveForeignProcess(ZorvUmaProfileInfo* pProfileInfo, pid_t pid)
@@ -362,16 +375,6 @@ static bool WaitForStreamUsers(const ZorvUmaProfileInfo* pProfileInfo)
     return false;
 }
 
-static void CloseFile(int* pFd)
-{
-    int fd = *pFd;
-    if (fd < 0)
-        return;
-    __atomic_store_n(pFd, -1, __ATOMIC_SEQ_CST);
-    ZorvUmaFsync(fd);
-    ZorvUmaClose(fd);
-}
-
 static void FinishStreams(ZorvUmaProfileInfo* pProfileInfo, bool isFromWriterThread)
 {
     if (pProfileInfo->m_umtConfig.m_enable)
@@ -385,9 +388,9 @@ static void FinishStreams(ZorvUmaProfileInfo* pProfileInfo, bool isFromWriterThr
         ZorvUmaFiniDataWriting(&pProfileInfo->m_umsData, pProfileInfo->m_logFd, false);
     }
     // A stream that has a directory but is disabled has an open, empty file.
-    CloseFile(&pProfileInfo->m_umtData.m_fd);
-    CloseFile(&pProfileInfo->m_umsData.m_fd);
-    CloseFile(&pProfileInfo->m_metaDataFd);
+    ZorvUmaSyncAndClose(&pProfileInfo->m_umtData.m_fd);
+    ZorvUmaSyncAndClose(&pProfileInfo->m_umsData.m_fd);
+    ZorvUmaSyncAndClose(&pProfileInfo->m_metaDataFd);
 }
 
 static void FinaliseProcess(ZorvUmaProfileInfo* pProfileInfo, bool isFromWriterThread)

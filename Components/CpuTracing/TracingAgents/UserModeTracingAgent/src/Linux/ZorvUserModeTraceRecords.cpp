@@ -53,12 +53,18 @@ static void HandOverTraceBuffer(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaBuffer*
                     "Failed to perform post on semaphore.");
 }
 
+static ZorvUmaBuffer* AddTraceBuffer(ZorvUmaProfileInfo* pProfileInfo)
+{
+    return t_zorvState.m_mayAllocate ? ZorvUmtAllocateNewBuffer(&pProfileInfo->m_umtData, pProfileInfo->m_logFd)
+                                     : ZorvUmtMapNewBuffer(&pProfileInfo->m_umtData);
+}
+
 // A buffer that was added for this thread is READY for all: claim it like any other, and add the next if it is gone.
 static ZorvUmaBuffer* ClaimTraceBuffer(ZorvUmaProfileInfo* pProfileInfo)
 {
     ZorvUmaData* pData = &pProfileInfo->m_umtData;
     ZorvUmaBuffer* pBuffer = ZorvUmaGetFreeBuffer(pData);
-    while (pBuffer == nullptr && ZorvUmtAllocateNewBuffer(pData, pProfileInfo->m_logFd) != nullptr)
+    while (pBuffer == nullptr && AddTraceBuffer(pProfileInfo) != nullptr)
         pBuffer = ZorvUmaGetFreeBuffer(pData);
     return pBuffer;
 }

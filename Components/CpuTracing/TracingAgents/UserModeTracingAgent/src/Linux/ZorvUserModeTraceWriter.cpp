@@ -175,6 +175,7 @@ extern "C" void* ZorvUmaWriterThread(void* pArg)
     auto pProfileInfo = static_cast<ZorvUmaProfileInfo*>(pArg);
     if (pProfileInfo == nullptr)
         return nullptr;
+    t_zorvState.m_isAgentThread = true;
     if (ZorvUmaAllocateThreadInfo(pProfileInfo) == nullptr)
     {
         ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to allocate memory in writer thread.");

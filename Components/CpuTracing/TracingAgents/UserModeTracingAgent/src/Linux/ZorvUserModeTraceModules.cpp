@@ -1,0 +1,289 @@
+// Modules that arrive while the program runs: dlopen, dlmopen, and executable file mappings.
+//
+// The loader looks for a bare name where the caller's module says, and the caller of the real dlopen is the agent. So
+// the program's own caller is found from the return address, and what only its module would have found is looked for
+// here: the directories of its RUNPATH, and $ORIGIN in the name itself.
+
+#include "ZorvAgentUtils.h"
+#include "ZorvRawSyscall.h"
+#include "ZorvUserModeTraceInterposers.h"
+#include "ZorvUserModeTraceLog.h"
+
+#include <cerrno>
+#include <dlfcn.h>
+#include <elf.h>
+#include <link.h>
+#include <sys/stat.h>
+
+namespace
+{
+
+constexpr size_t PATH_SIZE = 4096;
+
+// How a row opens: with the flags and, for dlmopen, the name space of the call.
+struct Opening
+{
+    void* m_pReal;
+    const char* m_pFile;
+    int m_mode;
+    Lmid_t m_space;
+    bool m_hasSpace;
+};
+
+void* Open(const Opening& opening, const char* pFile, int extraMode)
+{
+    int mode = opening.m_mode | extraMode;
+    return opening.m_hasSpace ? ZorvCallReal<void*>(opening.m_pReal, opening.m_space, pFile, mode)
+                              : ZorvCallReal<void*>(opening.m_pReal, pFile, mode);
+}
+
+} // namespace
+
+// ---- where the caller's module looks ---------------------------------------------------------------------
+
+static struct link_map* ModuleOf(const void* pAddress)
+{
+    Dl_info info;
+    struct link_map* pMap = nullptr;
+    if (dladdr1(pAddress, &info, reinterpret_cast<void**>(&pMap), RTLD_DL_LINKMAP) == 0)
+        return nullptr;
+    return pMap;
+}
+
+static bool HasSearchPath(const struct link_map* pMap)
+{
+    for (const ElfW(Dyn)* pEntry = pMap->l_ld; pEntry != nullptr && pEntry->d_tag != DT_NULL; pEntry++)
+        if (pEntry->d_tag == DT_RUNPATH || pEntry->d_tag == DT_RPATH)
+            return true;
+    return false;
+}
+
+// The loader passes over a file that is no shared object for this machine; so does this search.
+static bool IsLoadable(const char* pPath)
+{
+    int fd = ZorvUmaOpen(pPath, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    ElfW(Ehdr) header;
+    bool isRead = ZorvUmaRead(fd, &header, sizeof(header)) == static_cast<ssize_t>(sizeof(header));
+    ZorvUmaClose(fd);
+    return isRead && ZorvUmaStrncmp(reinterpret_cast<const char*>(header.e_ident), ELFMAG, SELFMAG) == 0 &&
+           header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_machine == EM_X86_64;
+}
+
+static bool JoinPath(char* pPath, const char* pDir, const char* pFile)
+{
+    int length = ZorvUmaSnprintf(pPath, PATH_SIZE, "%s/%s", pDir, pFile);
+    return length > 0 && static_cast<size_t>(length) < PATH_SIZE;
+}
+
+// The first file of that name in the directories that the caller's module adds, in the loader's order.
+static bool FindOnCallersPath(struct link_map* pMap, const char* pFile, char* pPath)
+{
+    Dl_serinfo size;
+    if (dlinfo(pMap, RTLD_DI_SERINFOSIZE, &size) != 0)
+        return false;
+    auto pList = static_cast<Dl_serinfo*>(ZorvUmaMalloc(size.dls_size));
+    if (pList == nullptr)
+        return false;
+    bool isFound = false;
+    pList->dls_size = size.dls_size;
+    pList->dls_cnt = size.dls_cnt;
+    if (dlinfo(pMap, RTLD_DI_SERINFO, pList) == 0)
+        for (unsigned int i = 0; i < pList->dls_cnt && !isFound; i++)
+        {
+            const Dl_serpath* pEntry = &pList->dls_serpath[i];
+            if ((pEntry->dls_flags & LA_SER_DEFAULT) != 0)
+                break; // from here on every caller looks alike
+            isFound = JoinPath(pPath, pEntry->dls_name, pFile) && IsLoadable(pPath);
+        }
+    ZorvUmaFree(pList);
+    return isFound;
+}
+
+// Replaces a leading $ORIGIN or ${ORIGIN} by the directory of the caller's module.
+static bool ExpandOrigin(struct link_map* pMap, const char* pFile, char* pPath)
+{
+    size_t length = ZorvUmaStrncmp(pFile, "$ORIGIN", 7) == 0 ? 7 : ZorvUmaStrncmp(pFile, "${ORIGIN}", 9) == 0 ? 9 : 0;
+    if (length == 0 || (pFile[length] != '/' && pFile[length] != '\0'))
+        return false;
+    char origin[PATH_SIZE];
+    if (dlinfo(pMap, RTLD_DI_ORIGIN, origin) != 0)
+        return false;
+    int joined = ZorvUmaSnprintf(pPath, PATH_SIZE, "%s%s", origin, pFile + length);
+    return joined > 0 && static_cast<size_t>(joined) < PATH_SIZE;
+}
+
+// What the loader would open for that caller; null: what it is called is enough. May open an object that is loaded.
+static void* OpenAsCaller(const Opening& opening, const void* pCaller)
+{
+    const char* pFile = opening.m_pFile;
+    bool isBare = pFile != nullptr && pFile[0] != '\0' && ZorvUmaStrchr(pFile, '/') == nullptr;
+    bool hasOrigin = pFile != nullptr && ZorvUmaStrstr(pFile, "ORIGIN") != nullptr && pFile[0] == '$';
+    if (!isBare && !hasOrigin)
+        return nullptr;
+    struct link_map* pMap = ModuleOf(pCaller);
+    char path[PATH_SIZE];
+    if (pMap == nullptr)
+        return nullptr;
+    if (hasOrigin)
+        return ExpandOrigin(pMap, pFile, path) ? Open(opening, path, 0) : nullptr;
+    if (!HasSearchPath(pMap))
+        return nullptr;
+    // An object that is loaded under this name is taken before any directory is looked at.
+    void* pHandle = Open(opening, pFile, RTLD_NOLOAD);
+    if (pHandle == nullptr && FindOnCallersPath(pMap, pFile, path))
+        pHandle = Open(opening, path, 0);
+    return pHandle;
+}
+
+// ---- dlopen, dlmopen -------------------------------------------------------------------------------------
+
+static void ListModules(const char* pFunction)
+{
+    ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
+    if (pProfileInfo == nullptr || pProfileInfo->m_metaDataFd < 0)
+        return;
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    if (ZorvUmaBeginStreamUse(pProfileInfo))
+    {
+        if (pProfileInfo->m_metaDataFd >= 0 && !fnWriteProcessMaps(ZorvUmaGetPid(), pProfileInfo->m_metaDataFd))
+            ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, pFunction, "Failed to write mmap records in dlopen.");
+        ZorvUmaEndStreamUse(pProfileInfo);
+    }
+    ZorvUmaLeaveAgent(&scope);
+}
+
+static void* OpenAndList(const Opening& opening, const void* pCaller, const char* pFunction)
+{
+    int savedErrno = errno;
+    void* pHandle = OpenAsCaller(opening, pCaller);
+    errno = savedErrno;
+    if (pHandle == nullptr)
+        pHandle = Open(opening, opening.m_pFile, 0);
+    savedErrno = errno;
+    if (pHandle != nullptr)
+        ListModules(pFunction);
+    errno = savedErrno;
+    return pHandle;
+}
+
+#define ZORV_DLOPEN_ENTRY(function, version)                                                                          \
+    static ZORV_ENTRY_SECTION ZorvEntryPoint g_entry##function = {nullptr, "dlopen", version, ZorvLookupFailure::Zero}; \
+    extern "C" ZORV_EXPORT void* function(const char* pFile, int mode)                                                \
+    {                                                                                                                 \
+        void* pReal = ZorvRealOf(&g_entry##function);                                                                 \
+        const Opening opening = {pReal, pFile, mode, 0, false};                                                       \
+        return pReal == nullptr ? nullptr : OpenAndList(opening, __builtin_return_address(0), #function);             \
+    }
+#define ZORV_DLMOPEN_ENTRY(function, version)                                                                         \
+    static ZORV_ENTRY_SECTION ZorvEntryPoint g_entry##function = {nullptr, "dlmopen", version,                        \
+                                                                  ZorvLookupFailure::Zero};                           \
+    extern "C" ZORV_EXPORT void* function(Lmid_t space, const char* pFile, int mode)                                  \
+    {                                                                                                                 \
+        void* pReal = ZorvRealOf(&g_entry##function);                                                                 \
+        const Opening opening = {pReal, pFile, mode, space, true};                                                    \
+        return pReal == nullptr ? nullptr : OpenAndList(opening, __builtin_return_address(0), #function);             \
+    }
+
+ZORV_DLOPEN_ENTRY(ZorvInterposeDlopen_2_2_5, ZORV_VERSION_2_2_5)
+ZORV_DLOPEN_ENTRY(ZorvInterposeDlopen_2_34, ZORV_VERSION_2_34)
+ZORV_DLOPEN_ENTRY(ZorvInterposeDlopen, nullptr)
+ZORV_VERSIONED_NAME(ZorvInterposeDlopen_2_2_5, dlopen, "@", ZORV_VERSION_2_2_5);
+ZORV_VERSIONED_NAME(ZorvInterposeDlopen_2_34, dlopen, "@@", ZORV_VERSION_2_34);
+ZORV_WEAK_NAME(ZorvInterposeDlopen, dlopen);
+
+ZORV_DLMOPEN_ENTRY(ZorvInterposeDlmopen_2_3_4, ZORV_VERSION_2_3_4)
+ZORV_DLMOPEN_ENTRY(ZorvInterposeDlmopen_2_34, ZORV_VERSION_2_34)
+ZORV_DLMOPEN_ENTRY(ZorvInterposeDlmopen, nullptr)
+ZORV_VERSIONED_NAME(ZorvInterposeDlmopen_2_3_4, dlmopen, "@", ZORV_VERSION_2_3_4);
+ZORV_VERSIONED_NAME(ZorvInterposeDlmopen_2_34, dlmopen, "@@", ZORV_VERSION_2_34);
+ZORV_WEAK_NAME(ZorvInterposeDlmopen, dlmopen);
+
+// ---- mmap ------------------------------------------------------------------------------------------------
+
+// The file behind the descriptor; its length, or 0 with the failure logged.
+static ssize_t ReadFilePath(const ZorvUmaProfileInfo* pProfileInfo, const char* pLink, char* pPath)
+{
+    ssize_t length = ZorvUmaReadlink(pLink, pPath, PATH_SIZE);
+    if (length < 1 || pPath[0] == '\0')
+    {
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvInterposeMmap", "Failed to read symbolic link %s : %s.", pLink,
+                    ZorvUmaStrerror(errno));
+        return 0;
+    }
+    if (length == static_cast<ssize_t>(PATH_SIZE))
+        length--; // room for the terminator
+    pPath[length] = '\0';
+    return length;
+}
+
+static void RecordMapping(ZorvUmaProfileInfo* pProfileInfo, void* pAddr, size_t size, int fd)
+{
+    uint64_t now = ZorvUmaGetTime();
+    struct stat status;
+    char link[128] = {};
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) ||
+        ZorvUmaSnprintf(link, sizeof(link), "/proc/%d/task/%d/fd/%d", ZorvUmaGetPid(), ZorvUmaGetTid(), fd) < 1)
+        return;
+    auto pPath = static_cast<char*>(ZorvUmaCalloc(1, PATH_SIZE));
+    if (pPath == nullptr)
+    {
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvInterposeMmap",
+                    "Failed to allocate memory to read symbolic link %s.", link);
+        return;
+    }
+    ssize_t length = ReadFilePath(pProfileInfo, link, pPath);
+    auto start = reinterpret_cast<uint64_t>(pAddr);
+    if (length > 0 && !fnWriteMmapRecord(now, start, start + size, pProfileInfo->m_metaDataFd, pPath,
+                                         static_cast<int>(length), ZorvUmaGetPid()))
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvInterposeMmap", "Failed to write mmap record in mmap.");
+    ZorvUmaFree(pPath);
+}
+
+static void* MapTraced(ZorvUmaProfileInfo* pProfileInfo, void* pReal, void* pAddr, size_t size, int protection,
+                       int flags, int fd, off_t offset)
+{
+    if (!ZorvUmtIsTraceEvent(pProfileInfo, ZORV_UMT_EVENT_SYSCALL))
+        return ZorvCallReal<void*>(pReal, pAddr, size, protection, flags, fd, offset);
+    ZorvTracedCall call = {};
+    call.m_pProfileInfo = pProfileInfo;
+    call.m_funcVa = reinterpret_cast<uint64_t>(pReal);
+    call.m_class = {ZORV_SYSCALL_TYPE_OTHER, ZORV_UMT_EVENT_SYSCALL};
+    ZorvBeginCall(&call);
+    void* pMapping = ZorvCallReal<void*>(pReal, pAddr, size, protection, flags, fd, offset);
+    call.m_value = reinterpret_cast<uint64_t>(pMapping);
+    ZorvEndCall(&call, 0);
+    return pMapping;
+}
+
+template <ZorvEntryPoint* pEntry, typename, typename> struct Map
+{
+    static void* Call(void* pAddr, size_t size, int protection, int flags, int fd, off_t offset)
+    {
+        ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
+        void* pReal = ZorvRealOf(pEntry);
+        if (pReal == nullptr)
+            return MAP_FAILED;
+        if (pProfileInfo == nullptr || !pProfileInfo->m_isProcessInitialized || pProfileInfo->m_isFlush ||
+            ZorvUmaIsStopSet(pProfileInfo))
+            return ZorvCallReal<void*>(pReal, pAddr, size, protection, flags, fd, offset);
+
+        void* pMapping = MapTraced(pProfileInfo, pReal, pAddr, size, protection, flags, fd, offset);
+        if (pMapping == MAP_FAILED || (protection & PROT_EXEC) == 0 || fd == -1)
+            return pMapping;
+        ZorvAgentScope scope;
+        ZorvUmaEnterAgent(&scope);
+        if (ZorvUmaBeginStreamUse(pProfileInfo))
+        {
+            RecordMapping(pProfileInfo, pMapping, size, fd);
+            ZorvUmaEndStreamUse(pProfileInfo);
+        }
+        ZorvUmaLeaveAgent(&scope);
+        return pMapping;
+    }
+};
+
+ZORV_INTERPOSE_SINGLE(Map, void, ZorvInterposeMmap, mmap, 6, AllOnes)
+ZORV_INTERPOSE_SINGLE(Map, void, ZorvInterposeMmap64, mmap64, 6, AllOnes)

@@ -1,0 +1,156 @@
+// Calls that reach into the agent's own state: the profiling signal, a thread's name, and raw system calls.
+
+#include "ZorvUserModeTraceInterposers.h"
+#include "ZorvUserModeTraceProcess.h"
+
+#include <cerrno>
+#include <linux/futex.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+
+extern "C" __sighandler_t __sysv_signal(int sig, __sighandler_t handler) noexcept;
+
+// ---- sigaction, signal -----------------------------------------------------------------------------------
+
+static bool IsProfilingSignal(int sig)
+{
+    const ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
+    // While no signal is configured its number is 0, which is no signal at all.
+    return sig != 0 && pProfileInfo != nullptr && sig == pProfileInfo->m_umsConfig.m_timerSignalNum;
+}
+
+static bool IsRealHandler(__sighandler_t handler)
+{
+    return handler != SIG_DFL && handler != SIG_IGN;
+}
+
+static bool InstallsHandler(const struct sigaction* pAction)
+{
+    if (pAction == nullptr)
+        return false;
+    if ((pAction->sa_flags & SA_SIGINFO) != 0)
+        return pAction->sa_sigaction != nullptr;
+    return IsRealHandler(pAction->sa_handler);
+}
+
+// The program takes the agent's signal: the launcher is told, and the process ends, one way or the other.
+static ZORV_COLD void RefuseSignal(int sig)
+{
+    int savedErrno = errno;
+    if (!ZorvUmaWriteErrorFile(ZorvUmaGetProfileInfo(), ZORV_AGENT_ERROR_PROFILING_SIGNAL))
+    {
+        ZorvUmaFprintf(stderr,
+                       "ERROR : Application has own signal handler for signal (%d). Provide un-used realtime signal "
+                       "with --profiling-signal.\n",
+                       sig);
+        ZorvUmaFileFlush(stderr);
+        ZorvUmaExit(0);
+    }
+    errno = savedErrno;
+}
+
+template <ZorvEntryPoint* pEntry, typename, typename Pointer>
+using OtherCall =
+    ZorvGatedCall<ZorvDirectPattern, pEntry, ZorvCallClass{ZORV_SYSCALL_TYPE_OTHER, ZORV_UMT_EVENT_SYSCALL}, Pointer>;
+
+template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct GuardedSigaction
+{
+    static int Call(int sig, const struct sigaction* pAction, struct sigaction* pOldAction)
+    {
+        if (ZORV_UNLIKELY(IsProfilingSignal(sig) && InstallsHandler(pAction)))
+            RefuseSignal(sig);
+        return OtherCall<pEntry, Detail, Pointer>::Call(sig, pAction, pOldAction);
+    }
+};
+
+template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct GuardedSignal
+{
+    static __sighandler_t Call(int sig, __sighandler_t handler)
+    {
+        if (ZORV_UNLIKELY(IsProfilingSignal(sig) && IsRealHandler(handler)))
+            RefuseSignal(sig);
+        return OtherCall<pEntry, Detail, Pointer>::Call(sig, handler);
+    }
+};
+
+ZORV_INTERPOSE_SINGLE(GuardedSigaction, void, ZorvInterposeSigaction, sigaction, 3, AllOnes)
+ZORV_INTERPOSE_SINGLE(GuardedSignal, void, ZorvInterposeSignal, signal, 2, Zero)
+ZORV_INTERPOSE_SINGLE(GuardedSignal, void, ZorvInterposeSysvSignal, __sysv_signal, 2, Zero)
+
+// ---- prctl -----------------------------------------------------------------------------------------------
+
+static void WriteNewName(ZorvUmaProfileInfo* pProfileInfo)
+{
+    int savedErrno = errno;
+    char name[ZORV_RECORD_NAME_SIZE] = {};
+    if (ZorvUmaGetThreadName(name) == 0)
+        ZorvUmaWriteProcRecord(pProfileInfo, ZorvUmaGetTid(), name, static_cast<int>(ZorvUmaStrlen(name)),
+                               ZorvUmaGetTime(), 0);
+    errno = savedErrno;
+}
+
+template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct NamingPrctl
+{
+    static int Call(int option, unsigned long a2, unsigned long a3, unsigned long a4, unsigned long a5)
+    {
+        ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
+        void* pReal = ZorvRealOf(pEntry);
+        if (pReal == nullptr)
+            return -1;
+        if (ZorvUmaIsCollectionStopped(pProfileInfo))
+            return ZorvCallReal<int>(pReal, option, a2, a3, a4, a5);
+        int result = OtherCall<pEntry, Detail, Pointer>::Call(option, a2, a3, a4, a5);
+        if (option == PR_SET_NAME && result == 0)
+            WriteNewName(pProfileInfo);
+        return result;
+    }
+};
+
+ZORV_INTERPOSE_SINGLE(NamingPrctl, void, ZorvInterposePrctl, prctl, 1_4WORDS, AllOnes)
+
+// ---- syscall ---------------------------------------------------------------------------------------------
+
+// The waiting operations of futex(2), as bits of their numbers.
+static constexpr uint32_t g_waitingFutexOps = 1U << FUTEX_WAIT | 1U << FUTEX_LOCK_PI | 1U << FUTEX_TRYLOCK_PI |
+                                              1U << FUTEX_WAIT_BITSET | 1U << FUTEX_WAIT_REQUEUE_PI;
+static_assert(g_waitingFutexOps == 0xb41);
+
+static bool IsWaitingFutex(unsigned long operation)
+{
+    auto plain = static_cast<uint32_t>(operation) & ~static_cast<uint32_t>(FUTEX_PRIVATE_FLAG | FUTEX_CLOCK_REALTIME);
+    return plain <= FUTEX_WAIT_REQUEUE_PI && (g_waitingFutexOps >> plain & 1U) != 0;
+}
+
+template <ZorvEntryPoint* pEntry, typename, typename> struct RawSyscall
+{
+    static __attribute__((noinline)) long Futex(void* pReal, unsigned long a1, unsigned long a2, unsigned long a3,
+                                                unsigned long a4, unsigned long a5, unsigned long a6)
+    {
+        constexpr long number = SYS_futex;
+        ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
+        if (!ZorvUmtIsTraceEvent(pProfileInfo, ZORV_UMT_EVENT_LOCK))
+            return ZorvCallReal<long>(pReal, number, a1, a2, a3, a4, a5, a6);
+        ZorvTracedCall call;
+        call.m_pProfileInfo = pProfileInfo;
+        call.m_funcVa = number;
+        call.m_value = a1;
+        call.m_class = {ZORV_SYSCALL_TYPE_RESOURCE_WAIT, ZORV_UMT_EVENT_LOCK};
+        call.m_flags = ZORV_UMT_FLAG_SYSCALL_ID;
+        return ZorvParkedPattern::Run<long>(&call, pReal, number, a1, a2, a3, a4, a5, a6);
+    }
+
+    static long Call(long number, unsigned long a1, unsigned long a2, unsigned long a3, unsigned long a4,
+                     unsigned long a5, unsigned long a6)
+    {
+        void* pReal = ZorvRealOf(pEntry);
+        if (ZORV_UNLIKELY(pReal == nullptr))
+            return -1;
+        if (number == SYS_futex && IsWaitingFutex(a2))
+            return Futex(pReal, a1, a2, a3, a4, a5, a6);
+        if (ZORV_UNLIKELY(number == SYS_exit || number == SYS_exit_group))
+            ZorvUmaFiniDyingProcess();
+        return ZorvCallReal<long>(pReal, number, a1, a2, a3, a4, a5, a6);
+    }
+};
+
+ZORV_INTERPOSE_SINGLE(RawSyscall, void, ZorvInterposeSyscall, syscall, 1_6WORDS, AllOnes)
