@@ -72,6 +72,8 @@ ZORV_EXPORT bool ZorvUmaCloseLibHandles();
 
 // The handle of an object that is already loaded, or null; through the loader's own dlopen(3).
 void* ZorvUmaOpenLoadedObject(const char* pName);
+// Any object, with the given flags, likewise.
+void* ZorvUmaOpenObject(const char* pName, int flags);
 
 // Looks every wrapper up, silently, before the program can be interrupted inside a first call.
 void ZorvUmaResolveWrappers();

@@ -189,12 +189,17 @@ extern "C" long ZorvUmaPerfEventOpen(struct perf_event_attr* pAttr, pid_t pid, i
 }
 
 // The loader's own dlopen: the agent interposes the name.
-void* ZorvUmaOpenLoadedObject(const char* pName)
+void* ZorvUmaOpenObject(const char* pName, int flags)
 {
     static void* (*pOpen)(const char*, int);
     if (pOpen == nullptr)
         pOpen = reinterpret_cast<void* (*)(const char*, int)>(dlsym(RTLD_NEXT, "dlopen"));
-    return pOpen == nullptr ? nullptr : pOpen(pName, RTLD_NOW | RTLD_NOLOAD);
+    return pOpen == nullptr ? nullptr : pOpen(pName, flags);
+}
+
+void* ZorvUmaOpenLoadedObject(const char* pName)
+{
+    return ZorvUmaOpenObject(pName, RTLD_NOW | RTLD_NOLOAD);
 }
 
 extern "C" int fnLibLoadCallback(struct dl_phdr_info* pInfo, size_t, void* pData)

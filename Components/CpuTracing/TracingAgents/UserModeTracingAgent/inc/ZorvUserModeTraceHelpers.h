@@ -202,6 +202,8 @@ struct ZorvThreadState
     bool m_isAppending;      // between the reservation and the publication of a trace record
     bool m_isDying;          // the process is about to end: nothing is allocated or freed any more
     bool m_isAgentThread;
+    bool m_isUnwinding; // what the thread calls now is the unwinder's doing
+    bool m_canUnwind;   // the unwinder's first use on this thread is behind it
     bool m_mayAllocate;      // set in a scope: no handler of the program has interrupted its allocator here
 };
 extern __attribute__((visibility("hidden"), tls_model("initial-exec"))) thread_local ZorvThreadState t_zorvState;

@@ -9,6 +9,7 @@
 #include "ZorvRawSyscall.h"
 #include "ZorvUserModeTraceInterposers.h"
 #include "ZorvUserModeTraceLog.h"
+#include "ZorvUserModeTraceSampling.h"
 #include "ZorvUserModeTraceWriter.h"
 
 #include <cerrno>
@@ -270,6 +271,7 @@ extern "C" bool ZorvUmaInitProcess(ZorvUmaProfileInfo* pProfileInfo)
         ZorvUmsWritePcmMetadata(pProfileInfo);
         fnWriteProcessMaps(ZorvUmaGetPid(), pProfileInfo->m_metaDataFd);
         ZorvUmaWriteProcRecord(pProfileInfo, ZorvUmaGetTid(), nullptr, 0, startTime, 0);
+        isStarted = ZorvUmaConfigureTimerAndPmc(pProfileInfo);
     }
     ZorvUmaLeaveAgent(&scope);
     return isStarted;
@@ -283,6 +285,7 @@ static void StopInForkedChild()
 {
     ZorvUmaForgetCachedIds();
     t_zorvState.m_agentDepth = 0;
+    ZorvUmsForgetTurn();
     ZorvUmaSetStopCollection(true);
 }
 
@@ -396,6 +399,9 @@ static void FinishStreams(ZorvUmaProfileInfo* pProfileInfo, bool isFromWriterThr
 static void FinaliseProcess(ZorvUmaProfileInfo* pProfileInfo, bool isFromWriterThread)
 {
     bool isUnused = WaitForStreamUsers(pProfileInfo);
+    ZorvUmsDestroyTimer(pProfileInfo, t_zorvState.m_pInfo);
+    if (pProfileInfo->m_umsConfig.m_nbrEvents != 0)
+        ZorvUmsFiniProcessCounters(pProfileInfo);
     if (!isFromWriterThread && pProfileInfo->m_hasWriterThread)
     {
         ZorvUmaWakeWriter(pProfileInfo);
@@ -479,7 +485,12 @@ static bool SetUpThread(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime)
         isReady = ZorvUmaCreateBuffers(&pProfileInfo->m_umsData, pProfileInfo->m_logFd);
     ZorvUmaWriteProcRecord(pProfileInfo, ZorvUmaGetTid(), nullptr, 0, startTime,
                            static_cast<uint64_t>(ZorvUmaPthreadSelf()));
-    return isReady;
+    if (!isReady || !pProfileInfo->m_umsConfig.m_enable)
+        return isReady;
+    ZorvUmsPrepareThread();
+    if (pProfileInfo->m_umsConfig.m_nbrEvents != 0)
+        isReady = ZorvUmsStartPcmCollection(pProfileInfo, true);
+    return isReady && ZorvUmsCreateTimer(pProfileInfo, t_zorvState.m_pInfo);
 }
 
 extern "C" bool ZorvUmaInitThread(ZorvUmaProfileInfo* pProfileInfo)
@@ -536,6 +547,9 @@ extern "C" void ZorvUmaFiniThread(ZorvUmaProfileInfo* pProfileInfo)
     ZorvUmaWriteThreadEndRecord(pProfileInfo, 0);
     ZorvUmaSetStopCollection(true);
     HandOverThreadBuffers(pProfileInfo);
+    ZorvUmsDestroyTimer(pProfileInfo, t_zorvState.m_pInfo);
+    if (pProfileInfo->m_umsConfig.m_enable && pProfileInfo->m_umsConfig.m_nbrEvents != 0)
+        ZorvUmsFiniThreadCounters(pProfileInfo, __func__);
     ZorvUmaLeaveAgent(&scope);
 }
 
@@ -548,8 +562,15 @@ static void EndUnannouncedThread(void*)
         return;
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
+    ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
     if (IsMainThread())
-        ZorvUmaFiniProcess(ZorvUmaGetProfileInfo(), false);
+        ZorvUmaFiniProcess(pProfileInfo, false);
+    else if (pProfileInfo != nullptr)
+    {
+        ZorvUmsDestroyTimer(pProfileInfo, t_zorvState.m_pInfo);
+        if (pProfileInfo->m_umsConfig.m_enable && pProfileInfo->m_umsConfig.m_nbrEvents != 0)
+            ZorvUmsFiniThreadCounters(pProfileInfo, __func__);
+    }
     ZorvUmaFreeThreadInfo();
     ZorvUmaLeaveAgent(&scope);
 }

@@ -7,6 +7,7 @@
 #include "ZorvUserModeTraceExec.h"
 #include "ZorvUserModeTraceInterposers.h"
 #include "ZorvUserModeTraceLog.h"
+#include "ZorvUserModeTraceSampling.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -215,6 +216,15 @@ static char* const* ArgvForPython(const ZorvUmaProfileInfo* pProfileInfo, const 
     return ppArgv;
 }
 
+// The call itself; it comes back only when it failed.
+template <typename... P> static int ReplaceImage(void* pReal, P... arguments)
+{
+    bool wasArmed = ZorvUmsSuspendForExec();
+    int result = ZorvCallReal<int>(pReal, arguments...);
+    ZorvUmsResumeAfterExec(wasArmed);
+    return result;
+}
+
 // ---- vector forms ----------------------------------------------------------------------------------------
 
 // execv, execvp: the environment is the process's own.
@@ -229,7 +239,7 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct ExecVector
         const char* pFunction = pEntry->m_pName[5] == 'p' ? "ZorvInterposeExecvp" : "ZorvInterposeExecv";
         char* const* ppUsed = ArgvForPython(ZorvUmaGetProfileInfo(), pFunction, pPath, ppArgv);
         errno = savedErrno;
-        return ZorvCallReal<int>(pReal, pPath, ppUsed);
+        return ReplaceImage(pReal, pPath, ppUsed);
     }
 };
 
@@ -251,7 +261,7 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct ExecVectorEnv
         char* const* ppUsedEnv = EnvWithAgent(pProfileInfo, pFunction, pPath, ppEnv);
         char* const* ppUsedArgv = ArgvForPython(pProfileInfo, pFunction, pPath, ppArgv);
         errno = savedErrno;
-        return ZorvCallReal<int>(pReal, pPath, ppUsedArgv, ppUsedEnv);
+        return ReplaceImage(pReal, pPath, ppUsedArgv, ppUsedEnv);
     }
 };
 
@@ -307,7 +317,7 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct ExecFile
         if (pProfileInfo != nullptr && fd >= 0)
             PrepareFexecve(pProfileInfo, fd, &ppArgv, &ppEnv);
         errno = savedErrno;
-        return ZorvCallReal<int>(pReal, fd, ppArgv, ppEnv);
+        return ReplaceImage(pReal, fd, ppArgv, ppEnv);
     }
 };
 
@@ -363,7 +373,7 @@ static char** VectorOfList(const ZorvUmaProfileInfo* pProfileInfo, const char* p
         if (ppArgv == nullptr)                                                                                        \
             return -1;                                                                                                \
         errno = savedErrno;                                                                                           \
-        return ZorvCallReal<int>(pVectorReal, pPath, ppArgv);                                                         \
+        return ReplaceImage(pVectorReal, pPath, ppArgv);                                                         \
     }                                                                                                                 \
     ZORV_WEAK_NAME(function, name);
 
@@ -388,7 +398,7 @@ extern "C" ZORV_EXPORT int ZorvInterposeExecle(const char* pPath, const char* pF
         return -1;
     char* const* ppUsedEnv = EnvWithAgent(pProfileInfo, "ZorvInterposeExecle", pPath, ppEnv);
     errno = savedErrno;
-    return ZorvCallReal<int>(pVectorReal, pPath, ppArgv, ppUsedEnv);
+    return ReplaceImage(pVectorReal, pPath, ppArgv, ppUsedEnv);
 }
 ZORV_WEAK_NAME(ZorvInterposeExecle, execle);
 

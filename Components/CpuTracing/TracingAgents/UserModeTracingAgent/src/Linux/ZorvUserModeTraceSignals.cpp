@@ -53,12 +53,31 @@ template <ZorvEntryPoint* pEntry, typename, typename Pointer>
 using OtherCall =
     ZorvGatedCall<ZorvDirectPattern, pEntry, ZorvCallClass{ZORV_SYSCALL_TYPE_OTHER, ZORV_UMT_EVENT_SYSCALL}, Pointer>;
 
+// A program that resets every signal must not die of a timer that it does not know of: while this process samples,
+// the handler stays and the program is told that its call was done.
+static bool WouldDisarm(int sig, bool resets)
+{
+    return resets && IsProfilingSignal(sig) && ZorvUmaGetProfileInfo()->m_umsConfig.m_enable;
+}
+
+static ZORV_COLD int PretendReset(int sig, struct sigaction* pOldAction)
+{
+    struct sigaction current = {};
+    if (ZorvUmaSigAction(sig, nullptr, &current) != 0)
+        return -1;
+    if (pOldAction != nullptr)
+        *pOldAction = {}; // what the program had before: the default
+    return 0;
+}
+
 template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct GuardedSigaction
 {
     static int Call(int sig, const struct sigaction* pAction, struct sigaction* pOldAction)
     {
         if (ZORV_UNLIKELY(IsProfilingSignal(sig) && InstallsHandler(pAction)))
             RefuseSignal(sig);
+        if (ZORV_UNLIKELY(WouldDisarm(sig, pAction != nullptr && !InstallsHandler(pAction))))
+            return PretendReset(sig, pOldAction);
         return OtherCall<pEntry, Detail, Pointer>::Call(sig, pAction, pOldAction);
     }
 };
@@ -69,6 +88,8 @@ template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct Guar
     {
         if (ZORV_UNLIKELY(IsProfilingSignal(sig) && IsRealHandler(handler)))
             RefuseSignal(sig);
+        if (ZORV_UNLIKELY(WouldDisarm(sig, !IsRealHandler(handler))))
+            return PretendReset(sig, nullptr) == 0 ? SIG_DFL : SIG_ERR;
         return OtherCall<pEntry, Detail, Pointer>::Call(sig, handler);
     }
 };

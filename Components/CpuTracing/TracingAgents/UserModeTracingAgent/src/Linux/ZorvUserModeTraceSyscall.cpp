@@ -85,3 +85,20 @@ using OfClass = ZorvGatedCall<typename Class::Pattern, pEntry, Class::CLASS, Poi
 #define ZORV_SYSCALL_VERSIONED(class, call, name, count, oldVersion, newVersion)                                      \
     ZORV_INTERPOSE_VERSIONED(OfClass, class, ZorvInterpose##call, name, count, oldVersion, newVersion, AllOnes)
 #include "ZorvUserModeTraceSyscall.def"
+
+// ---- pipe2 -----------------------------------------------------------------------------------------------
+
+// The unwinder tests memory through a pipe of its own; its numbers are out of the program's way like all of ours.
+template <ZorvEntryPoint* pEntry, typename, typename Pointer> struct PipeOfUnwinder
+{
+    static int Call(int* pFds, int flags)
+    {
+        int result = OfClass<pEntry, Other, Pointer>::Call(pFds, flags);
+        if (ZORV_UNLIKELY(t_zorvState.m_isUnwinding && result == 0))
+            for (int i = 0; i < 2; i++)
+                pFds[i] = ZorvUmaKeepFile(pFds[i], nullptr, 0);
+        return result;
+    }
+};
+
+ZORV_INTERPOSE_SINGLE(PipeOfUnwinder, void, ZorvInterposePipe2, pipe2, 2, AllOnes)

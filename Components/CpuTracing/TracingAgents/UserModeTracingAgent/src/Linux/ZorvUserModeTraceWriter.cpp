@@ -3,6 +3,7 @@
 #include "ZorvRawSyscall.h"
 #include "ZorvUserModeTrace.h"
 #include "ZorvUserModeTraceLog.h"
+#include "ZorvUserModeTraceSampling.h"
 #include "ZorvUserModeTraceWriter.h"
 
 #include <linux/futex.h>
@@ -155,6 +156,8 @@ static void RunWriter(ZorvUmaProfileInfo* pProfileInfo)
     long rest = FIRST_REST_NS;
     while (!IsFlushing(pProfileInfo))
     {
+        if (pProfileInfo->m_umsConfig.m_nbrEvents != 0)
+            ZorvUmsFollowPause(pProfileInfo);
         bool hasWorked = DrainQueues(pProfileInfo);
         if (ZorvUmaIsStopSet(pProfileInfo) && !IsFlushing(pProfileInfo))
             ZorvUmaFiniProcess(pProfileInfo, true);

@@ -1,0 +1,400 @@
+// The profiling signal interrupts a thread anywhere: inside malloc, inside the loader, inside this agent. Its handler
+// allocates nothing, looks nothing up and takes no lock while the record fits. What else touches the thread's sample
+// buffer does so with every signal blocked, so the handler never finds it half changed.
+//
+// The unwinder has a lock of its own, held while it walks the loader's list; the loader's lock may be held by the very
+// thread that is sampled (a callback of dl_iterate_phdr, a dlopen). Two such threads would wait for each other for
+// ever. So only one thread unwinds at a time, and a thread waits for its turn only for a moment: else its sample is
+// lost, and counted.
+
+#include "ZorvUserModeTraceSampling.h"
+#include "ZorvPerfPmcCollect.h"
+#include "ZorvRawSyscall.h"
+#include "ZorvUserModeTrace.h"
+#include "ZorvUserModeTraceLog.h"
+
+#include <cerrno>
+#include <dlfcn.h>
+
+namespace
+{
+
+constexpr char UNWINDER[] = "libunwind.so.8";
+constexpr uint64_t NS_PER_SECOND = 1000000000ULL;
+constexpr uint32_t EXTRA_FRAMES = 8; // the handler's and the signal delivery's own
+constexpr uint32_t LARGEST_RECORD = 32767; // smaller than a buffer, and than what 16 bits can say
+constexpr int TURN_YIELDS = 20;
+constexpr int TURN_SLEEPS = 50;
+constexpr long TURN_SLEEP_NS = 100000;
+
+using Backtrace = int (*)(void** ppBuffer, int size);
+
+Backtrace g_pBacktrace; // libunwind's unw_backtrace
+bool g_isUnwinderSought;
+pid_t g_unwindingTid; // whose turn it is, 0: nobody's
+
+} // namespace
+
+// ---- the unwinder ----------------------------------------------------------------------------------------
+
+void ZorvUmsOpenUnwinder(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (g_isUnwinderSought || !pProfileInfo->m_umsConfig.m_enable || !pProfileInfo->m_umsConfig.m_collectCallStack)
+        return;
+    g_isUnwinderSought = true; // a forked child keeps what its parent has found
+    // Local scope: in the program's scope it would take over the unwinding of C++ exceptions.
+    void* pHandle = ZorvUmaOpenObject(UNWINDER, RTLD_NOW | RTLD_LOCAL);
+    if (pHandle != nullptr)
+        g_pBacktrace = reinterpret_cast<Backtrace>(dlsym(pHandle, "unw_backtrace"));
+    if (g_pBacktrace == nullptr)
+        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to open %s, no samples are written.", UNWINDER);
+}
+
+static bool TakeTurn()
+{
+    pid_t own = ZorvUmaCachedTid();
+    for (int attempt = 0; attempt < TURN_YIELDS + TURN_SLEEPS; attempt++)
+    {
+        pid_t holder = 0;
+        if (__atomic_compare_exchange_n(&g_unwindingTid, &holder, own, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+            return true;
+        if (holder == own)
+            return false; // a handler of ours inside the unwinder: it cannot be entered twice
+        if (attempt < TURN_YIELDS)
+            ZorvRawSyscall(SYS_sched_yield);
+        else
+        {
+            const timespec step = {0, TURN_SLEEP_NS};
+            ZorvRawSyscall(SYS_nanosleep, reinterpret_cast<long>(&step));
+        }
+    }
+    // A holder that is no more will not give it back.
+    pid_t holder = __atomic_load_n(&g_unwindingTid, __ATOMIC_RELAXED);
+    return holder != 0 && ZorvRawSyscall(SYS_tgkill, ZorvUmaCachedPid(), holder, 0) == -ESRCH &&
+           __atomic_compare_exchange_n(&g_unwindingTid, &holder, own, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED);
+}
+
+static void GiveTurnBack()
+{
+    __atomic_store_n(&g_unwindingTid, 0, __ATOMIC_RELEASE);
+}
+
+void ZorvUmsForgetTurn()
+{
+    GiveTurnBack();
+}
+
+// Frames found, or a negative value when the turn did not come. The unwinder's own calls are not recorded, and a
+// cancellation waits: it would take the unwinder's lock along.
+static int Unwind(void** ppFrames, int size)
+{
+    int cancelState;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    int count = -1;
+    ZorvUmaSetStopCollection(true);
+    if (TakeTurn())
+    {
+        t_zorvState.m_isUnwinding = true;
+        count = g_pBacktrace(ppFrames, size);
+        t_zorvState.m_isUnwinding = false;
+        GiveTurnBack();
+    }
+    ZorvUmaSetStopCollection(false);
+    pthread_setcancelstate(cancelState, &cancelState);
+    return count;
+}
+
+static int FramesWanted(const ZorvUmaProfileInfo* pProfileInfo)
+{
+    uint64_t wanted = static_cast<uint64_t>(pProfileInfo->m_umaConfig.m_callStackDepth) + EXTRA_FRAMES;
+    uint64_t room = (LARGEST_RECORD - pProfileInfo->m_umsConfig.m_recLength) / sizeof(void*);
+    return static_cast<int>(wanted < room ? wanted : room);
+}
+
+void ZorvUmsPrepareThread()
+{
+    ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
+    t_zorvState.m_canUnwind = false;
+    if (g_pBacktrace == nullptr || pThreadInfo == nullptr || pThreadInfo->m_pUmsCsBuf == nullptr)
+        return;
+    bool wasStopped = pThreadInfo->m_stopCollection;
+    t_zorvState.m_canUnwind = Unwind(pThreadInfo->m_pUmsCsBuf, static_cast<int>(EXTRA_FRAMES)) >= 0;
+    pThreadInfo->m_stopCollection = wasStopped;
+}
+
+// ---- counters --------------------------------------------------------------------------------------------
+
+// Logs the failure of a step of the counters; false for it.
+static bool CountersDo(const ZorvUmaProfileInfo* pProfileInfo, bool isDone, const char* pFailure)
+{
+    if (!isDone)
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmsStartPcmCollection", pFailure, ZorvGetErrorMsg());
+    return isDone;
+}
+
+extern "C" bool ZorvUmsStartPcmCollection(ZorvUmaProfileInfo* pProfileInfo, bool isThread)
+{
+    if (pProfileInfo == nullptr || pProfileInfo->m_umsConfig.m_nbrEvents == 0)
+        return false;
+    if (!isThread && !CountersDo(pProfileInfo, ZorvAllocateProcessInfo() == 0,
+                                 "Failed to allocate the memory for process info in PMC agent - %s."))
+        return false;
+    if (!CountersDo(pProfileInfo, ZorvInitializePcmAgent() == 0,
+                    "Failed to Initialize core pmc collection agent - %s."))
+        return false;
+    if (!CountersDo(pProfileInfo,
+                    ZorvConfigurePerfEvent(ZORV_PMC_TYPE_CORE, pProfileInfo->m_umsConfig.m_nbrEvents,
+                                           pProfileInfo->m_umsConfig.m_pmcEvents) == 0,
+                    "Failed to configure core pmc collection agent - %s."))
+    {
+        if (ZorvGetErrorNum() == EMFILE)
+            ZorvUmaWriteErrorFile(pProfileInfo, ZORV_AGENT_ERROR_MAX_OPEN_FILES);
+        return false;
+    }
+    if (ZorvUmaIsPauseSet(pProfileInfo))
+    {
+        pProfileInfo->m_isPcmAgentPaused = true; // the writer starts them when the pause ends
+        return true;
+    }
+    return CountersDo(pProfileInfo, ZorvStartPerfEvent() >= 0, "Failed to start core pmc collection agent - %s.");
+}
+
+void ZorvUmsFiniThreadCounters(ZorvUmaProfileInfo* pProfileInfo, const char* pFunction)
+{
+    if (ZorvStopPerfEvent() < 0)
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, pFunction, "Failed to stop the PMC collection - %s",
+                    ZorvGetErrorMsg());
+    if (ZorvFiniPcmAgent() < 0)
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, pFunction, "Failed to destroy the PMC collection - %s",
+                    ZorvGetErrorMsg());
+}
+
+void ZorvUmsFiniProcessCounters(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (ZorvStopPerfEventAllThreads() < 0)
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmaFiniProcess", "Failed to stop the PMC collection - %s",
+                    ZorvGetErrorMsg());
+    if (ZorvFiniPcmAgent() < 0)
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmaFiniProcess", "Failed to destroy the PMC collection - %s",
+                    ZorvGetErrorMsg());
+}
+
+void ZorvUmsFollowPause(ZorvUmaProfileInfo* pProfileInfo)
+{
+    // Only the writer comes here. A failure is told once for each change of the flag, not at every pass.
+    static bool isFailureTold;
+    bool isPauseSet = ZorvUmaIsPauseSet(pProfileInfo);
+    if (isPauseSet == pProfileInfo->m_isPcmAgentPaused)
+    {
+        isFailureTold = false;
+        return;
+    }
+    int result = isPauseSet ? ZorvStopPerfEventAllThreads() : ZorvStartPerfEventAllThreads();
+    if (result >= 0)
+        pProfileInfo->m_isPcmAgentPaused = isPauseSet;
+    else if (!isFailureTold)
+    {
+        isFailureTold = true;
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmaWriterThread",
+                    isPauseSet ? "Failed to pause the PMC event collection - %s."
+                               : "Failed to resume the PMC event collection - %s.",
+                    ZorvGetErrorMsg());
+    }
+}
+
+// ---- timers ----------------------------------------------------------------------------------------------
+
+// The kernel numbers a process's timers from 0, and 0 reads as no timer: let nobody have that number.
+static void SpendTimerIdZero()
+{
+    struct sigevent event = {};
+    event.sigev_notify = SIGEV_NONE;
+    int id = -1;
+    if (ZorvRawSyscall(SYS_timer_create, CLOCK_MONOTONIC, reinterpret_cast<long>(&event),
+                       reinterpret_cast<long>(&id)) == 0)
+        ZorvRawSyscall(SYS_timer_delete, id);
+}
+
+extern "C" bool ZorvUmsCreateTimer(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaPerThreadInfo* pThreadInfo)
+{
+    if (pProfileInfo == nullptr || pThreadInfo == nullptr)
+        return false;
+    struct sigevent event = {};
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = pProfileInfo->m_umsConfig.m_timerSignalNum;
+    event._sigev_un._tid = ZorvUmaGetTid();
+    event.sigev_value.sival_ptr = pProfileInfo;
+    if (ZorvUmaTimerCreate(CLOCK_THREAD_CPUTIME_ID, &event, &pThreadInfo->m_timerId) != 0)
+    {
+        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to create the timer for process (%d) and thread (%d).",
+                 ZorvUmaGetPid(), ZorvUmaGetTid());
+        return false;
+    }
+    uint64_t interval = pProfileInfo->m_umsConfig.m_timerInterval;
+    const timespec period = {static_cast<time_t>(interval / NS_PER_SECOND),
+                             static_cast<long>(interval % NS_PER_SECOND)};
+    const struct itimerspec times = {period, period};
+    if (ZorvUmaTimerSetTime(pThreadInfo->m_timerId, 0, &times, nullptr) != 0)
+    {
+        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to set the timer for process (%d) and thread (%d).",
+                 ZorvUmaGetPid(), ZorvUmaGetTid());
+        return false;
+    }
+    return true;
+}
+
+extern "C" bool ZorvUmsDestroyTimer(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaPerThreadInfo* pThreadInfo)
+{
+    if (pProfileInfo == nullptr || pThreadInfo == nullptr)
+        return false;
+    if (pThreadInfo->m_timerId == nullptr)
+        return true;
+    if (ZorvUmaTimerDelete(pThreadInfo->m_timerId) != 0)
+    {
+        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to delete the timer for process (%d) and thread (%d).",
+                 ZorvUmaGetPid(), ZorvUmaGetTid());
+        return false;
+    }
+    pThreadInfo->m_timerId = nullptr;
+    return true;
+}
+
+static bool InstallHandler(const ZorvUmaProfileInfo* pProfileInfo)
+{
+    int signum = pProfileInfo->m_umsConfig.m_timerSignalNum;
+    struct sigaction current = {};
+    if (ZorvUmaSigAction(signum, nullptr, &current) != 0)
+    {
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmaConfigureTimerAndPmc",
+                    "Failed to get signal action in process (%d)", ZorvUmaGetPid());
+        return false;
+    }
+    if ((current.sa_flags & SA_SIGINFO) != 0 && current.sa_sigaction == ZorvUmsSignalHandler)
+        return true;
+    struct sigaction own = {};
+    own.sa_sigaction = ZorvUmsSignalHandler;
+    own.sa_flags = SA_RESTART | SA_SIGINFO;
+    if (ZorvUmaSigAction(signum, &own, nullptr) != 0)
+    {
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmaConfigureTimerAndPmc",
+                    "Failed to set signal handler for sigprof in process (%d)", ZorvUmaGetPid());
+        return false;
+    }
+    return true;
+}
+
+extern "C" bool ZorvUmaConfigureTimerAndPmc(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (pProfileInfo == nullptr)
+        return false;
+    if (!pProfileInfo->m_umsConfig.m_enable)
+        return true;
+    if (!InstallHandler(pProfileInfo))
+        return false;
+    ZorvUmsConfig* pConfig = &pProfileInfo->m_umsConfig;
+    constexpr uint64_t plainLength = sizeof(ZorvUmsRecordHdr) + sizeof(ZorvUmsIpRecord);
+    if (pConfig->m_nbrEvents != 0)
+    {
+        if (!ZorvUmsStartPcmCollection(pProfileInfo, false))
+            return false;
+        pConfig->m_recLength =
+            sizeof(ZorvUmsEventData) * pConfig->m_nbrEvents + plainLength + sizeof(ZorvUmsEventInfo);
+    }
+    else
+        pConfig->m_recLength = plainLength;
+    ZorvUmsOpenUnwinder(pProfileInfo);
+    ZorvUmsPrepareThread();
+    SpendTimerIdZero();
+    return ZorvUmsCreateTimer(pProfileInfo, t_zorvState.m_pInfo);
+}
+
+// ---- exec ------------------------------------------------------------------------------------------------
+
+bool ZorvUmsSuspendForExec()
+{
+    ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
+    ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
+    // A child of vfork(2) sees its parent's timer, and may not touch it; it inherits none.
+    if (pProfileInfo == nullptr || pThreadInfo == nullptr || pThreadInfo->m_timerId == nullptr ||
+        pProfileInfo->m_pid != ZorvUmaGetPid())
+        return false;
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    bool isSuspended = ZorvUmsDestroyTimer(pProfileInfo, pThreadInfo);
+    // With the timer gone, what is pending of it is the last; a program that blocks the signal would hand it on.
+    sigset_t profiling;
+    sigemptyset(&profiling);
+    sigaddset(&profiling, pProfileInfo->m_umsConfig.m_timerSignalNum);
+    const timespec now = {};
+    ZorvRawSyscall(SYS_rt_sigtimedwait, reinterpret_cast<long>(&profiling), 0, reinterpret_cast<long>(&now),
+                   _NSIG / 8);
+    ZorvUmaLeaveAgent(&scope);
+    return isSuspended;
+}
+
+void ZorvUmsResumeAfterExec(bool wasArmed)
+{
+    if (!wasArmed)
+        return;
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    ZorvUmsCreateTimer(ZorvUmaGetProfileInfo(), t_zorvState.m_pInfo);
+    ZorvUmaLeaveAgent(&scope);
+}
+
+// ---- the handler -----------------------------------------------------------------------------------------
+
+static void FillSample(const ZorvUmaProfileInfo* pProfileInfo, char* pBody, void* const* ppFrames, uint32_t count)
+{
+    auto pIp = reinterpret_cast<ZorvUmsIpRecord*>(pBody);
+    auto pGetParId = __atomic_load_n(&pProfileInfo->m_pZorvGetOpenMPParId, __ATOMIC_RELAXED);
+    *pIp = {pGetParId != nullptr ? pGetParId() : 0, 0, count};
+    char* pStack = pBody + sizeof(*pIp);
+    ZorvUmaMemcpy(pStack, ppFrames, sizeof(void*) * count);
+
+    uint32_t events = pProfileInfo->m_umsConfig.m_nbrEvents;
+    if (events == 0)
+        return;
+    auto pEvents = reinterpret_cast<ZorvUmsEventInfo*>(pStack + sizeof(void*) * count);
+    *pEvents = {events, 0};
+    ZorvReadPerfEvent(ZORV_PMC_TYPE_CORE, reinterpret_cast<ZorvPerfPmcData*>(pEvents + 1));
+}
+
+extern "C" void ZorvUmsCaptureSampleRecord(ZorvUmaProfileInfo* pProfileInfo)
+{
+    ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
+    if (pProfileInfo == nullptr || pThreadInfo == nullptr || pThreadInfo->m_pUmsCsBuf == nullptr ||
+        !t_zorvState.m_canUnwind || ZorvUmaIsCollectionStopped(pProfileInfo) || ZorvUmaIsPauseSet(pProfileInfo))
+        return;
+    void** ppFrames = pThreadInfo->m_pUmsCsBuf;
+    int count = Unwind(ppFrames, FramesWanted(pProfileInfo));
+    if (count < 0)
+        __atomic_add_fetch(&pProfileInfo->m_umsData.m_lostRecordCount, 1, __ATOMIC_SEQ_CST);
+    if (count <= 0)
+        return;
+
+    auto size = static_cast<uint16_t>(sizeof(void*) * static_cast<size_t>(count) + pProfileInfo->m_umsConfig.m_recLength);
+    if (!ZorvUmsInsertSampleRecordHdr(pProfileInfo, ZorvUmaCachedTid(), ZorvUmaGetTime(), size,
+                                      ZORV_UMS_RECORD_SAMPLE, pProfileInfo->m_umsConfig.m_configFlags))
+        return;
+    ZorvUmaBuffer* pBuffer = pThreadInfo->m_pUmsBuf;
+    if (pBuffer == nullptr || pBuffer->m_pData == nullptr)
+        return;
+    FillSample(pProfileInfo, pBuffer->m_pData + pBuffer->m_dataLen + sizeof(ZorvUmsRecordHdr), ppFrames,
+               static_cast<uint32_t>(count));
+    __atomic_add_fetch(&pBuffer->m_dataLen, size, __ATOMIC_SEQ_CST);
+}
+
+extern "C" void ZorvUmsSignalHandler(int, siginfo_t* pSigInfo, void*)
+{
+    if (pSigInfo == nullptr || pSigInfo->si_code != SI_TIMER)
+        return;
+    auto pProfileInfo = static_cast<ZorvUmaProfileInfo*>(pSigInfo->si_value.sival_ptr);
+    if (pProfileInfo == nullptr)
+        return;
+    int savedErrno = errno;
+    __atomic_add_fetch(&pProfileInfo->m_timerOverrunCnt, static_cast<uint64_t>(pSigInfo->si_overrun),
+                       __ATOMIC_SEQ_CST);
+    ZorvUmsCaptureSampleRecord(pProfileInfo);
+    errno = savedErrno;
+}
