@@ -77,3 +77,5 @@ void* ZorvUmaOpenObject(const char* pName, int flags);
 
 // Looks every wrapper up, silently, before the program can be interrupted inside a first call.
 void ZorvUmaResolveWrappers();
+// libc's clock_gettime itself, for the path of a record; null while it cannot be found. Says nothing.
+void* ZorvUmaResolvedClock();

@@ -105,6 +105,12 @@ void ZorvUmaResolveWrappers()
     errno = savedErrno;
 }
 
+void* ZorvUmaResolvedClock()
+{
+    WrapperSymbol* pClock = &g_symbolZorvUmaClockGetTime;
+    return pClock->m_pAddress != nullptr ? pClock->m_pAddress : FindSymbol(pClock);
+}
+
 extern "C" ssize_t ZorvUmaWrite(int fd, const void* pBuf, size_t count)
 {
     if (pBuf == nullptr || fd < 0)

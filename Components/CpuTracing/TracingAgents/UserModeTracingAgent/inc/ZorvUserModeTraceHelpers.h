@@ -206,7 +206,8 @@ struct ZorvThreadState
     bool m_canUnwind;   // the unwinder's first use on this thread is behind it
     bool m_mayAllocate;      // set in a scope: no handler of the program has interrupted its allocator here
 };
-extern __attribute__((visibility("hidden"), tls_model("initial-exec"))) thread_local ZorvThreadState t_zorvState;
+// constinit: an access that might have to construct would call a function first.
+extern constinit __attribute__((visibility("hidden"), tls_model("initial-exec"))) thread_local ZorvThreadState t_zorvState;
 
 // What ZorvUmaEnterAgent has put aside.
 struct ZorvAgentScope
@@ -255,8 +256,17 @@ ZorvUmaBuffer* ZorvUmtMapNewBuffer(ZorvUmaData* pData);
 void ZorvUmaRelease(void* pMemory);
 
 // Ids from memory: no system call on the way of a record.
-pid_t ZorvUmaCachedTid();
-pid_t ZorvUmaCachedPid();
+pid_t ZorvUmaAskTid();
+pid_t ZorvUmaAskPid();
+extern __attribute__((visibility("hidden"))) pid_t g_cachedPid;
+inline pid_t ZorvUmaCachedTid()
+{
+    return ZORV_LIKELY(t_zorvState.m_tid != 0) ? t_zorvState.m_tid : ZorvUmaAskTid();
+}
+inline pid_t ZorvUmaCachedPid()
+{
+    return ZORV_LIKELY(g_cachedPid != 0) ? g_cachedPid : ZorvUmaAskPid();
+}
 void ZorvUmaForgetCachedIds(); // in a forked child
 
 // A locked instruction; mfence costs eight times as much and orders no more here.

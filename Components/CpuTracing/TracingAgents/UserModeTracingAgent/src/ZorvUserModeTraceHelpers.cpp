@@ -2,13 +2,15 @@
 
 #include "ZorvUserModeTraceHelpers.h"
 #include "Linux/ZorvUserModeTrace.h"
+#include "Linux/ZorvUserModeTraceAppend.h"
 #include "ZorvAgentUtils.h"
 #include "ZorvRawSyscall.h"
 
 #include <cerrno>
 #include <initializer_list>
 
-thread_local constinit ZorvThreadState t_zorvState = {};
+constinit thread_local ZorvThreadState t_zorvState = {};
+pid_t g_cachedPid;
 
 namespace
 {
@@ -19,8 +21,6 @@ constexpr size_t PATH_SIZE = 4096;
 constexpr size_t HOST_NAME_SIZE = 256;
 constexpr size_t THREAD_NAME_SIZE = 32;
 constexpr size_t KERNEL_NAME_SIZE = 16; // what prctl(PR_GET_NAME) writes
-
-pid_t g_cachedPid;
 
 } // namespace
 
@@ -72,26 +72,16 @@ void ZorvUmaEndStreamUse(ZorvUmaProfileInfo* pProfileInfo)
 
 // ---- ids -------------------------------------------------------------------------------------------------
 
-static ZORV_COLD pid_t AskTid()
+ZORV_COLD pid_t ZorvUmaAskTid()
 {
     t_zorvState.m_tid = ZorvUmaGetTid();
     return t_zorvState.m_tid;
 }
 
-static ZORV_COLD pid_t AskPid()
+ZORV_COLD pid_t ZorvUmaAskPid()
 {
     g_cachedPid = ZorvUmaGetPid();
     return g_cachedPid;
-}
-
-pid_t ZorvUmaCachedTid()
-{
-    return ZORV_LIKELY(t_zorvState.m_tid != 0) ? t_zorvState.m_tid : AskTid();
-}
-
-pid_t ZorvUmaCachedPid()
-{
-    return ZORV_LIKELY(g_cachedPid != 0) ? g_cachedPid : AskPid();
 }
 
 void ZorvUmaForgetCachedIds()
@@ -343,29 +333,19 @@ extern "C" bool ZorvUmaFiniSharedMemory(ZorvUmaProfileInfo* pProfileInfo)
     return true;
 }
 
-// The controller writes any byte it likes: read as a byte, not as a bool.
-static bool IsFlagSet(bool* const* ppFlag)
-{
-    auto pFlag = reinterpret_cast<const uint8_t*>(__atomic_load_n(ppFlag, __ATOMIC_RELAXED));
-    return pFlag != nullptr && __atomic_load_n(pFlag, __ATOMIC_RELAXED) != 0;
-}
-
 extern "C" bool ZorvUmaIsPauseSet(const ZorvUmaProfileInfo* pProfileInfo)
 {
-    return pProfileInfo != nullptr && IsFlagSet(&pProfileInfo->m_pIsPaused);
+    return pProfileInfo != nullptr && ZorvIsFlagSet(&pProfileInfo->m_pIsPaused);
 }
 
 extern "C" bool ZorvUmaIsStopSet(const ZorvUmaProfileInfo* pProfileInfo)
 {
-    return pProfileInfo != nullptr && IsFlagSet(&pProfileInfo->m_pIsStopped);
+    return pProfileInfo != nullptr && ZorvIsFlagSet(&pProfileInfo->m_pIsStopped);
 }
 
 extern "C" uint64_t ZorvUmaCurrentPauseId(const ZorvUmaProfileInfo* pProfileInfo)
 {
-    if (!ZorvUmaIsPauseSet(pProfileInfo))
-        return 0;
-    const uint64_t* pPauseId = __atomic_load_n(&pProfileInfo->m_pPauseId, __ATOMIC_RELAXED);
-    return pPauseId == nullptr ? 0 : __atomic_load_n(pPauseId, __ATOMIC_RELAXED);
+    return ZorvUmaIsPauseSet(pProfileInfo) ? ZorvReadPauseId(pProfileInfo) : 0;
 }
 
 extern "C" bool ZorvUmaIsSamePauseId(uint64_t startPauseId, uint64_t endPauseId)
@@ -375,11 +355,7 @@ extern "C" bool ZorvUmaIsSamePauseId(uint64_t startPauseId, uint64_t endPauseId)
 
 extern "C" bool ZorvUmaIsCollectionStopped(const ZorvUmaProfileInfo* pProfileInfo)
 {
-    const ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
-    return pProfileInfo == nullptr || pThreadInfo == nullptr ||
-           !__atomic_load_n(&pProfileInfo->m_isProcessInitialized, __ATOMIC_RELAXED) ||
-           __atomic_load_n(&pProfileInfo->m_isFlush, __ATOMIC_RELAXED) || pThreadInfo->m_stopCollection ||
-           ZorvUmaIsStopSet(pProfileInfo);
+    return ZorvIsThreadStopped(pProfileInfo) || ZorvUmaIsStopSet(pProfileInfo);
 }
 
 extern "C" void ZorvUmaSetStopCollection(bool stopCollection)

@@ -73,6 +73,8 @@ ZORV_EXPORT void ZorvUmtCaptureSysCallRecord(ZorvUmaProfileInfo* pProfileInfo, u
 // Reads the file named by "QELIX_UMA_CONFIG_FILE"; opens the output files as their directory keys are met.
 bool ZorvUmaReadConfig(ZorvUmaProfileInfo* pProfileInfo);
 
+extern __attribute__((visibility("hidden"))) ZorvUmaProfileInfo* g_pProfileInfo; // what ZorvUmaGetProfileInfo gives
+
 // The enable flags of the event classes, as the interposers test them before anything else. While a function of the
 // trace test is replaced by an object ahead of the agent, every class reads as enabled here and the test decides.
 extern __attribute__((visibility("hidden"))) const ZorvUmtEvent* g_pTraceGate;

@@ -88,8 +88,10 @@ inline bool ZorvIsGateOpen(ZorvUmtEventId event)
 // Looks up, silently, every real function that is not known yet.
 void ZorvUmtResolveInterposers();
 
-// Whether an object ahead of the agent answers for the trace test.
-bool ZorvUmtIsTraceTestReplaced();
+// The process record while the class is traced for the calling thread; else null.
+ZorvUmaProfileInfo* ZorvTracedInfo(ZorvUmtEventId event);
+// The shortest duration that the class records.
+uint64_t ZorvThresholdOf(ZorvUmtEventId event);
 
 // ---- patterns --------------------------------------------------------------------------------------------
 
@@ -143,12 +145,14 @@ static inline R ZorvRunBetween(ZorvTracedCall* pCall, void* pReal, P... argument
     }
 }
 
+// A pattern says whether it wants the call, beside the trace test of its class, and runs it.
+
 // A call that may block for long: with a provisional record over it.
 struct ZorvParkedPattern
 {
-    template <typename... P> static bool Wants(const ZorvUmaProfileInfo* pProfileInfo, ZorvUmtEventId event, P...)
+    template <typename... P> static bool Wants(ZorvUmtEventId, P...)
     {
-        return ZorvUmtIsTraceEvent(pProfileInfo, event);
+        return true;
     }
     template <typename R, typename... P> static inline R Run(ZorvTracedCall* pCall, void* pReal, P... arguments)
     {
@@ -159,9 +163,9 @@ struct ZorvParkedPattern
 // A call that is over soon: one whole record behind it.
 struct ZorvDirectPattern
 {
-    template <typename... P> static bool Wants(const ZorvUmaProfileInfo* pProfileInfo, ZorvUmtEventId event, P...)
+    template <typename... P> static bool Wants(ZorvUmtEventId, P...)
     {
-        return ZorvUmtIsTraceEvent(pProfileInfo, event);
+        return true;
     }
     template <typename R, typename... P> static inline R Run(ZorvTracedCall* pCall, void* pReal, P... arguments)
     {
@@ -185,8 +189,9 @@ struct ZorvGatedCall<Pattern, pEntry, callClass, R (*)(P...)>
             else
                 return ZorvFailureResult<R>(pEntry->m_failure, arguments...);
         }
-        ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
-        if (!Pattern::Wants(pProfileInfo, callClass.m_event, arguments...))
+        ZorvUmaProfileInfo* pProfileInfo =
+            Pattern::Wants(callClass.m_event, arguments...) ? ZorvTracedInfo(callClass.m_event) : nullptr;
+        if (pProfileInfo == nullptr)
             return ZorvCallReal<R>(pReal, arguments...);
 
         ZorvTracedCall call;

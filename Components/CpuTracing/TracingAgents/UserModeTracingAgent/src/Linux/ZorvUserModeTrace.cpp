@@ -7,6 +7,7 @@
 #include "ZorvUserModeTrace.h"
 #include "ZorvAgentUtils.h"
 #include "ZorvRawSyscall.h"
+#include "ZorvUserModeTraceAppend.h"
 #include "ZorvUserModeTraceInterposers.h"
 #include "ZorvUserModeTraceLog.h"
 #include "ZorvUserModeTraceSampling.h"
@@ -25,8 +26,8 @@ constexpr int FINALISATION_STEPS = 50000; // 10 s for another thread's final wri
 
 constexpr uint64_t NO_START_TIME = 0xFFFFFFFFFFFFFFFFULL;
 
-ZorvUmaProfileInfo* g_pProfileInfo;
 bool g_isConstructed;
+bool g_isPathChosen;
 pthread_key_t g_threadKey; // its destructor sees the threads that end without passing ZorvUmaFiniThread
 bool g_hasThreadKey;
 
@@ -38,6 +39,7 @@ constexpr ZorvUmtEvent g_allOn[ZORV_UMT_EVENT_MAX] = {{true, false, 0}, {true, f
 } // namespace
 
 constinit const ZorvUmtEvent* g_pTraceGate = g_allOff;
+ZorvUmaProfileInfo* g_pProfileInfo;
 
 static void SleepStep()
 {
@@ -52,18 +54,10 @@ extern "C" ZorvUmaProfileInfo* ZorvUmaGetProfileInfo()
     return __atomic_load_n(&g_pProfileInfo, __ATOMIC_ACQUIRE);
 }
 
-extern "C"
-{
-__attribute__((alias("ZorvUmaGetProfileInfo"), visibility("hidden"))) ZorvUmaProfileInfo* OwnGetProfileInfo();
-}
-
-// The interposers test the event's flag in place only while nobody has replaced the functions that this stands for.
+// The interposers test the event's flag in place only while nobody has replaced a function on the path of a record.
 static void OpenTraceGate(const ZorvUmaProfileInfo* pProfileInfo)
 {
-    using GetInfo = ZorvUmaProfileInfo* (*)();
-    GetInfo volatile pCalledGet = ZorvUmaGetProfileInfo;
-    bool isReplaced = pCalledGet != static_cast<GetInfo>(OwnGetProfileInfo) || ZorvUmtIsTraceTestReplaced();
-    const ZorvUmtEvent* pGate = isReplaced ? g_allOn : pProfileInfo->m_umtConfig.m_umtEventList;
+    const ZorvUmtEvent* pGate = g_isPathDirect ? pProfileInfo->m_umtConfig.m_umtEventList : g_allOn;
     __atomic_store_n(&g_pTraceGate, pGate, __ATOMIC_RELEASE);
 }
 
@@ -96,6 +90,9 @@ extern "C" ZorvUmaProfileInfo* ZorvUmaAllocateProfileInfo()
     pProfileInfo->m_isProcessInitialized = false;
     pProfileInfo->m_pid = ZorvUmaGetPid();
     ZorvUmaForgetCachedIds();
+    if (!g_isPathChosen)
+        ZorvUmtChoosePath();
+    g_isPathChosen = true; // also in a forked child, where the loader may not be asked again
     __atomic_store_n(&g_pProfileInfo, pProfileInfo, __ATOMIC_RELEASE);
     OpenTraceGate(pProfileInfo);
     return pProfileInfo;
@@ -530,6 +527,7 @@ static void HandOverThreadBuffers(ZorvUmaProfileInfo* pProfileInfo)
         HandOverThreadBuffer(&pProfileInfo->m_umtData, &pThreadInfo->m_pUmtSpareBuf);
     }
     ZorvUmaSemPost(&pProfileInfo->m_semaphore);
+    ZorvUmaNudgeWriter(pProfileInfo);
     ZorvUmaEndStreamUse(pProfileInfo);
 }
 

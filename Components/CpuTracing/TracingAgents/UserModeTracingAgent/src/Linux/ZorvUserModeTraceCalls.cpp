@@ -1,5 +1,6 @@
 // The halves of a traced call, and the look-up of the real functions: what every interposer shares.
 
+#include "ZorvUserModeTraceAppend.h"
 #include "ZorvUserModeTraceInterposers.h"
 
 #include <cerrno>
@@ -38,6 +39,61 @@ void ZorvUmtResolveInterposers()
     errno = savedErrno;
 }
 
+// ---- the path of a record --------------------------------------------------------------------------------
+
+bool g_isPathDirect;
+int (*g_pClockGetTime)(clockid_t, struct timespec*);
+
+// Our own definitions of the functions on the path, whoever answers for their names.
+extern "C"
+{
+#define ZORV_PATH_FUNCTIONS(row)                                                                                      \
+    row(ZorvUmaGetProfileInfo) row(ZorvUmaGetTime) row(ZorvUmaClockGetTime) row(ZorvUmaIsPauseSet)                    \
+    row(ZorvUmaIsStopSet) row(ZorvUmaCurrentPauseId) row(ZorvUmaIsSamePauseId) row(ZorvUmaIsCollectionStopped)        \
+    row(ZorvUmtIsEventEnabled) row(ZorvUmtGetEventThreshold) row(ZorvUmtIsTraceEvent)                                 \
+    row(ZorvUmtInsertTraceRecordHdr) row(ZorvUmtCachePthreadRecord) row(ZorvUmtCapturePthreadRecord)                  \
+    row(ZorvUmtCacheSyscallRecord) row(ZorvUmtCaptureSysCallRecord)
+#define ZORV_PATH_FUNCTION(name) (void*)&name,
+}
+
+// Whether the name is answered by this object.
+static bool IsOwn(void* pFunction)
+{
+    Dl_info function;
+    Dl_info own;
+    return dladdr(pFunction, &function) != 0 && dladdr(reinterpret_cast<void*>(&ZorvUmtChoosePath), &own) != 0 &&
+           function.dli_fbase == own.dli_fbase;
+}
+
+void ZorvUmtChoosePath()
+{
+    // Read through the dynamic symbol table: an object ahead of the agent shows here.
+    void* volatile functions[] = {ZORV_PATH_FUNCTIONS(ZORV_PATH_FUNCTION)};
+    bool isOwn = true;
+    for (void* pFunction : functions)
+        isOwn = IsOwn(pFunction) && isOwn;
+    g_pClockGetTime = reinterpret_cast<int (*)(clockid_t, struct timespec*)>(ZorvUmaResolvedClock());
+    __atomic_store_n(&g_isPathDirect, isOwn && g_pClockGetTime != nullptr, __ATOMIC_RELEASE);
+}
+
+ZorvUmaProfileInfo* ZorvTracedInfo(ZorvUmtEventId event)
+{
+    if (ZORV_LIKELY(g_isPathDirect))
+    {
+        ZorvUmaProfileInfo* pProfileInfo = __atomic_load_n(&g_pProfileInfo, __ATOMIC_RELAXED);
+        bool isTraced = pProfileInfo != nullptr && pProfileInfo->m_umtConfig.m_umtEventList[event].m_enable &&
+                        !ZorvDirectCalls::IsStopped(pProfileInfo);
+        return isTraced ? pProfileInfo : nullptr;
+    }
+    ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
+    return ZorvUmtIsTraceEvent(pProfileInfo, event) ? pProfileInfo : nullptr;
+}
+
+uint64_t ZorvThresholdOf(ZorvUmtEventId event)
+{
+    return ZorvUmtGetEventThreshold(ZorvUmaGetProfileInfo(), event);
+}
+
 // ---- before the call -------------------------------------------------------------------------------------
 
 static inline int* ErrnoPlace()
@@ -46,30 +102,45 @@ static inline int* ErrnoPlace()
     return ZORV_LIKELY(pErrno != nullptr) ? pErrno : &errno;
 }
 
-static inline void SignalFence()
+static inline bool IsPthreadCall(const ZorvTracedCall* pCall)
 {
-    __atomic_signal_fence(__ATOMIC_SEQ_CST);
+    return pCall->m_class.m_event == ZORV_UMT_EVENT_PTHREAD;
 }
 
-static inline void StartTiming(ZorvTracedCall* pCall)
+static inline ZorvPthreadCallRecord PthreadRecordOf(const ZorvTracedCall* pCall, int result)
+{
+    return {{pCall->m_value, pCall->m_funcVa, ZorvParallelRegionId(pCall->m_pProfileInfo), result, 0, 0},
+            pCall->m_class.m_type,
+            pCall->m_flags};
+}
+
+static inline ZorvSyscallCallRecord SyscallRecordOf(const ZorvTracedCall* pCall)
+{
+    return {{{pCall->m_funcVa}, ZorvParallelRegionId(pCall->m_pProfileInfo), pCall->m_value, 0, {}},
+            pCall->m_class.m_type,
+            pCall->m_flags};
+}
+
+template <typename Calls> static inline void StartTiming(ZorvTracedCall* pCall)
 {
     pCall->m_pCacheBuf = nullptr;
     pCall->m_lostByCache = 0;
-    pCall->m_startPauseId = ZorvUmaCurrentPauseId(pCall->m_pProfileInfo);
-    pCall->m_startTime = ZorvUmaGetTime();
+    pCall->m_startPauseId = Calls::CurrentPauseId(pCall->m_pProfileInfo);
+    pCall->m_startTime = Calls::GetTime();
 }
 
-void ZorvBeginCall(ZorvTracedCall* pCall)
+template <typename Calls> static inline ZorvUmaBuffer* Park(const ZorvTracedCall* pCall);
+
+template <> inline ZorvUmaBuffer* Park<ZorvDirectCalls>(const ZorvTracedCall* pCall)
 {
-    int* pErrno = ErrnoPlace();
-    int savedErrno = *pErrno;
-    StartTiming(pCall);
-    *pErrno = savedErrno;
+    if (IsPthreadCall(pCall))
+        return ZorvCacheCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime, PthreadRecordOf(pCall, 0));
+    return ZorvCacheCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime, SyscallRecordOf(pCall));
 }
 
-static inline ZorvUmaBuffer* Park(const ZorvTracedCall* pCall)
+template <> inline ZorvUmaBuffer* Park<ZorvDynamicCalls>(const ZorvTracedCall* pCall)
 {
-    if (pCall->m_class.m_event == ZORV_UMT_EVENT_PTHREAD)
+    if (IsPthreadCall(pCall))
         return ZorvUmtCachePthreadRecord(pCall->m_pProfileInfo, pCall->m_startTime, pCall->m_value, pCall->m_funcVa,
                                          static_cast<ZorvPthreadType>(pCall->m_class.m_type));
     return ZorvUmtCacheSyscallRecord(pCall->m_pProfileInfo, pCall->m_startTime, pCall->m_funcVa,
@@ -77,35 +148,62 @@ static inline ZorvUmaBuffer* Park(const ZorvTracedCall* pCall)
                                      pCall->m_flags, pCall->m_value);
 }
 
-void ZorvBeginParkedCall(ZorvTracedCall* pCall)
+template <typename Calls> static inline void BeginParked(ZorvTracedCall* pCall)
 {
     int* pErrno = ErrnoPlace();
     int savedErrno = *pErrno;
-    StartTiming(pCall);
+    StartTiming<Calls>(pCall);
     uint32_t lostBefore = t_zorvState.m_lostCount;
     // What anyone else appends from here on shows as a difference: the provisional record is gone then.
     pCall->m_appendCount = t_zorvState.m_appendCount + 1;
-    pCall->m_pCacheBuf = Park(pCall);
+    pCall->m_pCacheBuf = Park<Calls>(pCall);
     if (ZORV_UNLIKELY(pCall->m_pCacheBuf == nullptr))
         pCall->m_lostByCache = t_zorvState.m_lostCount - lostBefore;
     *pErrno = savedErrno;
 }
 
+void ZorvBeginCall(ZorvTracedCall* pCall)
+{
+    int* pErrno = ErrnoPlace();
+    int savedErrno = *pErrno;
+    if (ZORV_LIKELY(g_isPathDirect))
+        StartTiming<ZorvDirectCalls>(pCall);
+    else
+        StartTiming<ZorvDynamicCalls>(pCall);
+    *pErrno = savedErrno;
+}
+
+static __attribute__((noinline)) void BeginParkedReplaced(ZorvTracedCall* pCall)
+{
+    BeginParked<ZorvDynamicCalls>(pCall);
+}
+
+void ZorvBeginParkedCall(ZorvTracedCall* pCall)
+{
+    if (ZORV_LIKELY(g_isPathDirect))
+        BeginParked<ZorvDirectCalls>(pCall);
+    else
+        BeginParkedReplaced(pCall);
+}
+
 // ---- behind the call -------------------------------------------------------------------------------------
 
-static inline bool LayInsideOnePause(const ZorvTracedCall* pCall)
+template <typename Calls> static inline bool LayInsideOnePause(const ZorvTracedCall* pCall)
 {
-    return ZorvUmaIsSamePauseId(pCall->m_startPauseId, ZorvUmaCurrentPauseId(pCall->m_pProfileInfo));
+    return Calls::IsSamePauseId(pCall->m_startPauseId, Calls::CurrentPauseId(pCall->m_pProfileInfo));
 }
 
-static inline bool IsLongEnough(const ZorvTracedCall* pCall, uint64_t endTime)
+template <typename Calls> static inline bool IsLongEnough(const ZorvTracedCall* pCall, uint64_t endTime)
 {
-    return endTime - pCall->m_startTime >= ZorvUmtGetEventThreshold(pCall->m_pProfileInfo, pCall->m_class.m_event);
+    return endTime - pCall->m_startTime >= Calls::Threshold(pCall->m_pProfileInfo, pCall->m_class.m_event);
 }
 
-static inline void Capture(const ZorvTracedCall* pCall, uint64_t endTime, int result)
+template <typename Calls> static inline void Capture(const ZorvTracedCall* pCall, uint64_t endTime, int result);
+
+template <>
+inline void Capture<ZorvDynamicCalls>(const ZorvTracedCall* pCall, uint64_t endTime, int result)
 {
-    if (pCall->m_class.m_event == ZORV_UMT_EVENT_PTHREAD)
+    if (IsPthreadCall(pCall))
         ZorvUmtCapturePthreadRecord(pCall->m_pProfileInfo, pCall->m_startTime, endTime, pCall->m_value,
                                     pCall->m_funcVa, result, static_cast<ZorvPthreadType>(pCall->m_class.m_type),
                                     pCall->m_pCacheBuf);
@@ -115,24 +213,58 @@ static inline void Capture(const ZorvTracedCall* pCall, uint64_t endTime, int re
                                     pCall->m_flags, pCall->m_value, pCall->m_pCacheBuf);
 }
 
-void ZorvEndCall(ZorvTracedCall* pCall, int result)
+// The provisional record becomes part of the data and is withdrawn in one step: both lengths lie in one word.
+static inline void PublishParked(ZorvUmaBuffer* pBuffer)
+{
+    static_assert(offsetof(ZorvUmaBuffer, m_dataLen) == 0 && offsetof(ZorvUmaBuffer, m_cacheLen) == 4);
+    constexpr uint64_t size = ZORV_UMT_CALL_RECORD_SIZE;
+    __atomic_add_fetch(reinterpret_cast<uint64_t*>(pBuffer), size - (size << 32), __ATOMIC_SEQ_CST);
+}
+
+template <>
+inline void Capture<ZorvDirectCalls>(const ZorvTracedCall* pCall, uint64_t endTime, int result)
+{
+    ZorvUmaBuffer* pBuffer = pCall->m_pCacheBuf;
+    if (ZORV_LIKELY(pBuffer != nullptr))
+    {
+        if (pBuffer->m_pData == nullptr)
+            return;
+        ZorvRecordAtEnd(pBuffer)->m_endTime = endTime;
+        if (IsPthreadCall(pCall))
+            ZorvBodyAtEnd<ZorvUmtPthreadRecord, ZorvUmtRecordHdr>(pBuffer)->m_retValue = result;
+        PublishParked(pBuffer);
+    }
+    else if (IsPthreadCall(pCall))
+        ZorvCaptureCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime, endTime,
+                                         PthreadRecordOf(pCall, result));
+    else
+        ZorvCaptureCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime, endTime, SyscallRecordOf(pCall));
+}
+
+template <typename Calls> static inline void EndUnparked(ZorvTracedCall* pCall, int result, bool anyLength)
 {
     int* pErrno = ErrnoPlace();
     int savedErrno = *pErrno;
-    uint64_t endTime = ZorvUmaGetTime();
-    if (!LayInsideOnePause(pCall) && IsLongEnough(pCall, endTime))
-        Capture(pCall, endTime, result);
+    uint64_t endTime = Calls::GetTime();
+    if (!LayInsideOnePause<Calls>(pCall) && (anyLength || IsLongEnough<Calls>(pCall, endTime)))
+        Capture<Calls>(pCall, endTime, result);
     *pErrno = savedErrno;
+}
+
+void ZorvEndCall(ZorvTracedCall* pCall, int result)
+{
+    if (ZORV_LIKELY(g_isPathDirect))
+        EndUnparked<ZorvDirectCalls>(pCall, result, false);
+    else
+        EndUnparked<ZorvDynamicCalls>(pCall, result, false);
 }
 
 void ZorvEndCallAnyLength(ZorvTracedCall* pCall, int result)
 {
-    int* pErrno = ErrnoPlace();
-    int savedErrno = *pErrno;
-    uint64_t endTime = ZorvUmaGetTime();
-    if (!LayInsideOnePause(pCall))
-        Capture(pCall, endTime, result);
-    *pErrno = savedErrno;
+    if (ZORV_LIKELY(g_isPathDirect))
+        EndUnparked<ZorvDirectCalls>(pCall, result, true);
+    else
+        EndUnparked<ZorvDynamicCalls>(pCall, result, true);
 }
 
 // A signal handler of the program has written over the provisional record: a whole record is due instead, and what
@@ -151,30 +283,43 @@ static ZORV_COLD void TakeBackLost(ZorvTracedCall* pCall)
     __atomic_sub_fetch(&pCall->m_pProfileInfo->m_umtData.m_lostRecordCount, pCall->m_lostByCache, __ATOMIC_SEQ_CST);
 }
 
-void ZorvEndParkedCall(ZorvTracedCall* pCall, int result)
+template <typename Calls> static inline void EndParked(ZorvTracedCall* pCall, int result)
 {
     int* pErrno = ErrnoPlace();
     int savedErrno = *pErrno;
-    uint64_t endTime = ZorvUmaGetTime();
+    uint64_t endTime = Calls::GetTime();
     if (ZORV_UNLIKELY(pCall->m_lostByCache != 0))
         TakeBackLost(pCall);
 
     // From here a handler's records go to the spare buffer, and the provisional record stays ours.
     bool isNested = t_zorvState.m_isAppending;
     t_zorvState.m_isAppending = true;
-    SignalFence();
+    ZorvSignalFence();
     if (ZORV_UNLIKELY(pCall->m_appendCount != t_zorvState.m_appendCount))
         ForgetCache(pCall, isNested);
     if (ZORV_UNLIKELY(pCall->m_pCacheBuf == nullptr))
         t_zorvState.m_isAppending = isNested;
 
-    if (!LayInsideOnePause(pCall) && IsLongEnough(pCall, endTime))
-        Capture(pCall, endTime, result);
-    if (ZORV_LIKELY(pCall->m_pCacheBuf != nullptr))
+    if (!LayInsideOnePause<Calls>(pCall) && IsLongEnough<Calls>(pCall, endTime))
+        Capture<Calls>(pCall, endTime, result);
+    if (ZORV_LIKELY(pCall->m_pCacheBuf != nullptr) && pCall->m_pCacheBuf->m_cacheLen != 0)
         ZorvStoreFenced(&pCall->m_pCacheBuf->m_cacheLen, 0U);
-    SignalFence();
+    ZorvSignalFence();
     t_zorvState.m_isAppending = isNested;
     *pErrno = savedErrno;
+}
+
+static __attribute__((noinline)) void EndParkedReplaced(ZorvTracedCall* pCall, int result)
+{
+    EndParked<ZorvDynamicCalls>(pCall, result);
+}
+
+void ZorvEndParkedCall(ZorvTracedCall* pCall, int result)
+{
+    if (ZORV_LIKELY(g_isPathDirect))
+        EndParked<ZorvDirectCalls>(pCall, result);
+    else
+        EndParkedReplaced(pCall, result);
 }
 
 // ---- deadlines -------------------------------------------------------------------------------------------

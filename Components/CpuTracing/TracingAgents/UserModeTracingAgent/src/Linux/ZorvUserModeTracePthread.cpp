@@ -14,20 +14,19 @@ namespace
 struct TimedPattern : ZorvParkedPattern
 {
     template <typename... P>
-    static bool Wants(const ZorvUmaProfileInfo* pProfileInfo, ZorvUmtEventId event, P... arguments)
+    static bool Wants(ZorvUmtEventId event, P... arguments)
     {
         auto pDeadline = std::get<sizeof...(P) - 1>(std::tuple<P...>(arguments...));
-        return ZorvDeadlineNs(pDeadline) >= ZorvUmtGetEventThreshold(pProfileInfo, event) &&
-               ZorvUmtIsTraceEvent(pProfileInfo, event);
+        return ZorvDeadlineNs(pDeadline) >= ZorvThresholdOf(event);
     }
 };
 
 // A try call never blocks: it is recorded only on success, and only with a threshold of exactly 0.
 struct TryPattern
 {
-    template <typename... P> static bool Wants(const ZorvUmaProfileInfo* pProfileInfo, ZorvUmtEventId event, P...)
+    template <typename... P> static bool Wants(ZorvUmtEventId event, P...)
     {
-        return ZorvUmtGetEventThreshold(pProfileInfo, event) == 0 && ZorvUmtIsTraceEvent(pProfileInfo, event);
+        return ZorvThresholdOf(event) == 0;
     }
     template <typename R, typename... P> static inline R Run(ZorvTracedCall* pCall, void* pReal, P... arguments)
     {

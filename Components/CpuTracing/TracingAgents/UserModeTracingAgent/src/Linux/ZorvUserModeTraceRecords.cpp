@@ -1,35 +1,12 @@
-// How records get into the buffers.
-//
-// A record is placed behind the thread's data and becomes part of it by one atomic add of its size, so nobody ever
-// sees half of one. No lock, no system call, no allocation while it fits. Only the owner appends to a buffer; but
-// a signal handler of the program may run traced calls in the middle of its thread's append. Those records go to the
-// thread's spare buffer (m_isAppending tells), so neither overwrites the other. The same handler during a traced wait
-// finds the buffer free and writes over the provisional record, which withdraws it; the wait notices at its end
-// (m_appendCount) and writes a whole record instead.
+// Change of buffers, and the records that are written one by one; the path of a traced call stands in its header.
 
 #include "ZorvUserModeTrace.h"
+#include "ZorvUserModeTraceAppend.h"
 #include "ZorvUserModeTraceInterposers.h"
 #include "ZorvUserModeTraceLog.h"
+#include "ZorvUserModeTraceWriter.h"
 
 #include <cerrno>
-
-namespace
-{
-
-// One append of the calling thread to its trace stream.
-struct TraceAppend
-{
-    ZorvUmaPerThreadInfo* m_pThreadInfo;
-    ZorvUmaBuffer* m_pInterrupted; // current buffer of the append that this one interrupts
-    bool m_isNested;
-};
-
-inline void SignalFence()
-{
-    __atomic_signal_fence(__ATOMIC_SEQ_CST);
-}
-
-} // namespace
 
 // ---- change of buffer ------------------------------------------------------------------------------------
 
@@ -40,6 +17,7 @@ static bool HandOver(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaData* pData, ZorvU
     ZorvStoreFenced(&pBuffer->m_state, ZORV_UMA_BUFFER_STATE_FULL);
     bool isQueued = ZorvUmaEnqueue(pData->m_pQueue, pBuffer);
     *pIsPosted = ZorvUmaSemPost(&pProfileInfo->m_semaphore) == 0;
+    ZorvUmaNudgeWriter(pProfileInfo);
     return isQueued;
 }
 
@@ -92,9 +70,8 @@ static bool IsForeign(const ZorvUmaProfileInfo* pProfileInfo)
     return pProfileInfo->m_pid != 0 && pProfileInfo->m_pid != ZorvUmaGetPid();
 }
 
-// Null when none can be had (counted and logged) or when the streams are being closed.
-static ZORV_COLD ZorvUmaBuffer* ChangeTraceBuffer(ZorvUmaProfileInfo* pProfileInfo,
-                                                  ZorvUmaPerThreadInfo* pThreadInfo, uint16_t recType)
+ZORV_COLD ZorvUmaBuffer* ZorvChangeTraceBuffer(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaPerThreadInfo* pThreadInfo,
+                                               uint16_t recType)
 {
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
@@ -138,14 +115,9 @@ static ZORV_COLD ZorvUmaBuffer* ChangeSampleBuffer(ZorvUmaProfileInfo* pProfileI
     return pBuffer;
 }
 
-static inline bool Fits(const ZorvUmaBuffer* pBuffer, uint32_t size)
-{
-    return pBuffer != nullptr && size + pBuffer->m_dataLen < pBuffer->m_bufSize;
-}
-
 // ---- nested appends --------------------------------------------------------------------------------------
 
-static ZORV_COLD void TakeSpareBuffer(TraceAppend* pAppend)
+ZORV_COLD void ZorvTakeSpareBuffer(ZorvTraceAppend* pAppend)
 {
     ZorvUmaPerThreadInfo* pThreadInfo = pAppend->m_pThreadInfo;
     pAppend->m_pInterrupted = pThreadInfo->m_pUmtBuf;
@@ -153,7 +125,7 @@ static ZORV_COLD void TakeSpareBuffer(TraceAppend* pAppend)
     pThreadInfo->m_pUmtSpareBuf = nullptr;
 }
 
-static ZORV_COLD void PutSpareBufferBack(TraceAppend* pAppend, ZorvUmaProfileInfo* pProfileInfo)
+ZORV_COLD void ZorvPutSpareBufferBack(ZorvTraceAppend* pAppend, ZorvUmaProfileInfo* pProfileInfo)
 {
     ZorvUmaPerThreadInfo* pThreadInfo = pAppend->m_pThreadInfo;
     ZorvAgentScope scope;
@@ -169,27 +141,23 @@ static ZORV_COLD void PutSpareBufferBack(TraceAppend* pAppend, ZorvUmaProfileInf
     ZorvUmaLeaveAgent(&scope);
 }
 
-static inline void BeginAppend(TraceAppend* pAppend, ZorvUmaPerThreadInfo* pThreadInfo)
-{
-    pAppend->m_pThreadInfo = pThreadInfo;
-    pAppend->m_isNested = t_zorvState.m_isAppending;
-    if (ZORV_UNLIKELY(pAppend->m_isNested))
-        TakeSpareBuffer(pAppend);
-    t_zorvState.m_isAppending = true;
-    SignalFence();
-}
-
-static inline void EndAppend(TraceAppend* pAppend, ZorvUmaProfileInfo* pProfileInfo)
-{
-    t_zorvState.m_appendCount++;
-    SignalFence();
-    if (ZORV_UNLIKELY(pAppend->m_isNested))
-        PutSpareBufferBack(pAppend, pProfileInfo);
-    else
-        t_zorvState.m_isAppending = false;
-}
-
 // ---- headers ---------------------------------------------------------------------------------------------
+
+ZORV_COLD void ZorvWarnNoBuffer(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (!ZorvUmaBeginStreamUse(pProfileInfo))
+        return; // the log is being closed
+    WarnNoBuffer(pProfileInfo);
+    ZorvUmaEndStreamUse(pProfileInfo);
+}
+
+ZORV_COLD void ZorvWarnAboutThread(ZorvUmaProfileInfo* pProfileInfo, const char* pFunction, const char* pFormat)
+{
+    if (!ZorvUmaBeginStreamUse(pProfileInfo))
+        return;
+    ZORV_LOG_AS(pProfileInfo->m_logFd, WARN, pFunction, pFormat, ZorvUmaGetPid(), ZorvUmaGetTid());
+    ZorvUmaEndStreamUse(pProfileInfo);
+}
 
 extern "C" bool ZorvUmtInsertTraceRecordHdr(ZorvUmaProfileInfo* pProfileInfo, ZorvUmtTid tid, uint64_t startTime,
                                             uint64_t endTime, uint16_t recSize, uint16_t recType, uint16_t subType,
@@ -198,24 +166,8 @@ extern "C" bool ZorvUmtInsertTraceRecordHdr(ZorvUmaProfileInfo* pProfileInfo, Zo
     ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
     if (pProfileInfo == nullptr || pThreadInfo == nullptr)
         return false;
-    ZorvUmaBuffer* pBuffer = pThreadInfo->m_pUmtBuf;
-    if (ZORV_UNLIKELY(!Fits(pBuffer, recSize)))
-    {
-        pBuffer = ChangeTraceBuffer(pProfileInfo, pThreadInfo, recType);
-        if (pBuffer == nullptr)
-            return false;
-    }
-    if (ZORV_UNLIKELY(pBuffer->m_pData == nullptr))
-    {
-        WarnNoBuffer(pProfileInfo);
-        return false;
-    }
-    // What is written over a provisional record withdraws it.
-    if (ZORV_UNLIKELY(pBuffer->m_cacheLen != 0))
-        ZorvStoreFenced(&pBuffer->m_cacheLen, 0U);
-    *reinterpret_cast<ZorvUmtRecordHdr*>(pBuffer->m_pData + pBuffer->m_dataLen) = {
-        recType, recSize, subType, flags, startTime, endTime, ZorvUmaCachedPid(), tid};
-    return true;
+    const ZorvUmtRecordHdr hdr = {recType, recSize, subType, flags, startTime, endTime, ZorvUmaCachedPid(), tid};
+    return ZorvInsertTraceHdr(pProfileInfo, pThreadInfo, hdr) != nullptr;
 }
 
 extern "C" bool ZorvUmsInsertSampleRecordHdr(ZorvUmaProfileInfo* pProfileInfo, ZorvUmtTid tid, uint64_t startTime,
@@ -225,7 +177,7 @@ extern "C" bool ZorvUmsInsertSampleRecordHdr(ZorvUmaProfileInfo* pProfileInfo, Z
     if (pProfileInfo == nullptr || pThreadInfo == nullptr)
         return false;
     ZorvUmaBuffer* pBuffer = pThreadInfo->m_pUmsBuf;
-    if (ZORV_UNLIKELY(!Fits(pBuffer, recSize)))
+    if (ZORV_UNLIKELY(!ZorvFits(pBuffer, recSize)))
         pBuffer = ChangeSampleBuffer(pProfileInfo, pThreadInfo);
     if (pBuffer == nullptr || pBuffer->m_pData == nullptr)
         return false;
@@ -238,22 +190,6 @@ extern "C" bool ZorvUmsInsertSampleRecordHdr(ZorvUmaProfileInfo* pProfileInfo, Z
     pHdr->m_coreId = static_cast<uint16_t>(ZorvUmaGetCpu());
     pHdr->m_flags = flags;
     return true;
-}
-
-// The body of the record whose header lies at the end of the buffer's data.
-template <typename Body, typename Hdr> static inline Body* BodyAtEnd(ZorvUmaBuffer* pBuffer)
-{
-    return reinterpret_cast<Body*>(pBuffer->m_pData + pBuffer->m_dataLen + sizeof(Hdr));
-}
-
-static inline void Publish(ZorvUmaBuffer* pBuffer, uint32_t size)
-{
-    __atomic_add_fetch(&pBuffer->m_dataLen, size, __ATOMIC_SEQ_CST);
-}
-
-static inline bool HasStorage(const ZorvUmaBuffer* pBuffer)
-{
-    return pBuffer != nullptr && pBuffer->m_pData != nullptr;
 }
 
 // ---- proc and thread-end records -------------------------------------------------------------------------
@@ -274,23 +210,23 @@ extern "C" void ZorvUmtWriteProcRecord(ZorvUmaProfileInfo* pProfileInfo, ZorvUmt
     ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
     if (pProfileInfo == nullptr || pThreadInfo == nullptr)
         return;
-    TraceAppend append;
-    BeginAppend(&append, pThreadInfo);
+    ZorvTraceAppend append;
+    ZorvBeginAppend(&append, pThreadInfo);
     if (ZorvUmtInsertTraceRecordHdr(pProfileInfo, tid, startTime, 0, ZORV_UMT_PROC_RECORD_SIZE,
                                     ZORV_UMT_RECORD_PROC, 0, 0) &&
-        HasStorage(pThreadInfo->m_pUmtBuf))
+        ZorvHasStorage(pThreadInfo->m_pUmtBuf))
     {
         if (pName == nullptr)
             ZORV_LOG(pProfileInfo->m_logFd, WARN, "Failed to write trace proc record in process (%d  : %d)",
                      ZorvUmaGetPid(), ZorvUmaGetTid());
         else
         {
-            FillProcBody(BodyAtEnd<ZorvUmtProcRecord, ZorvUmtRecordHdr>(pThreadInfo->m_pUmtBuf), pName, len,
+            FillProcBody(ZorvBodyAtEnd<ZorvUmtProcRecord, ZorvUmtRecordHdr>(pThreadInfo->m_pUmtBuf), pName, len,
                          pthreadId);
-            Publish(pThreadInfo->m_pUmtBuf, ZORV_UMT_PROC_RECORD_SIZE);
+            ZorvPublish(pThreadInfo->m_pUmtBuf, ZORV_UMT_PROC_RECORD_SIZE);
         }
     }
-    EndAppend(&append, pProfileInfo);
+    ZorvEndAppend(&append, pProfileInfo);
 }
 
 extern "C" void ZorvUmsWriteProcRecord(ZorvUmaProfileInfo* pProfileInfo, ZorvUmtTid tid, const char* pName, int len,
@@ -304,16 +240,16 @@ extern "C" void ZorvUmsWriteProcRecord(ZorvUmaProfileInfo* pProfileInfo, ZorvUmt
     ZorvUmaEnterAgent(&scope);
     if (ZorvUmsInsertSampleRecordHdr(pProfileInfo, tid, startTime, ZORV_UMS_PROC_RECORD_SIZE, ZORV_UMS_RECORD_PROC,
                                      pProfileInfo->m_umsConfig.m_configFlags) &&
-        HasStorage(pThreadInfo->m_pUmsBuf))
+        ZorvHasStorage(pThreadInfo->m_pUmsBuf))
     {
         if (pName == nullptr)
             ZORV_LOG(pProfileInfo->m_logFd, WARN, "Failed to write sample proc record in process (%d  : %d)",
                      ZorvUmaGetPid(), ZorvUmaGetTid());
         else
         {
-            FillProcBody(BodyAtEnd<ZorvUmsProcRecord, ZorvUmsRecordHdr>(pThreadInfo->m_pUmsBuf), pName, len,
+            FillProcBody(ZorvBodyAtEnd<ZorvUmsProcRecord, ZorvUmsRecordHdr>(pThreadInfo->m_pUmsBuf), pName, len,
                          pthreadId);
-            Publish(pThreadInfo->m_pUmsBuf, ZORV_UMS_PROC_RECORD_SIZE);
+            ZorvPublish(pThreadInfo->m_pUmsBuf, ZORV_UMS_PROC_RECORD_SIZE);
         }
     }
     ZorvUmaLeaveAgent(&scope);
@@ -345,10 +281,10 @@ static void WriteSampleThreadEnd(ZorvUmaProfileInfo* pProfileInfo, uint64_t now,
     ZorvUmaEnterAgent(&scope);
     if (ZorvUmsInsertSampleRecordHdr(pProfileInfo, ZorvUmaCachedTid(), now, ZORV_UMS_THREAD_END_RECORD_SIZE,
                                      ZORV_UMS_RECORD_THREAD_END, ZORV_UMS_NONE) &&
-        HasStorage(pThreadInfo->m_pUmsBuf))
+        ZorvHasStorage(pThreadInfo->m_pUmsBuf))
     {
-        BodyAtEnd<ZorvUmsThreadEndRecord, ZorvUmsRecordHdr>(pThreadInfo->m_pUmsBuf)->m_pthreadId = pthreadId;
-        Publish(pThreadInfo->m_pUmsBuf, ZORV_UMS_THREAD_END_RECORD_SIZE);
+        ZorvBodyAtEnd<ZorvUmsThreadEndRecord, ZorvUmsRecordHdr>(pThreadInfo->m_pUmsBuf)->m_pthreadId = pthreadId;
+        ZorvPublish(pThreadInfo->m_pUmsBuf, ZORV_UMS_THREAD_END_RECORD_SIZE);
     }
     ZorvUmaLeaveAgent(&scope);
 }
@@ -356,16 +292,16 @@ static void WriteSampleThreadEnd(ZorvUmaProfileInfo* pProfileInfo, uint64_t now,
 static void WriteTraceThreadEnd(ZorvUmaProfileInfo* pProfileInfo, uint64_t now, uint64_t pthreadId)
 {
     ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
-    TraceAppend append;
-    BeginAppend(&append, pThreadInfo);
+    ZorvTraceAppend append;
+    ZorvBeginAppend(&append, pThreadInfo);
     if (ZorvUmtInsertTraceRecordHdr(pProfileInfo, ZorvUmaCachedTid(), now, now, ZORV_UMT_THREAD_END_RECORD_SIZE,
                                     ZORV_UMT_RECORD_THREAD_END, 0, ZORV_UMT_FLAG_NONE) &&
-        HasStorage(pThreadInfo->m_pUmtBuf))
+        ZorvHasStorage(pThreadInfo->m_pUmtBuf))
     {
-        BodyAtEnd<ZorvUmtThreadEndRecord, ZorvUmtRecordHdr>(pThreadInfo->m_pUmtBuf)->m_pthreadId = pthreadId;
-        Publish(pThreadInfo->m_pUmtBuf, ZORV_UMT_THREAD_END_RECORD_SIZE);
+        ZorvBodyAtEnd<ZorvUmtThreadEndRecord, ZorvUmtRecordHdr>(pThreadInfo->m_pUmtBuf)->m_pthreadId = pthreadId;
+        ZorvPublish(pThreadInfo->m_pUmtBuf, ZORV_UMT_THREAD_END_RECORD_SIZE);
     }
-    EndAppend(&append, pProfileInfo);
+    ZorvEndAppend(&append, pProfileInfo);
 }
 
 extern "C" void ZorvUmaWriteThreadEndRecord(ZorvUmaProfileInfo* pProfileInfo, uint64_t pthreadId)
@@ -397,108 +333,7 @@ extern "C" bool ZorvUmtIsTraceEvent(const ZorvUmaProfileInfo* pProfileInfo, Zorv
            !ZorvUmaIsCollectionStopped(pProfileInfo);
 }
 
-extern "C"
-{
-__attribute__((alias("ZorvUmtIsTraceEvent"), visibility("hidden"))) bool OwnIsTraceEvent(const ZorvUmaProfileInfo*,
-                                                                                        ZorvUmtEventId);
-}
-
-bool ZorvUmtIsTraceTestReplaced()
-{
-    using TraceTest = bool (*)(const ZorvUmaProfileInfo*, ZorvUmtEventId);
-    TraceTest volatile pCalled = ZorvUmtIsTraceEvent;
-    return pCalled != static_cast<TraceTest>(OwnIsTraceEvent);
-}
-
 // ---- records of traced calls -----------------------------------------------------------------------------
-
-static inline uint64_t ParallelRegionId(const ZorvUmaProfileInfo* pProfileInfo)
-{
-    auto pGetId = __atomic_load_n(&pProfileInfo->m_pZorvGetOpenMPParId, __ATOMIC_RELAXED);
-    return pGetId == nullptr ? 0 : pGetId();
-}
-
-static ZORV_COLD void WarnAboutThread(ZorvUmaProfileInfo* pProfileInfo, const char* pFunction, const char* pFormat)
-{
-    if (!ZorvUmaBeginStreamUse(pProfileInfo))
-        return; // the log is being closed
-    ZORV_LOG_AS(pProfileInfo->m_logFd, WARN, pFunction, pFormat, ZorvUmaGetPid(), ZorvUmaGetTid());
-    ZorvUmaEndStreamUse(pProfileInfo);
-}
-
-// Each kind of call record: how its body is filled, and what its capture completes.
-struct PthreadCall
-{
-    static constexpr uint16_t RECORD_TYPE = ZORV_UMT_RECORD_PTHREAD;
-    using Body = ZorvUmtPthreadRecord;
-    Body m_body;
-    uint16_t m_subType;
-    uint16_t m_flags;
-};
-
-struct SyscallCall
-{
-    static constexpr uint16_t RECORD_TYPE = ZORV_UMT_RECORD_SYSCALL;
-    using Body = ZorvUmtSyscallRecord;
-    Body m_body;
-    uint16_t m_subType;
-    uint16_t m_flags;
-};
-
-// Header and body at the end of the thread's data, not yet part of it.
-template <typename Call>
-static inline ZorvUmaBuffer* PlaceCallRecord(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaPerThreadInfo* pThreadInfo,
-                                             uint64_t startTime, uint64_t endTime, const Call& call)
-{
-    if (!ZorvUmtInsertTraceRecordHdr(pProfileInfo, ZorvUmaCachedTid(), startTime, endTime, ZORV_UMT_CALL_RECORD_SIZE,
-                                     Call::RECORD_TYPE, call.m_subType, call.m_flags))
-        return nullptr;
-    ZorvUmaBuffer* pBuffer = pThreadInfo->m_pUmtBuf;
-    if (!HasStorage(pBuffer))
-        return nullptr;
-    *BodyAtEnd<typename Call::Body, ZorvUmtRecordHdr>(pBuffer) = call.m_body;
-    return pBuffer;
-}
-
-template <typename Call>
-static inline ZorvUmaBuffer* CacheCall(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime, const Call& call,
-                                       const char* pFunction, const char* pFailure)
-{
-    ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
-    if (pThreadInfo == nullptr || ZorvUmaIsCollectionStopped(pProfileInfo))
-        return nullptr;
-    TraceAppend append;
-    BeginAppend(&append, pThreadInfo);
-    ZorvUmaBuffer* pBuffer = PlaceCallRecord(pProfileInfo, pThreadInfo, startTime, ZORV_TIME_NOT_ENDED, call);
-    if (ZORV_LIKELY(pBuffer != nullptr))
-        ZorvStoreFenced(&pBuffer->m_cacheLen, static_cast<uint32_t>(ZORV_UMT_CALL_RECORD_SIZE));
-    else
-        WarnAboutThread(pProfileInfo, pFunction, pFailure);
-    EndAppend(&append, pProfileInfo);
-    return pBuffer;
-}
-
-template <typename Call>
-static inline void CaptureCall(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime, uint64_t endTime,
-                               const Call& call, const char* pFunction, const char* pFailure)
-{
-    ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
-    if (pThreadInfo == nullptr || ZorvUmaIsCollectionStopped(pProfileInfo))
-        return;
-    TraceAppend append;
-    BeginAppend(&append, pThreadInfo);
-    ZorvUmaBuffer* pBuffer = PlaceCallRecord(pProfileInfo, pThreadInfo, startTime, endTime, call);
-    if (ZORV_LIKELY(pBuffer != nullptr))
-        Publish(pBuffer, ZORV_UMT_CALL_RECORD_SIZE);
-    else
-        WarnAboutThread(pProfileInfo, pFunction, pFailure);
-    EndAppend(&append, pProfileInfo);
-}
-
-static inline ZorvUmtRecordHdr* RecordAtEnd(ZorvUmaBuffer* pBuffer)
-{
-    return reinterpret_cast<ZorvUmtRecordHdr*>(pBuffer->m_pData + pBuffer->m_dataLen);
-}
 
 extern "C" ZorvUmaBuffer* ZorvUmtCachePthreadRecord(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime,
                                                     uint64_t lockAddress, uint64_t funcVa,
@@ -506,9 +341,9 @@ extern "C" ZorvUmaBuffer* ZorvUmtCachePthreadRecord(ZorvUmaProfileInfo* pProfile
 {
     if (pProfileInfo == nullptr)
         return nullptr;
-    PthreadCall call = {{lockAddress, funcVa, ParallelRegionId(pProfileInfo), 0, 0, 0}, pthreadType, 0};
-    return CacheCall(pProfileInfo, startTime, call, __func__,
-                     "Failed to cache pthread record for process (%d : %d)");
+    const ZorvPthreadCallRecord record = {
+        {lockAddress, funcVa, ZorvParallelRegionId(pProfileInfo), 0, 0, 0}, pthreadType, ZORV_UMT_FLAG_NONE};
+    return ZorvCacheCall<ZorvDynamicCalls>(pProfileInfo, startTime, record);
 }
 
 extern "C" void ZorvUmtCapturePthreadRecord(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime, uint64_t endTime,
@@ -519,16 +354,16 @@ extern "C" void ZorvUmtCapturePthreadRecord(ZorvUmaProfileInfo* pProfileInfo, ui
     {
         if (pCacheBuf->m_pData == nullptr)
             return;
-        RecordAtEnd(pCacheBuf)->m_endTime = endTime;
-        BodyAtEnd<ZorvUmtPthreadRecord, ZorvUmtRecordHdr>(pCacheBuf)->m_retValue = retValue;
-        Publish(pCacheBuf, RecordAtEnd(pCacheBuf)->m_recSize);
+        ZorvRecordAtEnd(pCacheBuf)->m_endTime = endTime;
+        ZorvBodyAtEnd<ZorvUmtPthreadRecord, ZorvUmtRecordHdr>(pCacheBuf)->m_retValue = retValue;
+        ZorvPublish(pCacheBuf, ZorvRecordAtEnd(pCacheBuf)->m_recSize);
         return;
     }
     if (pProfileInfo == nullptr)
         return;
-    PthreadCall call = {{lockAddress, funcVa, ParallelRegionId(pProfileInfo), retValue, 0, 0}, pthreadType, 0};
-    CaptureCall(pProfileInfo, startTime, endTime, call, __func__,
-                "Failed to write pthread record for process (%d : %d)");
+    const ZorvPthreadCallRecord record = {
+        {lockAddress, funcVa, ZorvParallelRegionId(pProfileInfo), retValue, 0, 0}, pthreadType, ZORV_UMT_FLAG_NONE};
+    ZorvCaptureCall<ZorvDynamicCalls>(pProfileInfo, startTime, endTime, record);
 }
 
 extern "C" ZorvUmaBuffer* ZorvUmtCacheSyscallRecord(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime,
@@ -537,9 +372,9 @@ extern "C" ZorvUmaBuffer* ZorvUmtCacheSyscallRecord(ZorvUmaProfileInfo* pProfile
 {
     if (pProfileInfo == nullptr)
         return nullptr;
-    SyscallCall call = {{{funcVa}, ParallelRegionId(pProfileInfo), sysValue, 0, {}}, sysCallType, flags};
-    return CacheCall(pProfileInfo, startTime, call, __func__,
-                     "Failed to cache syscall record for process (%d : %d).");
+    const ZorvSyscallCallRecord record = {
+        {{funcVa}, ZorvParallelRegionId(pProfileInfo), sysValue, 0, {}}, sysCallType, flags};
+    return ZorvCacheCall<ZorvDynamicCalls>(pProfileInfo, startTime, record);
 }
 
 extern "C" void ZorvUmtCaptureSysCallRecord(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime, uint64_t endTime,
@@ -550,13 +385,13 @@ extern "C" void ZorvUmtCaptureSysCallRecord(ZorvUmaProfileInfo* pProfileInfo, ui
     {
         if (pCacheBuf->m_pData == nullptr)
             return;
-        RecordAtEnd(pCacheBuf)->m_endTime = endTime;
-        Publish(pCacheBuf, RecordAtEnd(pCacheBuf)->m_recSize);
+        ZorvRecordAtEnd(pCacheBuf)->m_endTime = endTime;
+        ZorvPublish(pCacheBuf, ZorvRecordAtEnd(pCacheBuf)->m_recSize);
         return;
     }
     if (pProfileInfo == nullptr)
         return;
-    SyscallCall call = {{{funcVa}, ParallelRegionId(pProfileInfo), sysValue, 0, {}}, sysCallType, flags};
-    CaptureCall(pProfileInfo, startTime, endTime, call, __func__,
-                "Failed to write syscall record for process (%d : %d).");
+    const ZorvSyscallCallRecord record = {
+        {{funcVa}, ZorvParallelRegionId(pProfileInfo), sysValue, 0, {}}, sysCallType, flags};
+    ZorvCaptureCall<ZorvDynamicCalls>(pProfileInfo, startTime, endTime, record);
 }

@@ -12,10 +12,14 @@ namespace
 {
 
 constexpr int MAX_CPUS = 1024;
-// A pass of the poll costs some 20 us of system time. Resting this long, an idle writer stays below 2 % of a CPU,
-// sees stop and pause within 5 ms, and takes a full buffer within 4 ms.
-constexpr long FIRST_REST_NS = 500000;
-constexpr long LONGEST_REST_NS = 2000000;
+// A pass of the poll costs some 40 us of system time, a look at what it would find next to nothing. Resting this long
+// between looks, an idle writer stays below 2 % of a CPU and sees stop and pause within 5 ms.
+constexpr long REST_NS = 2000000;
+
+// States of the futex word of the rest.
+constexpr uint32_t WRITER_AWAKE = 0;
+constexpr uint32_t WRITER_RESTING = 1;
+constexpr uint32_t WRITER_RESTS_NO_MORE = 2;
 
 } // namespace
 
@@ -98,18 +102,57 @@ extern "C" bool ZorvUmsWritePcmMetadata(const ZorvUmaProfileInfo* pProfileInfo)
 
 // ---- rest and wake ---------------------------------------------------------------------------------------
 
-// The instruction itself: libc's sleeping calls are traced ones and cancellation points.
-static void Rest(ZorvUmaProfileInfo* pProfileInfo, long nanoseconds)
+static bool IsFlushing(const ZorvUmaProfileInfo* pProfileInfo)
 {
-    timespec timeout = {0, nanoseconds};
-    ZorvRawSyscall(SYS_futex, reinterpret_cast<long>(&pProfileInfo->m_writerSignal), FUTEX_WAIT_PRIVATE, 0,
-                   reinterpret_cast<long>(&timeout));
+    return __atomic_load_n(&pProfileInfo->m_isFlush, __ATOMIC_SEQ_CST);
+}
+
+// Whether the next pass would find anything to do.
+static bool IsPassDue(ZorvUmaProfileInfo* pProfileInfo)
+{
+    int posts = 0;
+    sem_getvalue(&pProfileInfo->m_semaphore, &posts);
+    bool hasCounters = pProfileInfo->m_umsConfig.m_nbrEvents != 0;
+    return posts > 0 || IsFlushing(pProfileInfo) || ZorvUmaIsStopSet(pProfileInfo) ||
+           (hasCounters && ZorvUmaIsPauseSet(pProfileInfo) != pProfileInfo->m_isPcmAgentPaused);
+}
+
+static bool ChangeSignal(ZorvUmaProfileInfo* pProfileInfo, uint32_t from, uint32_t to)
+{
+    return __atomic_compare_exchange_n(&pProfileInfo->m_writerSignal, &from, to, false, __ATOMIC_SEQ_CST,
+                                       __ATOMIC_SEQ_CST);
+}
+
+static long Futex(ZorvUmaProfileInfo* pProfileInfo, int operation, uint32_t value, const timespec* pTimeout)
+{
+    return ZorvRawSyscall(SYS_futex, reinterpret_cast<long>(&pProfileInfo->m_writerSignal), operation, value,
+                          reinterpret_cast<long>(pTimeout));
+}
+
+// The instruction itself: libc's sleeping calls are traced ones and cancellation points.
+static void Rest(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (!ChangeSignal(pProfileInfo, WRITER_AWAKE, WRITER_RESTING))
+        return;
+    // Whoever comes now sees the rest and ends it; whoever came before is seen here.
+    if (!IsPassDue(pProfileInfo))
+    {
+        const timespec timeout = {0, REST_NS};
+        Futex(pProfileInfo, FUTEX_WAIT_PRIVATE, WRITER_RESTING, &timeout);
+    }
+    ChangeSignal(pProfileInfo, WRITER_RESTING, WRITER_AWAKE);
+}
+
+void ZorvUmaNudgeWriter(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (ChangeSignal(pProfileInfo, WRITER_RESTING, WRITER_AWAKE))
+        Futex(pProfileInfo, FUTEX_WAKE_PRIVATE, 1, nullptr);
 }
 
 void ZorvUmaWakeWriter(ZorvUmaProfileInfo* pProfileInfo)
 {
-    __atomic_store_n(&pProfileInfo->m_writerSignal, 1, __ATOMIC_SEQ_CST);
-    ZorvRawSyscall(SYS_futex, reinterpret_cast<long>(&pProfileInfo->m_writerSignal), FUTEX_WAKE_PRIVATE, 1);
+    __atomic_store_n(&pProfileInfo->m_writerSignal, WRITER_RESTS_NO_MORE, __ATOMIC_SEQ_CST);
+    Futex(pProfileInfo, FUTEX_WAKE_PRIVATE, 1, nullptr);
 }
 
 // ---- writer thread ---------------------------------------------------------------------------------------
@@ -146,14 +189,8 @@ static bool DrainQueues(ZorvUmaProfileInfo* pProfileInfo)
     return true;
 }
 
-static bool IsFlushing(const ZorvUmaProfileInfo* pProfileInfo)
-{
-    return __atomic_load_n(&pProfileInfo->m_isFlush, __ATOMIC_SEQ_CST);
-}
-
 static void RunWriter(ZorvUmaProfileInfo* pProfileInfo)
 {
-    long rest = FIRST_REST_NS;
     while (!IsFlushing(pProfileInfo))
     {
         if (pProfileInfo->m_umsConfig.m_nbrEvents != 0)
@@ -164,12 +201,10 @@ static void RunWriter(ZorvUmaProfileInfo* pProfileInfo)
         if (IsFlushing(pProfileInfo))
             return;
         if (hasWorked)
-        {
-            rest = FIRST_REST_NS;
             continue;
-        }
-        Rest(pProfileInfo, rest);
-        rest = rest * 2 < LONGEST_REST_NS ? rest * 2 : LONGEST_REST_NS;
+        do
+            Rest(pProfileInfo);
+        while (!IsPassDue(pProfileInfo));
     }
 }
 

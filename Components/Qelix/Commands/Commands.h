@@ -1,0 +1,27 @@
+// The subcommands. Each adds itself to the command line; what it does runs when that has been parsed, and
+// its status becomes the command's.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace CLI
+{
+class App;
+}
+
+namespace qelix
+{
+
+// Behind the first "--" of the command line, that mark included, nothing is an option of ours.
+void AddRunCommand(CLI::App* pApp, const std::vector<std::string>* pBehindMark, int* pStatus);
+void AddDumpCommand(CLI::App* pApp, int* pStatus);
+void AddReportCommand(CLI::App* pApp, int* pStatus);
+
+// Text that leaves through standard output; ends the command when nothing can be written there.
+void PrintOut(const std::string& text);
+
+// One line of ours on standard error.
+void PrintNote(const std::string& text);
+
+} // namespace qelix

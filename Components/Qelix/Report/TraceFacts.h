@@ -1,0 +1,75 @@
+// What one trace file says of its process, gathered in one pass over the file.
+#pragma once
+
+#include "Reader/Damage.h"
+#include "Reader/RecordNames.h"
+#include "Report/DurationHistogram.h"
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qelix
+{
+
+// The calls of one kind. Only those that returned, and whose times the clock could tell, have a duration.
+struct CallFacts
+{
+    uint64_t m_calls = 0;
+    uint64_t m_neverReturned = 0;
+    uint64_t m_untimed = 0;
+    uint64_t m_totalNs = 0;
+    uint64_t m_longestNs = 0;
+    DurationHistogram m_durations;
+};
+
+struct ThreadFacts
+{
+    int32_t m_tid = 0;
+    std::string m_name; // the last one it had; empty when no record tells
+    std::map<const CallKind*, CallFacts> m_calls;
+    uint64_t m_totalNs = 0;
+};
+
+struct LockFacts
+{
+    int64_t m_pid = 0;
+    uint64_t m_address = 0;
+    const CallKind* m_pKind = nullptr;
+    CallFacts m_calls;
+    std::vector<int32_t> m_tids; // sorted
+};
+
+struct NeverReturned
+{
+    int64_t m_pid = 0;
+    int32_t m_tid = 0;
+    const CallKind* m_pKind = nullptr;
+    uint64_t m_address = 0; // of a pthread call
+    uint64_t m_startTime = 0;
+    uint64_t m_atLeastNs = 0; // until the last time that its process recorded
+};
+
+struct ProcessFacts
+{
+    std::string m_path; // of the trace file
+    bool m_isEmpty = false;
+    int64_t m_pid = 0;
+    int32_t m_mpiRankId = 0;
+    std::string m_name; // of its main thread
+    uint64_t m_totalNs = 0;
+    std::vector<ThreadFacts> m_threads;         // longest total first
+    std::vector<LockFacts> m_locks;             // longest total first
+    std::vector<NeverReturned> m_neverReturned; // by start time
+    std::optional<Damage> m_damage;
+    uint64_t m_unreadBytes = 0;
+};
+
+ProcessFacts ReadTraceFacts(const std::string& path);
+
+// The longest total first; equal ones in the order of their addresses.
+bool IsWorseLock(const LockFacts& a, const LockFacts& b);
+
+} // namespace qelix

@@ -1,0 +1,36 @@
+// One run of a program is one directory; this is how it is laid out.
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace qelix
+{
+
+struct SessionDirectory
+{
+    std::string m_path;    // absolute
+    bool m_isMade = false; // it was not there before
+};
+
+std::string LogFolder(const std::string& session);      // the agent's log, a file a process
+std::string ErrorFolder(const std::string& session);    // a code for the launcher, a file a process
+std::string TraceFolder(const std::string& session);    // .umt files
+std::string SampleFolder(const std::string& session);   // .ums files
+std::string MetadataFolder(const std::string& session); // .meta files
+std::string ConfigurationFile(const std::string& session);
+
+// "qelix-PROGRAM-PID"; what a configured path cannot hold is replaced in the program's name.
+std::string DefaultSessionName(const std::string& program, pid_t pid);
+
+// Makes the directory and its folders. A directory that holds anything is refused: sessions are never mixed.
+SessionDirectory MakeSessionDirectory(const std::string& path);
+
+// Takes away what MakeSessionDirectory made, for a program that could not be started.
+void RemoveSessionDirectory(const SessionDirectory& session);
+
+// Regular files of a folder whose names end so, sorted by name. A folder that is missing has none.
+std::vector<std::string> FilesIn(const std::string& folder, const std::string& ending);
+
+} // namespace qelix

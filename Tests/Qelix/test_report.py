@@ -1,0 +1,88 @@
+"""`qelix report` on recorded sessions whose locks and counts are known."""
+
+import re
+
+from conftest import SUBJECT, qelix, report
+
+
+def record(session, *arguments, threshold="0"):
+    result = qelix("run", "--threshold", threshold, "-o", session, "--", SUBJECT, *arguments)
+    return result, report(session)
+
+
+def threads_by_name(facts):
+    (process,) = facts["processes"]
+    return {thread["name"]: thread for thread in process["threads"]}
+
+
+def calls_by_kind(thread):
+    return {call["kind"]: call for call in thread["calls"]}
+
+
+def test_who_waited_for_which_lock(session):
+    result, facts = record(session, "contend", "50")
+    address = int(result.stdout, 16)
+    threads = threads_by_name(facts)
+    assert set(threads) == {"QelixSubject", "holder", "waiter"}
+    assert facts["processes"][0]["name"] == "QelixSubject"
+    main = calls_by_kind(threads["QelixSubject"])
+    assert main["create"]["calls"] == 2 and main["join"]["calls"] == 2
+    assert calls_by_kind(threads["holder"])["barrier"]["calls"] == 1
+    mutex = calls_by_kind(threads["waiter"])["mutex"]
+    assert mutex["calls"] == 1
+    assert mutex["totalNs"] == mutex["longestNs"] == mutex["p50Ns"] == mutex["p99Ns"] > 0
+    (lock,) = [lock for lock in facts["locks"] if lock["address"] == address]
+    assert lock["kind"] == "mutex"
+    assert lock["calls"] == 2
+    assert lock["threads"] == sorted([threads["holder"]["tid"], threads["waiter"]["tid"]])
+
+
+def test_a_call_that_never_returned(session):
+    result, facts = record(session, "abandon")
+    assert result.returncode == 3
+    (call,) = facts["neverReturned"]
+    assert call["kind"] == "mutex"
+    assert call["address"] == int(result.stdout, 16)
+    assert call["tid"] == threads_by_name(facts)["waiter"]["tid"]
+    assert call["atLeastNs"] > 0
+    text = qelix("report", session).stdout
+    assert re.search(r"calls that never returned\n.*\n +\d+ waiter \(\d+\) +mutex +0x", text)
+
+
+def test_counts_are_exact(session):
+    _, facts = record(session, "count", "100000")
+    mutex = calls_by_kind(threads_by_name(facts)["QelixSubject"])["mutex"]
+    assert mutex["calls"] == 100000
+    assert facts["agent"]["lostTraceRecords"] == 0
+    assert facts["agent"]["errors"] == []
+    assert facts["thresholdNs"] == 0
+
+
+def test_calls_below_the_threshold_are_not_recorded(session):
+    _, facts = record(session, "count", "1000", threshold="60000000000")
+    assert threads_by_name(facts)["QelixSubject"]["calls"] == []
+    assert facts["thresholdNs"] == 60000000000
+    assert "calls shorter than 60.0 s were not recorded" in qelix("report", session).stdout
+
+
+def test_run_prints_the_same_report(session):
+    result, _ = record(session, "count", "10")
+    assert result.stderr.endswith(qelix("report", session).stdout)
+
+
+def test_a_damaged_file_is_named_and_what_precedes_is_reported(session):
+    record(session, "count", "1000")
+    (trace,) = (session / "trace").iterdir()
+    trace.write_bytes(trace.read_bytes()[: 24 + 80 + 64 * 10 + 1])
+    result = qelix("report", session)
+    assert result.returncode == 1
+    assert f"damaged: {trace}: byte offset {24 + 80 + 64 * 10}: " in result.stdout
+    assert re.search(r"mutex +10 ", result.stdout)
+
+
+def test_what_is_no_session_is_refused_with_a_remedy(tmp_path):
+    for path in [tmp_path, tmp_path / "missing"]:
+        result = qelix("report", path)
+        assert result.returncode == 1
+        assert str(path) in result.stderr and "qelix run" in result.stderr
+    assert qelix("report").returncode == 125

@@ -1,0 +1,344 @@
+"""`qelix run`: what the program sees, what it leaves behind, and with which status it ends."""
+
+import os
+import pathlib
+import pty
+import re
+import select
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+import pytest
+
+from conftest import FOLDERS, QELIX, SUBJECT, qelix
+
+
+def python(code):
+    return [sys.executable, "-c", code]
+
+
+# ---- status ----------------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("status", [0, 1, 7, 125, 255])
+def test_the_programs_status_is_ours(session, status):
+    assert qelix("run", "-o", session, "--", "sh", "-c", f"exit {status}").returncode == status
+
+
+@pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGSEGV, signal.SIGTERM, signal.SIGINT])
+def test_death_by_a_signal_is_128_plus_its_number(session, number):
+    result = qelix("run", "-o", session, "--", "sh", "-c", f"ulimit -c 0; kill -{number.value} $$")
+    assert result.returncode == 128 + number
+    assert f"was ended by signal {number.value}" in result.stderr
+
+
+@pytest.mark.parametrize("name", ["no-such-program-at-all", "./missing", "/nonexistent/tool"])
+def test_a_program_that_is_not_there_is_127_and_leaves_nothing(tmp_path, name):
+    result = qelix("run", "--", name, cwd=tmp_path)
+    assert result.returncode == 127
+    assert name in result.stderr
+    assert not list(tmp_path.iterdir())
+
+
+def test_a_program_that_is_not_executable_is_126(tmp_path):
+    (tmp_path / "tool").write_text("#!/bin/sh\n")
+    result = qelix("run", "--", "./tool", cwd=tmp_path)
+    assert result.returncode == 126
+    assert "./tool" in result.stderr and "Permission denied" in result.stderr
+    assert qelix("run", "--", tmp_path, cwd=tmp_path).returncode == 126
+
+
+def test_a_script_whose_interpreter_is_missing_is_127_and_leaves_nothing(tmp_path):
+    script = tmp_path / "tool"
+    script.write_text("#!/nonexistent/interpreter\n")
+    script.chmod(0o755)
+    result = qelix("run", "--", script, cwd=tmp_path)
+    assert result.returncode == 127
+    assert "interpreter" in result.stderr
+    assert list(tmp_path.iterdir()) == [script]
+
+
+def test_a_script_without_an_interpreter_line_runs_as_in_a_shell(tmp_path, session):
+    script = tmp_path / "tool"
+    script.write_text("exit 9\n")
+    script.chmod(0o755)
+    assert qelix("run", "-o", session, "--", script).returncode == 9
+
+
+@pytest.mark.parametrize(
+    "arguments, part",
+    [
+        (["run"], "no program to run"),
+        (["run", "--"], "no program to run"),
+        (["run", "--threshold", "-5", "--", "true"], "-5 is no whole number"),
+        (["run", "--threshold", "1x", "--", "true"], "1x is no whole number"),
+        (["run", "--children", "--no-children", "--", "true"], "excludes"),
+        (["run", "-o"], "-o"),
+        (["nonsense"], "nonsense"),
+        ([], "a command is missing"),
+    ],
+)
+def test_what_cannot_be_understood_is_125(tmp_path, arguments, part):
+    result = qelix(*arguments, cwd=tmp_path)
+    assert result.returncode == 125
+    assert result.stderr.startswith("qelix: ") and part in result.stderr
+    assert not list(tmp_path.iterdir())
+
+
+def test_without_its_agent_qelix_says_where_it_looked(tmp_path):
+    alone = tmp_path / "bin" / "qelix"
+    alone.parent.mkdir()
+    shutil.copy(QELIX, alone)
+    result = subprocess.run([alone, "run", "--", "true"], capture_output=True, text=True, cwd=tmp_path)
+    assert result.returncode == 125
+    assert str(tmp_path / "lib" / "libZorUserModeTracingAgent.so") in result.stderr
+
+
+def test_the_status_stands_when_there_is_nothing_left_to_report(session):
+    result = qelix("run", "-o", session, "--", "sh", "-c", f"rm -r {session}; exit 5")
+    assert result.returncode == 5
+    assert "is no session" in result.stderr
+
+
+def test_the_status_stands_when_standard_error_is_closed(session):
+    assert subprocess.run(["sh", "-c", f"{QELIX} run -o {session} -- sh -c 'exit 4' 2>&-"]).returncode == 4
+
+
+# ---- the session -----------------------------------------------------------------------------------------
+
+
+def test_the_session_directory_has_a_folder_for_each_kind_of_file(tmp_path):
+    process = subprocess.Popen([QELIX, "run", "--", SUBJECT, "count", "1"], cwd=tmp_path, stderr=subprocess.PIPE)
+    process.communicate()
+    assert [path.name for path in tmp_path.iterdir()] == [f"qelix-{pathlib.Path(SUBJECT).name}-{process.pid}"]
+    session = next(tmp_path.iterdir())
+    assert {path.name for path in session.iterdir() if path.is_dir()} == FOLDERS
+    assert {path.suffix for path in (session / "trace").iterdir()} == {".umt"}
+    assert {path.suffix for path in (session / "metadata").iterdir()} == {".meta"}
+    assert {path.suffix for path in (session / ".log").iterdir()} == {".txt"}
+    assert {path.suffix for path in (session / ".error").iterdir()} == {".err"}
+
+
+def test_the_configuration_says_what_was_asked_for(session):
+    qelix("run", "-o", session, "--threshold", "12345", "--no-children", "--", "true")
+    lines = (session / "agent.conf").read_text().splitlines()
+    assert "QELIX_TRACE_PTHREAD=1:12345:0" in lines
+    assert "QELIX_PROFILE_CHILDREN=0" in lines
+    assert f"QELIX_UMT_DIR={session}/trace" in lines
+    assert f"QELIX_METADATA_DIR={session}/metadata" in lines
+
+
+def test_children_are_recorded_unless_told_otherwise(tmp_path):
+    for index, options in enumerate([[], ["--children"]]):
+        session = tmp_path / str(index)
+        qelix("run", *options, "-o", session, "--", "true")
+        assert "QELIX_PROFILE_CHILDREN=1\n" in (session / "agent.conf").read_text()
+
+
+def test_a_session_is_never_written_over(session):
+    assert qelix("run", "-o", session, "--", "true").returncode == 0
+    result = qelix("run", "-o", session, "--", "true")
+    assert result.returncode == 125
+    assert str(session) in result.stderr and "-o DIR" in result.stderr
+
+
+def test_a_path_that_cannot_be_configured_is_refused_with_the_reason(tmp_path):
+    for name in ["a=b", "a\nb"]:
+        result = qelix("run", "-o", tmp_path / name, "--", "true")
+        assert result.returncode == 125
+        assert "where a configured value ends" in result.stderr
+    assert not list(tmp_path.iterdir())
+
+
+def test_a_directory_that_cannot_be_made_is_named(tmp_path):
+    (tmp_path / "file").write_text("")
+    result = qelix("run", "-o", tmp_path / "file" / "session", "--", "true")
+    assert result.returncode == 125
+    assert str(tmp_path / "file" / "session") in result.stderr
+
+
+def test_a_session_path_with_blanks_and_a_relative_one(tmp_path):
+    result = qelix("run", "-o", "my session: 1", "--", SUBJECT, "count", "1", cwd=tmp_path)
+    assert result.returncode == 0
+    assert list((tmp_path / "my session: 1" / "trace").glob("*.umt"))
+
+
+# ---- the shared memory -----------------------------------------------------------------------------------
+
+SHOW_BLOCK = """
+import os, re
+conf = open(os.environ["QELIX_UMA_CONFIG_FILE"]).read()
+path = "/dev/shm" + re.search("QELIX_SHM_NAME=(.*)", conf).group(1)
+status = os.stat(path)
+print(path, oct(status.st_mode & 0o777), open(path, "rb").read() == bytes(64))
+"""
+
+
+def test_the_block_is_there_zeroed_for_the_run_and_removed_after_it(session):
+    result = qelix("run", "-o", session, "--", *python(SHOW_BLOCK))
+    path, mode, is_zeroed = result.stdout.split()
+    assert mode == "0o600"
+    assert is_zeroed == "True"
+    assert re.fullmatch(r"/dev/shm/qelix-\d+", path)
+    assert not os.path.exists(path)
+
+
+@pytest.mark.parametrize("code", ["kill -9 $$", "kill -TERM $PPID"])
+def test_the_block_is_removed_however_the_program_ends(session, code):
+    script = f"sed -n s/QELIX_SHM_NAME=//p $QELIX_UMA_CONFIG_FILE; {code}; exec sleep 60"
+    result = qelix("run", "-o", session, "--", "sh", "-c", script)
+    assert result.stdout.startswith("/qelix-")
+    assert not os.path.exists("/dev/shm" + result.stdout.strip())
+
+
+# ---- what the program sees -------------------------------------------------------------------------------
+
+
+def test_the_programs_output_is_untouched(session):
+    code = "import sys; sys.stdout.buffer.write(bytes(range(256))); sys.stderr.write('its error\\n')"
+    result = qelix("run", "-o", session, "--", *python(code), text=False)
+    assert result.stdout == bytes(range(256))
+    assert b"its error\n" in result.stderr
+
+
+def test_input_arguments_and_name_reach_the_program(session):
+    code = "import sys; print(sys.stdin.read(), sys.argv[1:])"
+    result = qelix("run", "-o", session, "--", *python(code), "--", "-o", "", "a b", input="typed")
+    assert result.stdout == "typed ['--', '-o', '', 'a b']\n"
+    result = qelix("run", "-o", str(session) + "2", "--", "sh", "-c", "cat /proc/$$/cmdline")
+    assert result.stdout == "sh\0-c\0cat /proc/$$/cmdline\0"
+
+
+def test_without_a_mark_the_first_word_is_the_program(session):
+    result = qelix("run", "-o", session, "sh", "-c", 'echo "$@"', "name", "-o", "x", "--", "y")
+    assert result.stdout == "-o x -- y\n"
+
+
+def test_what_was_preloaded_stays_behind_the_agent(tmp_path, session):
+    other = tmp_path / "libother.so"
+    shutil.copy("/lib/x86_64-linux-gnu/libm.so.6", other)
+    result = qelix("run", "-o", session, "--", "printenv", "LD_PRELOAD", env={**os.environ, "LD_PRELOAD": str(other)})
+    agent, rest = result.stdout.strip().split(":")
+    assert agent.endswith("/lib/libZorUserModeTracingAgent.so") and os.path.isabs(agent)
+    assert rest == str(other)
+
+
+SIGNAL_STATE = "import re; print(re.findall('Sig(?:Blk|Ign):.*', open('/proc/self/status').read()))"
+
+
+def ignore_some():
+    for number in (signal.SIGINT, signal.SIGCHLD, signal.SIGPIPE, signal.SIGHUP):
+        signal.signal(number, signal.SIG_IGN)
+    signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM, signal.SIGUSR1})
+
+
+@pytest.mark.parametrize("prepare", [None, ignore_some])
+def test_the_program_inherits_signals_as_natively(session, prepare):
+    native = subprocess.run(python(SIGNAL_STATE), capture_output=True, text=True, preexec_fn=prepare)
+    result = qelix("run", "-o", session, "--", *python(SIGNAL_STATE), preexec_fn=prepare)
+    assert result.returncode == 0
+    assert result.stdout == native.stdout
+
+
+LIST_DESCRIPTORS = """
+import os
+for fd in sorted(map(int, os.listdir('/proc/self/fd'))):
+    try:
+        target = os.readlink(f'/proc/self/fd/{fd}')
+    except OSError:
+        continue
+    if 'qelix-' not in target and '/session/' not in target:
+        print(target.split(':')[0])
+"""
+
+
+@pytest.mark.parametrize("redirection", ["", "<&-", "2>&-", "<&- 2>&-", "5</dev/null"])
+def test_no_descriptor_of_ours_reaches_the_program(session, redirection):
+    command = "'%s' -c \"%s\"" % (sys.executable, LIST_DESCRIPTORS)
+    native = subprocess.run(["sh", "-c", f"{command} {redirection}"], stdout=subprocess.PIPE, text=True)
+    ours = subprocess.run(
+        ["sh", "-c", f"{QELIX} run -o {session} -- {command} {redirection}"], stdout=subprocess.PIPE, text=True
+    )
+    assert ours.stdout == native.stdout
+
+
+# ---- signals ---------------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
+def test_a_signal_sent_to_us_reaches_the_program(session, number):
+    process = subprocess.Popen(
+        [QELIX, "run", "-o", session, "--", SUBJECT, "await"],
+        stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, start_new_session=True,
+    )
+    assert process.stdout.readline() == "ready\n"
+    process.send_signal(number)
+    assert process.stdout.readline() == f"signal {number.value}\n"
+    output, _ = process.communicate("\n", timeout=60)
+    assert output == "1 in all\n"
+    assert process.returncode == 20 + number
+
+
+def read_until(descriptor, text):
+    output = ""
+    while text not in output:
+        assert select.select([descriptor], [], [], 60)[0], output
+        output += os.read(descriptor, 4096).decode()
+    return output
+
+
+def test_ctrl_c_on_a_terminal_reaches_the_program_once(session):
+    pid, terminal = pty.fork()
+    if pid == 0:
+        os.execv(QELIX, [QELIX, "run", "-o", str(session), "--", SUBJECT, "await"])
+    read_until(terminal, "ready")
+    # Held until the program has taken its own: two signals that meet would count as one.
+    os.kill(pid, signal.SIGSTOP)
+    os.write(terminal, b"\x03")
+    read_until(terminal, "signal 2")
+    os.kill(pid, signal.SIGCONT)
+    time.sleep(0.2)
+    os.write(terminal, b"\n")
+    assert "1 in all" in read_until(terminal, "in all")
+    read_until(terminal, "ended with status 22")
+    try:
+        while os.read(terminal, 4096):
+            pass
+    except OSError:
+        pass  # the terminal's other side is gone
+    assert os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]) == 22
+    os.close(terminal)
+
+
+# ---- what we say afterwards ------------------------------------------------------------------------------
+
+
+def test_the_report_comes_on_standard_error(session):
+    result = qelix("run", "-o", session, "--", SUBJECT, "contend", "50")
+    assert re.fullmatch(r"0x[0-9a-f]+\n", result.stdout)
+    assert "ended with status 0" in result.stderr
+    assert f"session {session}: 1 process, 3 threads" in result.stderr
+    assert re.search(r"waiter +\d+  mutex", result.stderr)
+    assert result.stdout.strip() in result.stderr.split("locks waited on longest")[1]
+
+
+def test_the_code_of_an_error_file_is_explained_and_we_live_to_do_it(tmp_path, session):
+    allocator = tmp_path / "libjemalloc.so.2"
+    shutil.copy("/lib/x86_64-linux-gnu/libm.so.6", allocator)
+    result = qelix("run", "-o", session, "--", "true", env={**os.environ, "LD_PRELOAD": str(allocator)})
+    assert result.returncode == 126, "the status of a program that the agent ended is not the program's"
+    assert "true was ended by the agent" in result.stderr
+    assert "libjemalloc.so is preloaded" in result.stderr
+    assert "take libjemalloc out of LD_PRELOAD" in result.stderr
+
+
+def test_a_program_that_the_agent_cannot_enter_is_told(tmp_path, session):
+    source = tmp_path / "static.c"
+    source.write_text("int main(void) { return 6; }\n")
+    subprocess.run(["gcc", "-static", "-o", tmp_path / "static", source], check=True)
+    result = qelix("run", "-o", session, "--", tmp_path / "static")
+    assert result.returncode == 6
+    assert "no process of the program loaded the agent" in result.stderr
