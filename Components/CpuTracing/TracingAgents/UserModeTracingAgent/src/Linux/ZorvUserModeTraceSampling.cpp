@@ -84,12 +84,9 @@ void ZorvUmsForgetTurn()
     GiveTurnBack();
 }
 
-// Frames found, or a negative value when the turn did not come. The unwinder's own calls are not recorded, and a
-// cancellation waits: it would take the unwinder's lock along.
+// Frames found, or a negative value when the turn did not come. The unwinder's own calls are not recorded.
 static int Unwind(void** ppFrames, int size)
 {
-    int cancelState;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
     int count = -1;
     ZorvUmaSetStopCollection(true);
     if (TakeTurn())
@@ -100,7 +97,6 @@ static int Unwind(void** ppFrames, int size)
         GiveTurnBack();
     }
     ZorvUmaSetStopCollection(false);
-    pthread_setcancelstate(cancelState, &cancelState);
     return count;
 }
 
@@ -393,8 +389,12 @@ extern "C" void ZorvUmsSignalHandler(int, siginfo_t* pSigInfo, void*)
     if (pProfileInfo == nullptr)
         return;
     int savedErrno = errno;
+    // A cancellation waits: it would take the unwinder's lock along, and reading the counters is a point of it.
+    int cancelState;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
     __atomic_add_fetch(&pProfileInfo->m_timerOverrunCnt, static_cast<uint64_t>(pSigInfo->si_overrun),
                        __ATOMIC_SEQ_CST);
     ZorvUmsCaptureSampleRecord(pProfileInfo);
+    pthread_setcancelstate(cancelState, &cancelState);
     errno = savedErrno;
 }
