@@ -77,5 +77,8 @@ void* ZorvUmaOpenObject(const char* pName, int flags);
 
 // Looks every wrapper up, silently, before the program can be interrupted inside a first call.
 void ZorvUmaResolveWrappers();
+// Whether the names are there without which nothing of the agent may run: half a lock would hang the program. Those
+// that are missing are told like in a call.
+bool ZorvUmaHasEssentials();
 // libc's clock_gettime itself, for the path of a record; null while it cannot be found. Says nothing.
 void* ZorvUmaResolvedClock();

@@ -105,6 +105,16 @@ void ZorvUmaResolveWrappers()
     errno = savedErrno;
 }
 
+bool ZorvUmaHasEssentials()
+{
+    bool hasAll = true;
+    for (WrapperSymbol* pSymbol :
+         {&g_symbolZorvUmaPthreadMutexInit, &g_symbolZorvUmaPthreadMutexLock, &g_symbolZorvUmaPthreadMutexUnlock,
+          &g_symbolZorvUmaPthreadSelf, &g_symbolZorvUmaSysconf})
+        hasAll = AddressOf(pSymbol) != nullptr && hasAll;
+    return hasAll;
+}
+
 void* ZorvUmaResolvedClock()
 {
     WrapperSymbol* pClock = &g_symbolZorvUmaClockGetTime;

@@ -173,6 +173,8 @@ struct ZorvUmaProfileInfo
     uint32_t m_threadCount;  // threads that own a per-thread record
     uint32_t m_streamUsers;  // threads inside a buffer change or a log line of their own
     uint32_t m_writerSignal; // futex word that ends the writer's rest
+    bool m_isWriterDone;     // the writer has said its last line
+    bool m_keepsStorage;     // a thread did not leave its buffer change: nothing may be freed
 };
 using ZorvUmaProfileInfoT = ZorvUmaProfileInfo;
 
@@ -199,9 +201,8 @@ struct ZorvThreadState
     uint32_t m_appendCount;  // provisional and complete trace records written by this thread
     uint32_t m_lostCount;    // trace records lost by this thread
     uint32_t m_agentDepth;   // nesting of ZorvUmaEnterAgent
-    bool m_isAppending;      // between the reservation and the publication of a trace record
+    const void* m_pAppendFrame; // stack frame between the reservation and the publication of a trace record
     bool m_isDying;          // the process is about to end: nothing is allocated or freed any more
-    bool m_isAgentThread;
     bool m_isUnwinding; // what the thread calls now is the unwinder's doing
     bool m_canUnwind;   // the unwinder's first use on this thread is behind it
     bool m_mayAllocate;      // set in a scope: no handler of the program has interrupted its allocator here
@@ -242,6 +243,10 @@ bool ZorvUmaIsStillOwn(int fd);
 int ZorvUmaOwnDescriptor(int fd);
 // In a forked child: closes what the agent keeps there of its parent.
 void ZorvUmaDropParentsFiles();
+void ZorvUmaRenewFilesLock();
+// Writes all or nothing of a piece of a file: what a failed or short write leaves behind is cut off again, for it would
+// end every reader's walk right there. Result as ZorvUmaWrite.
+ssize_t ZorvUmaWriteWhole(int fd, const void* pBuf, size_t count);
 // Writes to a file of the agent. A file-size limit never raises its signal in the program (setrlimit(2)).
 // Result as ZorvUmaWrite.
 ssize_t ZorvUmaWriteOwnFile(int fd, const void* pBuf, size_t count);
@@ -254,6 +259,14 @@ void ZorvUmaZeroStorage(char* pStorage, size_t size);
 ZorvUmaBuffer* ZorvUmtMapNewBuffer(ZorvUmaData* pData);
 // Frees, unless the process is about to end anyway and its thread may be inside the allocator.
 void ZorvUmaRelease(void* pMemory);
+
+// Whether the process is another one than the record's: a child that fork(2)'s interposer has not seen.
+bool ZorvUmaIsForeign(const ZorvUmaProfileInfo* pProfileInfo);
+// Of such a child: whether it shares its parent's memory (vfork(2)), so that what it changes is its parent's.
+bool ZorvUmaSharesMemory();
+void ZorvUmaMarkMemory(); // as this process's own
+// A handler may run with its own signal open from now on: an empty mask no longer says that there is none.
+void ZorvUmaExpectNestedHandlers();
 
 // Ids from memory: no system call on the way of a record.
 pid_t ZorvUmaAskTid();

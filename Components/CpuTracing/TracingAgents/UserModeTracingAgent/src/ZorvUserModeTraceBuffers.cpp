@@ -5,7 +5,6 @@
 
 #include "Linux/ZorvUserModeTrace.h"
 #include "ZorvAgentUtils.h"
-#include "ZorvRawSyscall.h"
 #include "ZorvUserModeTraceLog.h"
 
 #include <cerrno>
@@ -53,11 +52,17 @@ void ZorvUmaZeroStorage(char* pStorage, size_t size)
     }
 }
 
+static uint32_t BufferSize()
+{
+    long pageSize = ZorvUmaSysconf(_SC_PAGESIZE);
+    return static_cast<uint32_t>(pageSize > 0 ? pageSize : PAGE_STEP) * PAGES_PER_BUFFER;
+}
+
 // An empty READY buffer with storage of its own; m_pData is null when memory is out.
 static ZorvUmaBuffer MakeBuffer()
 {
     ZorvUmaBuffer buffer = {};
-    uint32_t size = static_cast<uint32_t>(ZorvUmaSysconf(_SC_PAGESIZE)) * PAGES_PER_BUFFER;
+    uint32_t size = BufferSize();
     buffer.m_pData = static_cast<char*>(ZorvUmaMalloc(size));
     if (buffer.m_pData == nullptr)
         return buffer;
@@ -135,7 +140,7 @@ extern "C" ZorvUmaBuffer* ZorvUmaInsertIntoList(ZorvUmaData* pData, ZorvUmaBuffe
 
 ZorvUmaBuffer* ZorvUmtMapNewBuffer(ZorvUmaData* pData)
 {
-    uint32_t size = static_cast<uint32_t>(ZorvUmaSysconf(_SC_PAGESIZE)) * PAGES_PER_BUFFER;
+    uint32_t size = BufferSize();
     void* pMemory = ZorvUmaMmap(nullptr, PAGE_STEP + size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (pMemory == MAP_FAILED)
         return nullptr;
@@ -215,8 +220,7 @@ static bool CreateStreamQueue(ZorvUmaData* pData)
     pData->m_pQueue = pQueue;
     if (pQueue == nullptr)
         return false;
-    pQueue->m_pFront = nullptr;
-    pQueue->m_pRear = nullptr;
+    ZorvUmaMemset(pQueue, 0, sizeof(*pQueue));
     ZorvUmaPthreadMutexInit(&pQueue->m_lock, nullptr);
     return true;
 }
@@ -305,20 +309,9 @@ extern "C" bool ZorvUmaOpenFileForWrite(const char* pDirPath, int* pFd, const ch
     return true;
 }
 
-// All or nothing: what a failed or short write has left behind would end every reader's walk right there, and the
-// buffer is written again at the end of the process.
-static bool WriteWhole(int fd, const char* pBytes, uint32_t size)
+static bool WriteBytes(int fd, const char* pBytes, uint32_t size)
 {
-    fd = ZorvUmaOwnDescriptor(fd);
-    long start = fd < 0 ? -1 : ZorvRawSyscall(SYS_lseek, fd, 0, SEEK_CUR);
-    if (ZorvUmaWriteOwnFile(fd, pBytes, size) == static_cast<ssize_t>(size))
-        return true;
-    if (start >= 0)
-    {
-        ZorvRawSyscall(SYS_ftruncate, fd, start);
-        ZorvRawSyscall(SYS_lseek, fd, start, SEEK_SET);
-    }
-    return false;
+    return ZorvUmaWriteWhole(fd, pBytes, size) == static_cast<ssize_t>(size);
 }
 
 extern "C" bool ZorvUmaInitDataWriting(ZorvUmaData* pData, const char* pDirPath, const char* pFileName,
@@ -349,7 +342,7 @@ extern "C" bool ZorvUmaWriteBuffer(ZorvUmaData* pData, int logFd)
     {
         if (pBuffer->m_pData == nullptr || pBuffer->m_state != ZORV_UMA_BUFFER_STATE_FULL)
             continue;
-        isWritten = WriteWhole(pData->m_fd, pBuffer->m_pData, pBuffer->m_dataLen);
+        isWritten = WriteBytes(pData->m_fd, pBuffer->m_pData, pBuffer->m_dataLen);
         if (isWritten)
             EmptyBuffer(pBuffer);
         else
@@ -362,8 +355,11 @@ extern "C" bool ZorvUmaWriteBuffer(ZorvUmaData* pData, int logFd)
 static bool IsHeldByOther(const ZorvUmaBuffer* pBuffer)
 {
     const ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
-    if (pProfileInfo == nullptr || pProfileInfo->m_finalisingTid == 0 ||
-        pBuffer->m_state != ZORV_UMA_BUFFER_STATE_IN_USE)
+    if (pProfileInfo == nullptr || pProfileInfo->m_finalisingTid == 0)
+        return false;
+    if (pProfileInfo->m_keepsStorage)
+        return true;
+    if (pBuffer->m_state != ZORV_UMA_BUFFER_STATE_IN_USE)
         return false;
     const ZorvUmaPerThreadInfo* pOwn = t_zorvState.m_pInfo;
     if (pOwn != nullptr &&
@@ -377,7 +373,7 @@ static bool WriteAndFreeBuffer(const ZorvUmaData* pData, ZorvUmaBuffer* pBuffer,
 {
     uint32_t dataLen = __atomic_load_n(&pBuffer->m_dataLen, __ATOMIC_SEQ_CST);
     uint32_t cacheLen = __atomic_load_n(&pBuffer->m_cacheLen, __ATOMIC_SEQ_CST);
-    if (dataLen != 0 && !WriteWhole(pData->m_fd, pBuffer->m_pData, dataLen + cacheLen))
+    if (dataLen != 0 && !WriteBytes(pData->m_fd, pBuffer->m_pData, dataLen + cacheLen))
         ZORV_LOG(logFd, ERROR, "Failed to write buffer from global array to file.");
     if (IsHeldByOther(pBuffer))
         return false;

@@ -4,6 +4,9 @@
 // shell's redirection, a daemon that closes everything. So the agent's files are kept high and close-on-exec, and
 // before each write (they are rare and large) the descriptor is compared with the file that it stood for. Where the
 // program has taken it, the file is opened again; nothing is ever written to, or closed of, what is the program's.
+//
+// A number that once stood for one of the files never stands for another: whoever still holds an old number is led to
+// the right file, or to none.
 
 #include "Linux/ZorvUserModeTrace.h"
 #include "ZorvAgentUtils.h"
@@ -15,15 +18,16 @@
 namespace
 {
 
-constexpr uint32_t MAX_KEPT_FILES = 24;  // six of a process, and those of its parent in a forked child
-constexpr int USUAL_LOWEST_FD = 512;     // high enough for shells and small enough for the kernel's table
+constexpr uint32_t MAX_KEPT_FILES = 24; // six of a process and its unwinder's, and those of its parent in a child
+constexpr uint32_t MAX_NUMBERS = 8;     // of one file, the current one first
+constexpr int USUAL_LOWEST_FD = 512;    // high enough for shells and small enough for the kernel's table
 constexpr int FIRST_FREE_FD = 3;
 constexpr size_t PROC_PATH_SIZE = 64;
 constexpr size_t PATH_SIZE = 4096;
 
 struct KeptFile
 {
-    int m_fd; // 0: the slot is free; the agent never keeps 0 to 2
+    int m_fds[MAX_NUMBERS]; // 0: none; the agent never keeps 0 to 2
     pid_t m_pid;
     dev_t m_device;
     ino_t m_inode;
@@ -32,6 +36,9 @@ struct KeptFile
 };
 
 KeptFile g_keptFiles[MAX_KEPT_FILES];
+int g_highestFd;
+// Taken with every signal blocked, like all locks of the agent; a forked child makes it anew.
+pthread_mutex_t g_filesLock = PTHREAD_MUTEX_INITIALIZER;
 
 } // namespace
 
@@ -46,12 +53,20 @@ static bool StatFd(int fd, struct stat* pStat)
     return ZorvRawSyscall(SYS_fstat, fd, reinterpret_cast<long>(pStat)) == 0;
 }
 
+static KeptFile* FindKeptOf(int fd, pid_t pid)
+{
+    if (fd < FIRST_FREE_FD)
+        return nullptr;
+    for (KeptFile& file : g_keptFiles)
+        for (int number : file.m_fds)
+            if (number == fd && (pid == 0 || file.m_pid == pid))
+                return &file;
+    return nullptr;
+}
+
 static KeptFile* FindKept(int fd)
 {
-    for (KeptFile& file : g_keptFiles)
-        if (file.m_fd == fd && fd >= FIRST_FREE_FD && file.m_pid == ZorvUmaCachedPid())
-            return &file;
-    return nullptr;
+    return FindKeptOf(fd, ZorvUmaCachedPid());
 }
 
 static bool IsStill(const KeptFile* pFile, int fd)
@@ -59,6 +74,8 @@ static bool IsStill(const KeptFile* pFile, int fd)
     struct stat now;
     return StatFd(fd, &now) && now.st_dev == pFile->m_device && now.st_ino == pFile->m_inode;
 }
+
+// ---- numbers ---------------------------------------------------------------------------------------------
 
 // Where the agent's numbers begin: high, but inside what the program is allowed.
 static int LowestOwnFd()
@@ -68,6 +85,14 @@ static int LowestOwnFd()
         return USUAL_LOWEST_FD;
     int half = static_cast<int>(limit.rlim_cur / 2);
     return half > FIRST_FREE_FD ? half : FIRST_FREE_FD;
+}
+
+// A duplicate at `lowest` or above in place of `fd`, or -1 with `fd` closed.
+static int MoveTo(int fd, int lowest)
+{
+    int moved = FcntlOwn(fd, F_DUPFD_CLOEXEC, lowest);
+    ZorvUmaClose(fd);
+    return moved < 0 ? -1 : moved;
 }
 
 // A high duplicate in place of `fd`; `fd` itself where there is no room, unless it is one of the standard streams'.
@@ -83,19 +108,53 @@ static int MoveHigh(int fd)
     return moved < 0 ? -1 : moved;
 }
 
-// The path as the kernel knows it: the program may change its directory.
-static char* AbsolutePathOf(int fd, const char* pPath)
+static void RememberHighest(int fd)
 {
-    if (pPath[0] == '/')
-        return ZorvUmaStrdup(pPath);
+    if (fd > g_highestFd)
+        g_highestFd = fd;
+}
+
+// ---- keeping ---------------------------------------------------------------------------------------------
+
+// The path as the kernel knows it: the program may change its directory.
+static ZORV_COLD char* PathFromKernel(int fd, const char* pPath)
+{
     char link[PROC_PATH_SIZE];
-    char path[PATH_SIZE];
+    auto pReal = static_cast<char*>(ZorvUmaMalloc(PATH_SIZE));
+    if (pReal == nullptr)
+        return nullptr;
     ZorvUmaSnprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
-    ssize_t length = ZorvUmaReadlink(link, path, sizeof(path) - 1);
+    ssize_t length = ZorvUmaReadlink(link, pReal, PATH_SIZE - 1);
     if (length <= 0)
+    {
+        ZorvUmaFree(pReal);
         return ZorvUmaStrdup(pPath);
-    path[length] = '\0';
-    return ZorvUmaStrdup(path);
+    }
+    pReal[length] = '\0';
+    return pReal;
+}
+
+static bool IsFree(const KeptFile& file)
+{
+    return file.m_fds[0] == 0;
+}
+
+static void Remember(int fd, const struct stat& now, const char* pPath, int flags)
+{
+    for (KeptFile& file : g_keptFiles)
+    {
+        if (!IsFree(file))
+            continue;
+        file = {};
+        file.m_fds[0] = fd;
+        file.m_pid = ZorvUmaCachedPid();
+        file.m_device = now.st_dev;
+        file.m_inode = now.st_ino;
+        file.m_reopenFlags = flags & ~(O_CREAT | O_TRUNC | O_EXCL);
+        if (pPath != nullptr)
+            file.m_pPath = pPath[0] == '/' ? ZorvUmaStrdup(pPath) : PathFromKernel(fd, pPath);
+        return;
+    }
 }
 
 int ZorvUmaKeepFile(int fd, const char* pPath, int flags)
@@ -104,43 +163,36 @@ int ZorvUmaKeepFile(int fd, const char* pPath, int flags)
         return fd;
     int savedErrno = errno;
     fd = MoveHigh(fd);
+    RememberHighest(fd);
     struct stat now;
     if (fd >= FIRST_FREE_FD && StatFd(fd, &now))
-        for (KeptFile& file : g_keptFiles)
-        {
-            if (file.m_fd != 0 && file.m_fd != fd)
-                continue;
-            file = {fd, ZorvUmaCachedPid(), now.st_dev, now.st_ino, flags & ~(O_CREAT | O_TRUNC | O_EXCL),
-                    pPath == nullptr ? nullptr : AbsolutePathOf(fd, pPath)};
-            break;
-        }
+        Remember(fd, now, pPath, flags);
     errno = savedErrno;
     return fd;
 }
 
 bool ZorvUmaIsStillOwn(int fd)
 {
-    const KeptFile* pFile = FindKept(fd);
+    const KeptFile* pFile = FindKeptOf(fd, 0);
     return pFile == nullptr || IsStill(pFile, fd);
-}
-
-void ZorvUmaCloseKeptFile(int fd)
-{
-    if (fd < 0)
-        return;
-    KeptFile* pFile = FindKept(fd);
-    bool isOwn = pFile == nullptr || IsStill(pFile, fd);
-    if (pFile != nullptr)
-        pFile->m_fd = 0;
-    if (isOwn)
-        ZorvUmaClose(fd);
 }
 
 void ZorvUmaForgetKeptFile(int fd)
 {
     KeptFile* pFile = FindKept(fd);
     if (pFile != nullptr)
-        pFile->m_fd = 0;
+        *pFile = {};
+}
+
+void ZorvUmaCloseKeptFile(int fd)
+{
+    if (fd < 0)
+        return;
+    const KeptFile* pFile = FindKept(fd);
+    bool isOwn = pFile == nullptr || IsStill(pFile, fd);
+    ZorvUmaForgetKeptFile(fd);
+    if (isOwn)
+        ZorvUmaClose(fd);
 }
 
 void ZorvUmaSyncAndClose(int* pFd)
@@ -158,14 +210,20 @@ void ZorvUmaDropParentsFiles()
 {
     for (KeptFile& file : g_keptFiles)
     {
-        if (file.m_fd == 0 || file.m_pid == ZorvUmaCachedPid())
+        if (IsFree(file) || file.m_pid == ZorvUmaCachedPid())
             continue;
-        int fd = file.m_fd;
-        file.m_fd = 0;
-        if (IsStill(&file, fd))
-            ZorvUmaClose(fd);
+        if (IsStill(&file, file.m_fds[0]))
+            ZorvUmaClose(file.m_fds[0]);
+        file = {};
     }
 }
+
+void ZorvUmaRenewFilesLock()
+{
+    g_filesLock = PTHREAD_MUTEX_INITIALIZER;
+}
+
+// ---- opening again ---------------------------------------------------------------------------------------
 
 // The process record names descriptors by number: each that named the old one names the new one.
 static void Rename(int oldFd, int newFd)
@@ -179,23 +237,44 @@ static void Rename(int oldFd, int newFd)
             __atomic_store_n(pFd, newFd, __ATOMIC_SEQ_CST);
 }
 
-static ZORV_COLD int OpenAgain(KeptFile* pFile)
+// The file under its old number, if that is free, else under one that no file of ours ever had.
+static int OpenUnder(const KeptFile* pFile, int oldFd)
 {
-    if (pFile->m_pPath == nullptr)
-        return -1;
     int fd = fnOpenFile(pFile->m_pPath, pFile->m_reopenFlags, 0);
     if (fd < 0)
         return -1;
-    fd = MoveHigh(fd);
-    if (fd < 0 || !IsStill(pFile, fd))
+    int restored = FcntlOwn(fd, F_DUPFD_CLOEXEC, oldFd);
+    if (restored == oldFd)
     {
-        if (fd >= 0)
-            ZorvUmaClose(fd);
+        ZorvUmaClose(fd);
+        return restored;
+    }
+    if (restored >= 0)
+        ZorvUmaClose(restored);
+    return MoveTo(fd, g_highestFd + 1);
+}
+
+static ZORV_COLD int OpenAgain(KeptFile* pFile)
+{
+    // A child of vfork(2) shares this table with its parent.
+    if (pFile->m_pPath == nullptr || pFile->m_pid != ZorvUmaGetPid())
+        return -1;
+    int oldFd = pFile->m_fds[0];
+    int fd = OpenUnder(pFile, oldFd);
+    if (fd < 0)
+        return -1;
+    if (!IsStill(pFile, fd))
+    {
+        ZorvUmaClose(fd); // another file has its name now
         return -1;
     }
+    RememberHighest(fd);
     ZorvRawSyscall(SYS_lseek, fd, 0, SEEK_END);
-    int oldFd = pFile->m_fd;
-    pFile->m_fd = fd;
+    if (fd == oldFd)
+        return fd;
+    for (uint32_t i = MAX_NUMBERS - 1; i > 0; i--)
+        pFile->m_fds[i] = pFile->m_fds[i - 1];
+    pFile->m_fds[0] = fd;
     Rename(oldFd, fd);
     return fd;
 }
@@ -203,10 +282,23 @@ static ZORV_COLD int OpenAgain(KeptFile* pFile)
 int ZorvUmaOwnDescriptor(int fd)
 {
     KeptFile* pFile = FindKept(fd);
-    if (pFile == nullptr || IsStill(pFile, fd))
+    if (pFile == nullptr)
         return fd;
-    return OpenAgain(pFile);
+    int current = __atomic_load_n(&pFile->m_fds[0], __ATOMIC_RELAXED);
+    if (IsStill(pFile, current))
+        return current;
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    ZorvUmaPthreadMutexLock(&g_filesLock);
+    current = pFile->m_fds[0];
+    if (!IsStill(pFile, current))
+        current = OpenAgain(pFile);
+    ZorvUmaPthreadMutexUnlock(&g_filesLock);
+    ZorvUmaLeaveAgent(&scope);
+    return current;
 }
+
+// ---- writing ---------------------------------------------------------------------------------------------
 
 ssize_t ZorvUmaWriteOwnFile(int fd, const void* pBuf, size_t count)
 {
@@ -231,5 +323,37 @@ ssize_t ZorvUmaWriteOwnFile(int fd, const void* pBuf, size_t count)
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     errno = savedErrno;
+    return written;
+}
+
+static ssize_t WriteOrCutBack(int fd, const void* pBuf, size_t count)
+{
+    fd = ZorvUmaOwnDescriptor(fd);
+    long start = fd < 0 ? -1 : ZorvRawSyscall(SYS_lseek, fd, 0, SEEK_CUR);
+    ssize_t written = ZorvUmaWriteOwnFile(fd, pBuf, count);
+    if (written != static_cast<ssize_t>(count) && start >= 0)
+    {
+        ZorvRawSyscall(SYS_ftruncate, fd, start);
+        ZorvRawSyscall(SYS_lseek, fd, start, SEEK_SET);
+    }
+    return written;
+}
+
+ssize_t ZorvUmaWriteWhole(int fd, const void* pBuf, size_t count)
+{
+    // Threads that load modules share the metadata file and its position.
+    static pthread_mutex_t wholeLock = PTHREAD_MUTEX_INITIALIZER;
+    static pid_t lockPid;
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    if (lockPid != ZorvUmaCachedPid())
+    {
+        wholeLock = PTHREAD_MUTEX_INITIALIZER; // a forked child has one thread when it comes here first
+        lockPid = ZorvUmaCachedPid();
+    }
+    ZorvUmaPthreadMutexLock(&wholeLock);
+    ssize_t written = WriteOrCutBack(fd, pBuf, count);
+    ZorvUmaPthreadMutexUnlock(&wholeLock);
+    ZorvUmaLeaveAgent(&scope);
     return written;
 }

@@ -24,6 +24,13 @@ constexpr size_t KERNEL_NAME_SIZE = 16; // what prctl(PR_GET_NAME) writes
 
 } // namespace
 
+static bool g_hasNestedHandlers;
+
+void ZorvUmaExpectNestedHandlers()
+{
+    __atomic_store_n(&g_hasNestedHandlers, true, __ATOMIC_RELAXED);
+}
+
 // ---- scope -----------------------------------------------------------------------------------------------
 
 void ZorvUmaEnterAgent(ZorvAgentScope* pScope)
@@ -38,7 +45,7 @@ void ZorvUmaEnterAgent(ZorvAgentScope* pScope)
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &pScope->m_cancelState);
         // A handler of the program runs with its own signal blocked, and may have interrupted the allocator.
         t_zorvState.m_mayAllocate =
-            !t_zorvState.m_isDying && (t_zorvState.m_isAgentThread || sigisemptyset(&pScope->m_signals) != 0);
+            !t_zorvState.m_isDying && !g_hasNestedHandlers && sigisemptyset(&pScope->m_signals) != 0;
     }
     t_zorvState.m_agentDepth++;
 }
@@ -48,9 +55,10 @@ void ZorvUmaLeaveAgent(const ZorvAgentScope* pScope)
     t_zorvState.m_agentDepth--;
     if (t_zorvState.m_agentDepth == 0)
     {
+        // The mask first: a thread cancelled at once would run its cleanup with every signal blocked.
         int ignored;
-        pthread_setcancelstate(pScope->m_cancelState, &ignored);
         pthread_sigmask(SIG_SETMASK, &pScope->m_signals, nullptr);
+        pthread_setcancelstate(pScope->m_cancelState, &ignored);
     }
     errno = pScope->m_errno;
 }
@@ -68,6 +76,35 @@ bool ZorvUmaBeginStreamUse(ZorvUmaProfileInfo* pProfileInfo)
 void ZorvUmaEndStreamUse(ZorvUmaProfileInfo* pProfileInfo)
 {
     __atomic_sub_fetch(&pProfileInfo->m_streamUsers, 1, __ATOMIC_SEQ_CST);
+}
+
+// ---- whose memory ----------------------------------------------------------------------------------------
+
+// A page that the kernel empties in a forked child and leaves in one that shares the memory. madvise(2).
+static uint32_t* g_pOwnMark;
+
+void ZorvUmaMarkMemory()
+{
+    if (g_pOwnMark == nullptr)
+    {
+        auto size = static_cast<size_t>(PATH_SIZE);
+        void* pPage = ZorvUmaMmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (pPage == MAP_FAILED)
+            return;
+        ZorvRawSyscall(SYS_madvise, reinterpret_cast<long>(pPage), static_cast<long>(size), MADV_WIPEONFORK);
+        g_pOwnMark = static_cast<uint32_t*>(pPage);
+    }
+    *g_pOwnMark = 1;
+}
+
+bool ZorvUmaSharesMemory()
+{
+    return g_pOwnMark != nullptr && *g_pOwnMark != 0;
+}
+
+bool ZorvUmaIsForeign(const ZorvUmaProfileInfo* pProfileInfo)
+{
+    return pProfileInfo->m_pid != 0 && pProfileInfo->m_pid != ZorvUmaGetPid();
 }
 
 // ---- ids -------------------------------------------------------------------------------------------------
@@ -105,6 +142,8 @@ extern "C" bool ZorvUmaOpenLogAndErrorFile(ZorvUmaProfileInfo* pProfileInfo)
     if (ZorvUmaGetHostName(hostName, sizeof(hostName)) != 0 ||
         !ZorvUmaGetCurrentThreadName(threadName, sizeof(threadName)))
         return false;
+    for (char* pSlash = ZorvUmaStrchr(threadName, '/'); pSlash != nullptr; pSlash = ZorvUmaStrchr(threadName, '/'))
+        *pSlash = '_'; // a name is no path
 
     constexpr int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
     pid_t pid = ZorvUmaGetPid();
@@ -176,7 +215,7 @@ static void WriteLogLine(int fd, ZorvUmaLogType logType, const char* pFunction, 
 {
     // A child of vfork(2) shares its parent's allocator, and may end at any moment.
     const ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
-    bool isForeign = pProfileInfo != nullptr && pProfileInfo->m_pid != ZorvUmaGetPid();
+    bool isForeign = pProfileInfo != nullptr && ZorvUmaIsForeign(pProfileInfo);
     if (isForeign || !t_zorvState.m_mayAllocate)
     {
         char onStack[LOG_LINE_SIZE];

@@ -3,7 +3,7 @@
 // A record is placed behind the thread's data and becomes part of it by one atomic add of its size, so nobody ever
 // sees half of one. No lock, no system call, no allocation while it fits. Only the owner appends to a buffer; but
 // a signal handler of the program may run traced calls in the middle of its thread's append. Those records go to the
-// thread's spare buffer (m_isAppending tells), so neither overwrites the other. The same handler during a traced wait
+// thread's spare buffer (m_pAppendFrame tells), so neither overwrites the other. The same handler during a traced wait
 // finds the buffer free and writes over the provisional record, which withdraws it; the wait notices at its end
 // (m_appendCount) and writes a whole record instead.
 //
@@ -82,7 +82,7 @@ struct ZorvTraceAppend
 {
     ZorvUmaPerThreadInfo* m_pThreadInfo;
     ZorvUmaBuffer* m_pInterrupted; // current buffer of the append that this one interrupts
-    bool m_isNested;
+    const void* m_pOuterFrame;     // its frame, null: none
 };
 
 // Null when none can be had (counted and logged) or when the streams are being closed.
@@ -91,6 +91,9 @@ ZorvUmaBuffer* ZorvChangeTraceBuffer(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaPe
 void ZorvWarnNoBuffer(ZorvUmaProfileInfo* pProfileInfo);
 // Logs a message that takes the process id and the thread id, under the function's name.
 void ZorvWarnAboutThread(ZorvUmaProfileInfo* pProfileInfo, const char* pFunction, const char* pFormat);
+// Whether the append of an outer frame is still under way while one begins at the inner; a jump out of a handler leaves
+// a frame that is none.
+bool ZorvIsFrameAlive(const void* pOuter, const void* pInner);
 void ZorvTakeSpareBuffer(ZorvTraceAppend* pAppend);
 void ZorvPutSpareBufferBack(ZorvTraceAppend* pAppend, ZorvUmaProfileInfo* pProfileInfo);
 
@@ -101,13 +104,20 @@ inline void ZorvSignalFence()
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
 }
 
+// The frame of the append that an append at pInner interrupts, null where there is none.
+inline const void* ZorvInterruptedFrame(const void* pInner)
+{
+    const void* pOuter = t_zorvState.m_pAppendFrame;
+    return ZORV_LIKELY(pOuter == nullptr) || !ZorvIsFrameAlive(pOuter, pInner) ? nullptr : pOuter;
+}
+
 inline void ZorvBeginAppend(ZorvTraceAppend* pAppend, ZorvUmaPerThreadInfo* pThreadInfo)
 {
     pAppend->m_pThreadInfo = pThreadInfo;
-    pAppend->m_isNested = t_zorvState.m_isAppending;
-    if (ZORV_UNLIKELY(pAppend->m_isNested))
+    pAppend->m_pOuterFrame = ZorvInterruptedFrame(pAppend);
+    if (ZORV_UNLIKELY(pAppend->m_pOuterFrame != nullptr))
         ZorvTakeSpareBuffer(pAppend);
-    t_zorvState.m_isAppending = true;
+    t_zorvState.m_pAppendFrame = pAppend;
     ZorvSignalFence();
 }
 
@@ -115,10 +125,9 @@ inline void ZorvEndAppend(ZorvTraceAppend* pAppend, ZorvUmaProfileInfo* pProfile
 {
     t_zorvState.m_appendCount++;
     ZorvSignalFence();
-    if (ZORV_UNLIKELY(pAppend->m_isNested))
+    if (ZORV_UNLIKELY(pAppend->m_pOuterFrame != nullptr))
         ZorvPutSpareBufferBack(pAppend, pProfileInfo);
-    else
-        t_zorvState.m_isAppending = false;
+    t_zorvState.m_pAppendFrame = pAppend->m_pOuterFrame;
 }
 
 inline bool ZorvFits(const ZorvUmaBuffer* pBuffer, uint32_t size)

@@ -90,6 +90,7 @@ extern "C" ZorvUmaProfileInfo* ZorvUmaAllocateProfileInfo()
     pProfileInfo->m_isProcessInitialized = false;
     pProfileInfo->m_pid = ZorvUmaGetPid();
     ZorvUmaForgetCachedIds();
+    ZorvUmaMarkMemory();
     if (!g_isPathChosen)
         ZorvUmtChoosePath();
     g_isPathChosen = true; // also in a forked child, where the loader may not be asked again
@@ -124,7 +125,8 @@ extern "C" ZorvUmaPerThreadInfo* ZorvUmaAllocateThreadInfo(ZorvUmaProfileInfo* p
     // Zeroed before the profiling signal can see it.
     ZorvUmaMemset(pThreadInfo, 0, sizeof(*pThreadInfo));
     t_zorvState.m_pErrno = &errno;
-    t_zorvState.m_isAppending = false;
+    t_zorvState.m_pAppendFrame = nullptr;
+    ZorvUmaAskTid(); // now: a child of vfork(2) would store its own
     __atomic_store_n(&t_zorvState.m_pInfo, pThreadInfo, __ATOMIC_RELEASE);
     __atomic_add_fetch(&pProfileInfo->m_threadCount, 1, __ATOMIC_SEQ_CST);
     if (g_hasThreadKey)
@@ -222,6 +224,8 @@ static bool PrepareProcess(ZorvUmaProfileInfo* pProfileInfo)
         ZorvUmaFprintf(stderr, "Failed to open log and error file in process (%d).\n", ZorvUmaGetPid());
         return false;
     }
+    if (!ZorvUmaHasEssentials())
+        return false;
     if (!ZorvUmaReadConfig(pProfileInfo))
     {
         ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, pCaller, "Failed to read config file in process (%d)",
@@ -258,7 +262,6 @@ extern "C" bool ZorvUmaInitProcess(ZorvUmaProfileInfo* pProfileInfo)
     bool isStarted = PrepareProcess(pProfileInfo);
     if (isStarted)
     {
-        ZorvUmaResolveWrappers(); // from here on a first look-up could come in a signal handler
         isStarted = StartWriter(pProfileInfo);
     }
     if (isStarted)
@@ -283,6 +286,7 @@ static void StopInForkedChild()
     ZorvUmaForgetCachedIds();
     t_zorvState.m_agentDepth = 0;
     ZorvUmsForgetTurn();
+    ZorvUmaRenewFilesLock();
     ZorvUmaSetStopCollection(true);
 }
 
@@ -291,7 +295,7 @@ extern "C" __attribute__((constructor)) void ZorvUmaInit()
     if (g_isConstructed)
         return;
     g_isConstructed = true;
-    g_pWriteMmapBytes = ZorvUmaWriteOwnFile;
+    g_pWriteMmapBytes = ZorvUmaWriteWhole;
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
     g_hasThreadKey = pthread_key_create(&g_threadKey, EndUnannouncedThread) == 0;
@@ -299,6 +303,10 @@ extern "C" __attribute__((constructor)) void ZorvUmaInit()
     if (pProfileInfo != nullptr && ZorvUmaAllocateThreadInfo(pProfileInfo) != nullptr)
     {
         ZorvUmtResolveInterposers();
+        // A process that a launcher has started: from here on a first look-up could come in a signal handler, between a
+        // vfork and its exec, or over a dlerror of the program.
+        if (ZorvUmaGetenv("QELIX_SESSION_DIR") != nullptr)
+            ZorvUmaResolveWrappers();
         pthread_atfork(nullptr, nullptr, StopInForkedChild);
         ZorvUmaAtexit(ZorvUmaExitHandler);
         if (!ZorvUmaInitProcess(pProfileInfo))
@@ -332,24 +340,40 @@ extern "C" __attribute__((destructor)) void ZorvUmaFini()
 
 static void LeaveForeignProcess(ZorvUmaProfileInfo* pProfileInfo, pid_t pid)
 {
+    if (ZorvUmaSharesMemory())
+        return; // a child of vfork(2): whatever it wrote would be its parent's
     ZorvUmaWriteProcRecord(pProfileInfo, ZorvUmaGetTid(), nullptr, 0, NO_START_TIME, 0);
     ZORV_LOG_AS(pProfileInfo->m_logFd, INFO, "ZorvUmaFiniProcess", "Finish process for (%d) is from other process (%d).",
                 pProfileInfo->m_pid, pid);
 }
 
+// A thread that dies inside the allocator waits for nobody who may want to allocate.
+static bool LockForFlush(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (!t_zorvState.m_isDying)
+        return ZorvUmaPthreadMutexLock(&pProfileInfo->m_lock) == 0;
+    for (int step = 0; step < STREAM_USER_STEPS; step++)
+    {
+        if (ZorvTryRealMutexLock(&pProfileInfo->m_lock) == 0)
+            return true;
+        SleepStep();
+    }
+    return false;
+}
+
 // True for the one caller that finalises.
 static bool ClaimFinalisation(ZorvUmaProfileInfo* pProfileInfo)
 {
-    ZorvUmaPthreadMutexLock(&pProfileInfo->m_lock);
-    bool isClaimed = !pProfileInfo->m_isFlush;
-    if (isClaimed)
-    {
-        __atomic_store_n(&pProfileInfo->m_finalisingTid, ZorvUmaCachedTid(), __ATOMIC_SEQ_CST);
-        __atomic_store_n(&pProfileInfo->m_isFlush, true, __ATOMIC_SEQ_CST);
-        ZorvUmaSetStopCollection(true);
-    }
-    ZorvUmaPthreadMutexUnlock(&pProfileInfo->m_lock);
-    return isClaimed;
+    pid_t nobody = 0;
+    if (!__atomic_compare_exchange_n(&pProfileInfo->m_finalisingTid, &nobody, ZorvUmaCachedTid(), false,
+                                     __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST))
+        return false;
+    bool isLocked = LockForFlush(pProfileInfo);
+    __atomic_store_n(&pProfileInfo->m_isFlush, true, __ATOMIC_SEQ_CST);
+    ZorvUmaSetStopCollection(true);
+    if (isLocked)
+        ZorvUmaPthreadMutexUnlock(&pProfileInfo->m_lock);
+    return true;
 }
 
 // The caller may be about to end the process: another thread's final write must not be cut off.
@@ -393,18 +417,31 @@ static void FinishStreams(ZorvUmaProfileInfo* pProfileInfo, bool isFromWriterThr
     ZorvUmaSyncAndClose(&pProfileInfo->m_metaDataFd);
 }
 
+// A join would take locks of libc's, which a thread that dies inside the allocator may hold against the writer.
+static void AwaitWriter(ZorvUmaProfileInfo* pProfileInfo)
+{
+    ZorvUmaWakeWriter(pProfileInfo);
+    if (t_zorvState.m_isDying)
+    {
+        for (int step = 0; step < FINALISATION_STEPS &&
+                           !__atomic_load_n(&pProfileInfo->m_isWriterDone, __ATOMIC_SEQ_CST);
+             step++)
+            SleepStep();
+    }
+    else
+        ZorvUmaPthreadJoin(pProfileInfo->m_writerThreadId, nullptr);
+    pProfileInfo->m_hasWriterThread = false;
+}
+
 static void FinaliseProcess(ZorvUmaProfileInfo* pProfileInfo, bool isFromWriterThread)
 {
     bool isUnused = WaitForStreamUsers(pProfileInfo);
+    pProfileInfo->m_keepsStorage = !isUnused;
     ZorvUmsDestroyTimer(pProfileInfo, t_zorvState.m_pInfo);
     if (pProfileInfo->m_umsConfig.m_nbrEvents != 0)
         ZorvUmsFiniProcessCounters(pProfileInfo);
     if (!isFromWriterThread && pProfileInfo->m_hasWriterThread)
-    {
-        ZorvUmaWakeWriter(pProfileInfo);
-        ZorvUmaPthreadJoin(pProfileInfo->m_writerThreadId, nullptr);
-        pProfileInfo->m_hasWriterThread = false;
-    }
+        AwaitWriter(pProfileInfo);
     FinishStreams(pProfileInfo, isFromWriterThread);
     if (isUnused)
     {
@@ -452,7 +489,8 @@ extern "C" void ZorvUmaSetOpenMPAgentInitialized(bool isInitialized)
         return;
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
-    void* pHandle = ZorvUmaOpenLoadedObject(pProfileInfo->m_umaConfig.m_pOpenMPAgentPath);
+    // Through our own interposer, which lists the modules anew.
+    void* pHandle = ZorvInterposeDlopen(pProfileInfo->m_umaConfig.m_pOpenMPAgentPath, RTLD_NOW | RTLD_NOLOAD);
     if (pHandle != nullptr)
     {
         auto pGetId = reinterpret_cast<uint64_t (*)()>(dlsym(pHandle, "ZorvGetOpenMPParId"));

@@ -292,20 +292,20 @@ template <typename Calls> static inline void EndParked(ZorvTracedCall* pCall, in
         TakeBackLost(pCall);
 
     // From here a handler's records go to the spare buffer, and the provisional record stays ours.
-    bool isNested = t_zorvState.m_isAppending;
-    t_zorvState.m_isAppending = true;
+    const void* pOuterFrame = ZorvInterruptedFrame(pCall);
+    t_zorvState.m_pAppendFrame = pCall;
     ZorvSignalFence();
     if (ZORV_UNLIKELY(pCall->m_appendCount != t_zorvState.m_appendCount))
-        ForgetCache(pCall, isNested);
+        ForgetCache(pCall, pOuterFrame != nullptr);
     if (ZORV_UNLIKELY(pCall->m_pCacheBuf == nullptr))
-        t_zorvState.m_isAppending = isNested;
+        t_zorvState.m_pAppendFrame = pOuterFrame;
 
     if (!LayInsideOnePause<Calls>(pCall) && IsLongEnough<Calls>(pCall, endTime))
         Capture<Calls>(pCall, endTime, result);
     if (ZORV_LIKELY(pCall->m_pCacheBuf != nullptr) && pCall->m_pCacheBuf->m_cacheLen != 0)
         ZorvStoreFenced(&pCall->m_pCacheBuf->m_cacheLen, 0U);
     ZorvSignalFence();
-    t_zorvState.m_isAppending = isNested;
+    t_zorvState.m_pAppendFrame = pOuterFrame;
     *pErrno = savedErrno;
 }
 

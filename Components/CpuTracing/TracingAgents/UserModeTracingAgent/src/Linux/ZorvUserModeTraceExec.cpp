@@ -142,6 +142,7 @@ extern "C" bool ZorvUmaIsPythonInterpreter(const ZorvUmaProfileInfo* pProfileInf
 {
     const char* pBaseName = BaseNameOf(pFilePath);
     if (pBaseName == nullptr || pProfileInfo == nullptr || pProfileInfo->m_umtConfig.m_enable ||
+        pProfileInfo->m_isFlush || // the flag has been cleared by the end of the collection
         ZorvUmaStrstr(pBaseName, "python") == nullptr)
         return false;
     return ZorvPythonLibPath(pProfileInfo->m_umaConfig.m_pPyAgentLibPath);

@@ -50,54 +50,88 @@ static struct link_map* ModuleOf(const void* pAddress)
     return pMap;
 }
 
-static bool HasSearchPath(const struct link_map* pMap)
-{
-    for (const ElfW(Dyn)* pEntry = pMap->l_ld; pEntry != nullptr && pEntry->d_tag != DT_NULL; pEntry++)
-        if (pEntry->d_tag == DT_RUNPATH || pEntry->d_tag == DT_RPATH)
-            return true;
-    return false;
-}
-
-// The loader passes over a file that is no shared object for this machine; so does this search.
+// The loader passes over a file that is no shared object for this machine; so does this search. By the instructions:
+// libc's calls are cancellation points.
 static bool IsLoadable(const char* pPath)
 {
-    int fd = ZorvUmaOpen(pPath, O_RDONLY | O_CLOEXEC);
+    long fd = ZorvRawSyscall(SYS_open, reinterpret_cast<long>(pPath), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return false;
     ElfW(Ehdr) header;
-    bool isRead = ZorvUmaRead(fd, &header, sizeof(header)) == static_cast<ssize_t>(sizeof(header));
-    ZorvUmaClose(fd);
+    bool isRead = ZorvRawSyscall(SYS_read, fd, reinterpret_cast<long>(&header), sizeof(header)) == sizeof(header);
+    ZorvRawSyscall(SYS_close, fd);
     return isRead && ZorvUmaStrncmp(reinterpret_cast<const char*>(header.e_ident), ELFMAG, SELFMAG) == 0 &&
            header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_machine == EM_X86_64;
 }
 
-static bool JoinPath(char* pPath, const char* pDir, const char* pFile)
+// In each directory the loader first looks for a build for this very processor. ld.so(8), glibc-hwcaps.
+static bool FindInDirectory(const char* pDir, const char* pFile, char* pPath)
 {
-    int length = ZorvUmaSnprintf(pPath, PATH_SIZE, "%s/%s", pDir, pFile);
-    return length > 0 && static_cast<size_t>(length) < PATH_SIZE;
+    __builtin_cpu_init();
+    const struct
+    {
+        bool m_isUsable;
+        const char* m_pSubdir;
+    } levels[] = {
+        {__builtin_cpu_supports("x86-64-v4") != 0, "glibc-hwcaps/x86-64-v4/"},
+        {__builtin_cpu_supports("x86-64-v3") != 0, "glibc-hwcaps/x86-64-v3/"},
+        {__builtin_cpu_supports("x86-64-v2") != 0, "glibc-hwcaps/x86-64-v2/"},
+        {true, ""},
+    };
+    for (const auto& level : levels)
+    {
+        if (!level.m_isUsable)
+            continue;
+        int length = ZorvUmaSnprintf(pPath, PATH_SIZE, "%s/%s%s", pDir, level.m_pSubdir, pFile);
+        if (length > 0 && static_cast<size_t>(length) < PATH_SIZE && IsLoadable(pPath))
+            return true;
+    }
+    return false;
 }
 
-// The first file of that name in the directories that the caller's module adds, in the loader's order.
-static bool FindOnCallersPath(struct link_map* pMap, const char* pFile, char* pPath)
+// The directories where the loader looks for that module, in its order; null without memory. ZorvUmaFree releases it.
+static Dl_serinfo* SearchListOf(struct link_map* pMap)
 {
     Dl_serinfo size;
-    if (dlinfo(pMap, RTLD_DI_SERINFOSIZE, &size) != 0)
-        return false;
+    if (pMap == nullptr || dlinfo(pMap, RTLD_DI_SERINFOSIZE, &size) != 0)
+        return nullptr;
     auto pList = static_cast<Dl_serinfo*>(ZorvUmaMalloc(size.dls_size));
     if (pList == nullptr)
-        return false;
-    bool isFound = false;
+        return nullptr;
     pList->dls_size = size.dls_size;
     pList->dls_cnt = size.dls_cnt;
     if (dlinfo(pMap, RTLD_DI_SERINFO, pList) == 0)
-        for (unsigned int i = 0; i < pList->dls_cnt && !isFound; i++)
-        {
-            const Dl_serpath* pEntry = &pList->dls_serpath[i];
-            if ((pEntry->dls_flags & LA_SER_DEFAULT) != 0)
-                break; // from here on every caller looks alike
-            isFound = JoinPath(pPath, pEntry->dls_name, pFile) && IsLoadable(pPath);
-        }
+        return pList;
     ZorvUmaFree(pList);
+    return nullptr;
+}
+
+// How many directories of the caller's list stand before what the agent's list ends with as well: behind these, every
+// caller looks alike.
+static unsigned int CountOwnDirectories(const Dl_serinfo* pCallers, const Dl_serinfo* pAgents)
+{
+    unsigned int common = 0;
+    while (common < pCallers->dls_cnt && common < pAgents->dls_cnt &&
+           ZorvUmaStrcmp(pCallers->dls_serpath[pCallers->dls_cnt - 1 - common].dls_name,
+                         pAgents->dls_serpath[pAgents->dls_cnt - 1 - common].dls_name) == 0)
+        common++;
+    return pCallers->dls_cnt - common;
+}
+
+// The first file of that name in the directories that only the caller's module adds.
+static bool FindOnCallersPath(struct link_map* pMap, const char* pFile, char* pPath)
+{
+    Dl_serinfo* pCallers = SearchListOf(pMap);
+    Dl_serinfo* pAgents = SearchListOf(ModuleOf(reinterpret_cast<const void*>(&SearchListOf)));
+    bool isFound = false;
+    if (pCallers != nullptr && pAgents != nullptr)
+    {
+        unsigned int count = CountOwnDirectories(pCallers, pAgents);
+        for (unsigned int i = 0; i < count && !isFound; i++)
+            isFound = FindInDirectory(pCallers->dls_serpath[i].dls_name, pFile, pPath);
+    }
+    ZorvUmaFree(pCallers);
+    ZorvUmaFree(pAgents);
     return isFound;
 }
 
@@ -105,36 +139,40 @@ static bool FindOnCallersPath(struct link_map* pMap, const char* pFile, char* pP
 static bool ExpandOrigin(struct link_map* pMap, const char* pFile, char* pPath)
 {
     size_t length = ZorvUmaStrncmp(pFile, "$ORIGIN", 7) == 0 ? 7 : ZorvUmaStrncmp(pFile, "${ORIGIN}", 9) == 0 ? 9 : 0;
-    if (length == 0 || (pFile[length] != '/' && pFile[length] != '\0'))
+    if (length == 0 || (pFile[length] != '/' && pFile[length] != '\0') || dlinfo(pMap, RTLD_DI_ORIGIN, pPath) != 0)
         return false;
-    char origin[PATH_SIZE];
-    if (dlinfo(pMap, RTLD_DI_ORIGIN, origin) != 0)
-        return false;
-    int joined = ZorvUmaSnprintf(pPath, PATH_SIZE, "%s%s", origin, pFile + length);
-    return joined > 0 && static_cast<size_t>(joined) < PATH_SIZE;
+    size_t directory = ZorvUmaStrlen(pPath);
+    int tail = ZorvUmaSnprintf(pPath + directory, PATH_SIZE - directory, "%s", pFile + length);
+    return tail >= 0 && static_cast<size_t>(tail) < PATH_SIZE - directory;
 }
 
-// What the loader would open for that caller; null: what it is called is enough. May open an object that is loaded.
-static void* OpenAsCaller(const Opening& opening, const void* pCaller)
+// Opens what only that caller's module makes the loader find. False: the name is enough, and nothing has been opened.
+static bool OpenAsCaller(const Opening& opening, const void* pCaller, char* pPath, void** ppHandle)
 {
     const char* pFile = opening.m_pFile;
-    bool isBare = pFile != nullptr && pFile[0] != '\0' && ZorvUmaStrchr(pFile, '/') == nullptr;
-    bool hasOrigin = pFile != nullptr && ZorvUmaStrstr(pFile, "ORIGIN") != nullptr && pFile[0] == '$';
-    if (!isBare && !hasOrigin)
-        return nullptr;
     struct link_map* pMap = ModuleOf(pCaller);
-    char path[PATH_SIZE];
     if (pMap == nullptr)
-        return nullptr;
-    if (hasOrigin)
-        return ExpandOrigin(pMap, pFile, path) ? Open(opening, path, 0) : nullptr;
-    if (!HasSearchPath(pMap))
-        return nullptr;
-    // An object that is loaded under this name is taken before any directory is looked at.
-    void* pHandle = Open(opening, pFile, RTLD_NOLOAD);
-    if (pHandle == nullptr && FindOnCallersPath(pMap, pFile, path))
-        pHandle = Open(opening, path, 0);
-    return pHandle;
+        return false;
+    bool isFound;
+    if (pFile[0] == '$')
+        isFound = ExpandOrigin(pMap, pFile, pPath);
+    else
+    {
+        // An object that is loaded under this name is taken before any directory is looked at.
+        *ppHandle = Open(opening, pFile, RTLD_NOLOAD);
+        if (*ppHandle != nullptr)
+            return true;
+        isFound = FindOnCallersPath(pMap, pFile, pPath);
+    }
+    if (isFound)
+        *ppHandle = Open(opening, pPath, 0); // also a failure is that of this file
+    return isFound;
+}
+
+// Whether the loader's answer depends on who asks.
+static bool DependsOnCaller(const char* pFile)
+{
+    return pFile != nullptr && pFile[0] != '\0' && (pFile[0] == '$' || ZorvUmaStrchr(pFile, '/') == nullptr);
 }
 
 // ---- dlopen, dlmopen -------------------------------------------------------------------------------------
@@ -146,7 +184,7 @@ static void ListModules(const char* pFunction)
         return;
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
-    if (ZorvUmaBeginStreamUse(pProfileInfo))
+    if (!ZorvUmaIsForeign(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo))
     {
         if (pProfileInfo->m_metaDataFd >= 0 && !fnWriteProcessMaps(ZorvUmaGetPid(), pProfileInfo->m_metaDataFd))
             ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, pFunction, "Failed to write mmap records in dlopen.");
@@ -155,14 +193,25 @@ static void ListModules(const char* pFunction)
     ZorvUmaLeaveAgent(&scope);
 }
 
+static void* OpenLikeNative(const Opening& opening, const void* pCaller)
+{
+    char* pPath = nullptr;
+    if (DependsOnCaller(opening.m_pFile))
+        pPath = static_cast<char*>(ZorvUmaMalloc(PATH_SIZE));
+    void* pHandle = nullptr;
+    int savedErrno = errno;
+    bool isDone = pPath != nullptr && OpenAsCaller(opening, pCaller, pPath, &pHandle);
+    ZorvUmaFree(pPath);
+    if (isDone)
+        return pHandle;
+    errno = savedErrno;
+    return Open(opening, opening.m_pFile, 0);
+}
+
 static void* OpenAndList(const Opening& opening, const void* pCaller, const char* pFunction)
 {
+    void* pHandle = OpenLikeNative(opening, pCaller);
     int savedErrno = errno;
-    void* pHandle = OpenAsCaller(opening, pCaller);
-    errno = savedErrno;
-    if (pHandle == nullptr)
-        pHandle = Open(opening, opening.m_pFile, 0);
-    savedErrno = errno;
     if (pHandle != nullptr)
         ListModules(pFunction);
     errno = savedErrno;
@@ -267,7 +316,7 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct Map
         if (pReal == nullptr)
             return MAP_FAILED;
         if (pProfileInfo == nullptr || !pProfileInfo->m_isProcessInitialized || pProfileInfo->m_isFlush ||
-            ZorvUmaIsStopSet(pProfileInfo))
+            (t_zorvState.m_pInfo != nullptr && ZorvUmaIsStopSet(pProfileInfo)))
             return ZorvCallReal<void*>(pReal, pAddr, size, protection, flags, fd, offset);
 
         void* pMapping = MapTraced(pProfileInfo, pReal, pAddr, size, protection, flags, fd, offset);
@@ -275,7 +324,7 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct Map
             return pMapping;
         ZorvAgentScope scope;
         ZorvUmaEnterAgent(&scope);
-        if (ZorvUmaBeginStreamUse(pProfileInfo))
+        if (!ZorvUmaIsForeign(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo))
         {
             RecordMapping(pProfileInfo, pMapping, size, fd);
             ZorvUmaEndStreamUse(pProfileInfo);

@@ -60,7 +60,10 @@ static void SilenceChild(ZorvUmaProfileInfo* pProfileInfo, int parentsLogFd)
     ZorvUmaSetStopCollection(true);
     ZorvStoreFenced(&pProfileInfo->m_umsConfig.m_enable, false);
     ZorvStoreFenced(&pProfileInfo->m_umtConfig.m_enable, false);
-    ZORV_LOG_AS(parentsLogFd, INFO, "ZorvInterposeFork", "Process id (%d) is not sampled or traced.", ZorvUmaGetPid());
+    // Through the descriptor that it has from its parent, if the program has not taken it.
+    if (ZorvUmaIsStillOwn(parentsLogFd))
+        ZORV_LOG_AS(parentsLogFd, INFO, "ZorvInterposeFork", "Process id (%d) is not sampled or traced.",
+                    ZorvUmaGetPid());
 }
 
 // False when the child has no records of its own.

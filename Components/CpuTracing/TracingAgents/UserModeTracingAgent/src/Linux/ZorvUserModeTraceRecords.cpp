@@ -1,5 +1,6 @@
 // Change of buffers, and the records that are written one by one; the path of a traced call stands in its header.
 
+#include "ZorvRawSyscall.h"
 #include "ZorvUserModeTrace.h"
 #include "ZorvUserModeTraceAppend.h"
 #include "ZorvUserModeTraceInterposers.h"
@@ -63,11 +64,15 @@ static void CountLostTraceRecord(ZorvUmaProfileInfo* pProfileInfo, uint16_t recT
     WarnNoBuffer(pProfileInfo);
 }
 
-// A child that was not made by fork(2) holds its parent's record: its locks may be held for ever, and nobody writes
-// its buffers.
-static bool IsForeign(const ZorvUmaProfileInfo* pProfileInfo)
+// A child that the fork interposer has not seen holds its parent's record: its locks may be held for ever, and nobody
+// writes its buffers. It records nothing; the flag is not set where it would be the parent's.
+static bool IsUsable(const ZorvUmaProfileInfo* pProfileInfo)
 {
-    return pProfileInfo->m_pid != 0 && pProfileInfo->m_pid != ZorvUmaGetPid();
+    if (!ZorvUmaIsForeign(pProfileInfo))
+        return true;
+    if (!ZorvUmaSharesMemory())
+        ZorvUmaSetStopCollection(true);
+    return false;
 }
 
 ZORV_COLD ZorvUmaBuffer* ZorvChangeTraceBuffer(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaPerThreadInfo* pThreadInfo,
@@ -76,7 +81,7 @@ ZORV_COLD ZorvUmaBuffer* ZorvChangeTraceBuffer(ZorvUmaProfileInfo* pProfileInfo,
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
     ZorvUmaBuffer* pBuffer = nullptr;
-    if (!IsForeign(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo))
+    if (IsUsable(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo))
     {
         ZorvUmaBuffer* pFull = pThreadInfo->m_pUmtBuf;
         pThreadInfo->m_pUmtBuf = nullptr;
@@ -98,7 +103,7 @@ static ZORV_COLD ZorvUmaBuffer* ChangeSampleBuffer(ZorvUmaProfileInfo* pProfileI
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
     ZorvUmaBuffer* pBuffer = nullptr;
-    if (!IsForeign(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo))
+    if (IsUsable(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo))
     {
         ZorvUmaBuffer* pFull = pThreadInfo->m_pUmsBuf;
         bool isPosted;
@@ -116,6 +121,17 @@ static ZORV_COLD ZorvUmaBuffer* ChangeSampleBuffer(ZorvUmaProfileInfo* pProfileI
 }
 
 // ---- nested appends --------------------------------------------------------------------------------------
+
+// A handler on the thread's own stack runs below the frame that it interrupts, by a signal frame at least; one on an
+// alternate stack may run anywhere. sigaltstack(2).
+ZORV_COLD bool ZorvIsFrameAlive(const void* pOuter, const void* pInner)
+{
+    constexpr ptrdiff_t smallestSignalFrame = 512;
+    stack_t alternate = {};
+    ZorvRawSyscall(SYS_sigaltstack, 0, reinterpret_cast<long>(&alternate));
+    return (alternate.ss_flags & SS_ONSTACK) != 0 ||
+           static_cast<const char*>(pOuter) - static_cast<const char*>(pInner) > smallestSignalFrame;
+}
 
 ZORV_COLD void ZorvTakeSpareBuffer(ZorvTraceAppend* pAppend)
 {
@@ -145,18 +161,26 @@ ZORV_COLD void ZorvPutSpareBufferBack(ZorvTraceAppend* pAppend, ZorvUmaProfileIn
 
 ZORV_COLD void ZorvWarnNoBuffer(ZorvUmaProfileInfo* pProfileInfo)
 {
-    if (!ZorvUmaBeginStreamUse(pProfileInfo))
-        return; // the log is being closed
-    WarnNoBuffer(pProfileInfo);
-    ZorvUmaEndStreamUse(pProfileInfo);
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    if (!ZorvUmaIsForeign(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo)) // else the log is being closed
+    {
+        WarnNoBuffer(pProfileInfo);
+        ZorvUmaEndStreamUse(pProfileInfo);
+    }
+    ZorvUmaLeaveAgent(&scope);
 }
 
 ZORV_COLD void ZorvWarnAboutThread(ZorvUmaProfileInfo* pProfileInfo, const char* pFunction, const char* pFormat)
 {
-    if (!ZorvUmaBeginStreamUse(pProfileInfo))
-        return;
-    ZORV_LOG_AS(pProfileInfo->m_logFd, WARN, pFunction, pFormat, ZorvUmaGetPid(), ZorvUmaGetTid());
-    ZorvUmaEndStreamUse(pProfileInfo);
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    if (!ZorvUmaIsForeign(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo))
+    {
+        ZORV_LOG_AS(pProfileInfo->m_logFd, WARN, pFunction, pFormat, ZorvUmaGetPid(), ZorvUmaGetTid());
+        ZorvUmaEndStreamUse(pProfileInfo);
+    }
+    ZorvUmaLeaveAgent(&scope);
 }
 
 extern "C" bool ZorvUmtInsertTraceRecordHdr(ZorvUmaProfileInfo* pProfileInfo, ZorvUmtTid tid, uint64_t startTime,

@@ -16,7 +16,9 @@ static bool IsProfilingSignal(int sig)
 {
     const ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
     // While no signal is configured its number is 0, which is no signal at all.
-    return sig != 0 && pProfileInfo != nullptr && sig == pProfileInfo->m_umsConfig.m_timerSignalNum;
+    // After the end of the collection the signal is the program's.
+    return sig != 0 && pProfileInfo != nullptr && sig == pProfileInfo->m_umsConfig.m_timerSignalNum &&
+           !pProfileInfo->m_isFlush;
 }
 
 static bool IsRealHandler(__sighandler_t handler)
@@ -78,6 +80,8 @@ template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct Guar
             RefuseSignal(sig);
         if (ZORV_UNLIKELY(WouldDisarm(sig, pAction != nullptr && !InstallsHandler(pAction))))
             return PretendReset(sig, pOldAction);
+        if (InstallsHandler(pAction) && (pAction->sa_flags & SA_NODEFER) != 0)
+            ZorvUmaExpectNestedHandlers();
         return OtherCall<pEntry, Detail, Pointer>::Call(sig, pAction, pOldAction);
     }
 };
@@ -96,7 +100,19 @@ template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct Guar
 
 ZORV_INTERPOSE_SINGLE(GuardedSigaction, void, ZorvInterposeSigaction, sigaction, 3, AllOnes)
 ZORV_INTERPOSE_SINGLE(GuardedSignal, void, ZorvInterposeSignal, signal, 2, Zero)
-ZORV_INTERPOSE_SINGLE(GuardedSignal, void, ZorvInterposeSysvSignal, __sysv_signal, 2, Zero)
+
+// Its handlers run with their own signal open.
+template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct GuardedSysvSignal
+{
+    static __sighandler_t Call(int sig, __sighandler_t handler)
+    {
+        if (IsRealHandler(handler))
+            ZorvUmaExpectNestedHandlers();
+        return GuardedSignal<pEntry, Detail, Pointer>::Call(sig, handler);
+    }
+};
+
+ZORV_INTERPOSE_SINGLE(GuardedSysvSignal, void, ZorvInterposeSysvSignal, __sysv_signal, 2, Zero)
 
 // ---- prctl -----------------------------------------------------------------------------------------------
 

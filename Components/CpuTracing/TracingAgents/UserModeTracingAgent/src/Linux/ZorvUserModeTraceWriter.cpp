@@ -27,7 +27,7 @@ constexpr uint32_t WRITER_RESTS_NO_MORE = 2;
 
 template <typename Hdr> static bool WriteHdr(int fd, const Hdr& hdr)
 {
-    return ZorvUmaWriteOwnFile(fd, &hdr, sizeof(hdr)) == static_cast<ssize_t>(sizeof(hdr));
+    return ZorvUmaWriteWhole(fd, &hdr, sizeof(hdr)) == static_cast<ssize_t>(sizeof(hdr));
 }
 
 extern "C" void ZorvUmaWriteFileHdr(const ZorvUmaProfileInfo* pProfileInfo)
@@ -66,7 +66,7 @@ static bool WriteMetadataParts(const ZorvUmaProfileInfo* pProfileInfo, const Zor
                     "Failed to write pmc meta data header.");
         return false;
     }
-    if (ZorvUmaWriteOwnFile(fd, pBody, bodySize) != static_cast<ssize_t>(bodySize))
+    if (ZorvUmaWriteWhole(fd, pBody, bodySize) != static_cast<ssize_t>(bodySize))
     {
         ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmsWritePcmMetadata", "Failed to write pmc meta data.");
         return false;
@@ -170,7 +170,8 @@ static void LeaveProgramsScheduling()
             CPU_SET(cpu, &set);
         ZorvUmaPthreadSetAffinity(ZorvUmaPthreadSelf(), sizeof(set), &set);
     }
-    if (ZorvRawSyscall(SYS_sched_getscheduler, 0) != SCHED_OTHER)
+    long policy = ZorvRawSyscall(SYS_sched_getscheduler, 0);
+    if (policy == SCHED_FIFO || policy == SCHED_RR || policy == SCHED_DEADLINE)
     {
         const sched_param param = {};
         ZorvRawSyscall(SYS_sched_setscheduler, 0, SCHED_OTHER, reinterpret_cast<long>(&param));
@@ -213,10 +214,10 @@ extern "C" void* ZorvUmaWriterThread(void* pArg)
     auto pProfileInfo = static_cast<ZorvUmaProfileInfo*>(pArg);
     if (pProfileInfo == nullptr)
         return nullptr;
-    t_zorvState.m_isAgentThread = true;
     if (ZorvUmaAllocateThreadInfo(pProfileInfo) == nullptr)
     {
         ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to allocate memory in writer thread.");
+        __atomic_store_n(&pProfileInfo->m_isWriterDone, true, __ATOMIC_SEQ_CST);
         return nullptr;
     }
     LeaveProgramsScheduling();
@@ -228,6 +229,7 @@ extern "C" void* ZorvUmaWriterThread(void* pArg)
     ZORV_LOG(pProfileInfo->m_logFd, INFO, "Timer overrun count (%lu).",
              static_cast<unsigned long>(pProfileInfo->m_timerOverrunCnt));
     ZORV_LOG(pProfileInfo->m_logFd, INFO, "Exit from the writer thread (%d).", ZorvUmaGetTid());
+    __atomic_store_n(&pProfileInfo->m_isWriterDone, true, __ATOMIC_SEQ_CST);
     ZorvUmaFreeThreadInfo();
     // Returning ends the thread like pthread_exit(NULL), which would make libc load its unwinder first, and that
     // aborts a program whose descriptor table is full.

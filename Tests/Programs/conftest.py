@@ -1,0 +1,2 @@
+# The harness is that of the black-box tests, found through PYTHONPATH.
+pytest_plugins = ["session_fixtures"]
