@@ -21,7 +21,6 @@ def run(*command):
 
 class Symbol(NamedTuple):
     value: int
-    size: int
     type: str
     bind: str
     section: str
@@ -41,8 +40,9 @@ def read_symbols(agent):
         if len(fields) < 8 or not fields[0].rstrip(":").isdigit():
             continue
         name, at, version = fields[7].partition("@")
-        symbol = Symbol(int(fields[1], 16), int(fields[2], 0), fields[3], fields[4], fields[6], name, at + version)
-        if symbol.section != "ABS":
+        symbol = Symbol(int(fields[1], 16), fields[3], fields[4], fields[6], name, at + version)
+        # The loader passes over hidden symbols.
+        if symbol.section != "ABS" and fields[5] not in ("HIDDEN", "INTERNAL"):
             symbols.append(symbol)
     return symbols
 

@@ -10,10 +10,10 @@ Word Dispatch(int id, const Words& words);
 
 using faults::Word;
 
-#define ZORV_FAULT_POINT(name)                                                                                 \
+#define ZORV_FAULT(name)                                                                                       \
     extern "C" __attribute__((visibility("default"))) Word name(Word a, Word b, Word c, Word d, Word e,        \
                                                                 Word f, Word g, Word h, Word i, Word j)        \
     {                                                                                                          \
         return faults::Dispatch(FAULT_##name, {a, b, c, d, e, f, g, h, i, j});                                 \
     }
-ZORV_FAULT_NAMES(ZORV_FAULT_POINT)
+#include "FaultNames.def"

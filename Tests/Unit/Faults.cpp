@@ -27,9 +27,11 @@ struct Point
 };
 
 // Constant-initialised: libc may call through these before any constructor of this program has run.
-#define ZORV_POINT(name) {#name},
-constinit Point g_points[FAULT_COUNT] = {ZORV_FAULT_NAMES(ZORV_POINT)};
-#undef ZORV_POINT
+constinit Point g_points[FAULT_COUNT] = {
+#define ZORV_FAULT(name) {#name},
+#include "FaultNames.def"
+#undef ZORV_FAULT
+};
 
 const char* g_pAgentPath = nullptr;
 

@@ -77,6 +77,8 @@ void* ZorvUmaOpenObject(const char* pName, int flags);
 
 // Looks every wrapper up, silently, before the program can be interrupted inside a first call.
 void ZorvUmaResolveWrappers();
+// libc's pthread_mutex_trylock(3); EBUSY while it cannot be found. Says nothing.
+int ZorvUmaTryMutexLock(pthread_mutex_t* pMutex);
 // Whether the names are there without which nothing of the agent may run: half a lock would hang the program. Those
 // that are missing are told like in a call.
 bool ZorvUmaHasEssentials();

@@ -86,6 +86,7 @@ inline void* AddressOf(WrapperSymbol* pSymbol)
 static WrapperSymbol g_symbolWrite = {"write", SymbolGroup::LibcOnly, nullptr};
 static WrapperSymbol g_symbolGetThreadName = {"prctl", SymbolGroup::Libc, nullptr};
 static WrapperSymbol g_symbolSetThreadName = {"prctl", SymbolGroup::Libc, nullptr};
+static WrapperSymbol g_symbolTryMutexLock = {"pthread_mutex_trylock", SymbolGroup::Threads, nullptr};
 static WrapperSymbol g_symbolAtexit = {"atexit", SymbolGroup::Libc, nullptr};
 
 void ZorvUmaResolveWrappers()
@@ -96,7 +97,7 @@ void ZorvUmaResolveWrappers()
 #include "ZorvAgentWrappers.def"
 #undef ZORV_WRAPPER
 #undef ZORV_WRAPPER_AS
-        &g_symbolWrite, &g_symbolGetThreadName, &g_symbolSetThreadName,
+        &g_symbolWrite, &g_symbolGetThreadName, &g_symbolSetThreadName, &g_symbolTryMutexLock,
     };
     int savedErrno = errno;
     for (WrapperSymbol* pSymbol : symbols)
@@ -105,11 +106,20 @@ void ZorvUmaResolveWrappers()
     errno = savedErrno;
 }
 
+int ZorvUmaTryMutexLock(pthread_mutex_t* pMutex)
+{
+    void* pAddress = g_symbolTryMutexLock.m_pAddress;
+    if (pAddress == nullptr)
+        pAddress = FindSymbol(&g_symbolTryMutexLock);
+    return pAddress == nullptr ? EBUSY : reinterpret_cast<int (*)(pthread_mutex_t*)>(pAddress)(pMutex);
+}
+
 bool ZorvUmaHasEssentials()
 {
     bool hasAll = true;
     for (WrapperSymbol* pSymbol :
-         {&g_symbolZorvUmaPthreadMutexInit, &g_symbolZorvUmaPthreadMutexLock, &g_symbolZorvUmaPthreadMutexUnlock,
+         {&g_symbolZorvUmaMalloc, &g_symbolZorvUmaFree, &g_symbolZorvUmaMemset, &g_symbolZorvUmaMemcpy,
+          &g_symbolZorvUmaPthreadMutexInit, &g_symbolZorvUmaPthreadMutexLock, &g_symbolZorvUmaPthreadMutexUnlock,
           &g_symbolZorvUmaPthreadSelf, &g_symbolZorvUmaSysconf})
         hasAll = AddressOf(pSymbol) != nullptr && hasAll;
     return hasAll;

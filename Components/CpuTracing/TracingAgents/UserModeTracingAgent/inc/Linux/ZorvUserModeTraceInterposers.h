@@ -90,9 +90,6 @@ void ZorvUmtResolveInterposers();
 
 extern "C" ZORV_EXPORT void* ZorvInterposeDlopen(const char* pFile, int mode);
 
-// libc's pthread_mutex_trylock itself.
-int ZorvTryRealMutexLock(pthread_mutex_t* pMutex);
-
 // The process record while the class is traced for the calling thread; else null.
 ZorvUmaProfileInfo* ZorvTracedInfo(ZorvUmtEventId event);
 // The shortest duration that the class records.

@@ -68,6 +68,8 @@ extern "C" ZorvUmaProfileInfo* ZorvUmaAllocateProfileInfo()
         ZorvUmaFprintf(stderr, "Failed to find the handles.\n");
         return nullptr;
     }
+    if (!ZorvUmaHasEssentials())
+        return nullptr;
     auto pProfileInfo = static_cast<ZorvUmaProfileInfo*>(ZorvUmaMalloc(sizeof(ZorvUmaProfileInfo)));
     if (pProfileInfo == nullptr)
     {
@@ -224,8 +226,6 @@ static bool PrepareProcess(ZorvUmaProfileInfo* pProfileInfo)
         ZorvUmaFprintf(stderr, "Failed to open log and error file in process (%d).\n", ZorvUmaGetPid());
         return false;
     }
-    if (!ZorvUmaHasEssentials())
-        return false;
     if (!ZorvUmaReadConfig(pProfileInfo))
     {
         ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, pCaller, "Failed to read config file in process (%d)",
@@ -354,7 +354,7 @@ static bool LockForFlush(ZorvUmaProfileInfo* pProfileInfo)
         return ZorvUmaPthreadMutexLock(&pProfileInfo->m_lock) == 0;
     for (int step = 0; step < STREAM_USER_STEPS; step++)
     {
-        if (ZorvTryRealMutexLock(&pProfileInfo->m_lock) == 0)
+        if (ZorvUmaTryMutexLock(&pProfileInfo->m_lock) == 0)
             return true;
         SleepStep();
     }

@@ -200,9 +200,3 @@ template <ZorvEntryPoint* pEntry, ZorvCallClass, typename> struct SetName
 #include "ZorvUserModeTracePthread.def"
 #undef ZORV_PTHREAD
 #undef ZORV_PTHREAD_SINGLE
-
-int ZorvTryRealMutexLock(pthread_mutex_t* pMutex)
-{
-    void* pReal = g_entryZorvInterposePthreadMutexTryLock_2_34.m_pReal;
-    return pReal == nullptr ? EBUSY : ZorvCallReal<int>(pReal, pMutex);
-}

@@ -359,6 +359,12 @@ extern "C" bool ZorvUmtIsTraceEvent(const ZorvUmaProfileInfo* pProfileInfo, Zorv
 
 // ---- records of traced calls -----------------------------------------------------------------------------
 
+// Whatever record lies there is completed; but bytes that are no call record would take every later one along.
+static bool IsParked(ZorvUmaBuffer* pBuffer)
+{
+    return pBuffer->m_pData != nullptr && ZorvRecordAtEnd(pBuffer)->m_recSize == ZORV_UMT_CALL_RECORD_SIZE;
+}
+
 extern "C" ZorvUmaBuffer* ZorvUmtCachePthreadRecord(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime,
                                                     uint64_t lockAddress, uint64_t funcVa,
                                                     ZorvPthreadType pthreadType)
@@ -376,7 +382,7 @@ extern "C" void ZorvUmtCapturePthreadRecord(ZorvUmaProfileInfo* pProfileInfo, ui
 {
     if (pCacheBuf != nullptr)
     {
-        if (pCacheBuf->m_pData == nullptr)
+        if (!IsParked(pCacheBuf))
             return;
         ZorvRecordAtEnd(pCacheBuf)->m_endTime = endTime;
         ZorvBodyAtEnd<ZorvUmtPthreadRecord, ZorvUmtRecordHdr>(pCacheBuf)->m_retValue = retValue;
@@ -407,7 +413,7 @@ extern "C" void ZorvUmtCaptureSysCallRecord(ZorvUmaProfileInfo* pProfileInfo, ui
 {
     if (pCacheBuf != nullptr)
     {
-        if (pCacheBuf->m_pData == nullptr)
+        if (!IsParked(pCacheBuf))
             return;
         ZorvRecordAtEnd(pCacheBuf)->m_endTime = endTime;
         ZorvPublish(pCacheBuf, ZorvRecordAtEnd(pCacheBuf)->m_recSize);

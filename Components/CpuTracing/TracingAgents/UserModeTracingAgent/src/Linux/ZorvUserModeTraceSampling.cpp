@@ -177,25 +177,19 @@ void ZorvUmsFiniProcessCounters(ZorvUmaProfileInfo* pProfileInfo)
 
 void ZorvUmsFollowPause(ZorvUmaProfileInfo* pProfileInfo)
 {
-    // Only the writer comes here. A failure is told once for each change of the flag, not at every pass.
-    static bool isFailureTold;
     bool isPauseSet = ZorvUmaIsPauseSet(pProfileInfo);
+    bool hasChanged = isPauseSet != pProfileInfo->m_isPauseSeen;
+    pProfileInfo->m_isPauseSeen = isPauseSet;
     if (isPauseSet == pProfileInfo->m_isPcmAgentPaused)
-    {
-        isFailureTold = false;
         return;
-    }
     int result = isPauseSet ? ZorvStopPerfEventAllThreads() : ZorvStartPerfEventAllThreads();
     if (result >= 0)
         pProfileInfo->m_isPcmAgentPaused = isPauseSet;
-    else if (!isFailureTold)
-    {
-        isFailureTold = true;
+    else if (hasChanged) // a failure is told once for each change of the flag, not at every pass
         ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmaWriterThread",
                     isPauseSet ? "Failed to pause the PMC event collection - %s."
                                : "Failed to resume the PMC event collection - %s.",
                     ZorvGetErrorMsg());
-    }
 }
 
 // ---- timers ----------------------------------------------------------------------------------------------

@@ -114,7 +114,7 @@ static bool IsPassDue(ZorvUmaProfileInfo* pProfileInfo)
     sem_getvalue(&pProfileInfo->m_semaphore, &posts);
     bool hasCounters = pProfileInfo->m_umsConfig.m_nbrEvents != 0;
     return posts > 0 || IsFlushing(pProfileInfo) || ZorvUmaIsStopSet(pProfileInfo) ||
-           (hasCounters && ZorvUmaIsPauseSet(pProfileInfo) != pProfileInfo->m_isPcmAgentPaused);
+           (hasCounters && ZorvUmaIsPauseSet(pProfileInfo) != pProfileInfo->m_isPauseSeen);
 }
 
 static bool ChangeSignal(ZorvUmaProfileInfo* pProfileInfo, uint32_t from, uint32_t to)
