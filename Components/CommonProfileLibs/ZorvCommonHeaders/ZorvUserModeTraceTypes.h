@@ -85,7 +85,7 @@ enum ZorvSysCallType : uint16_t
 
 struct ZorvUmtFileHdr
 {
-    uint64_t m_magicNum;    // ZORV_FILE_MAGIC_NUM
+    uint64_t m_magicNum; // ZORV_FILE_MAGIC_NUM
     int32_t m_pid;
     int32_t m_mpiRankId;    // the configured 16-bit rank, sign-extended
     uint16_t m_fileVersion; // ZORV_UMT_FILE_VERSION_1_1
@@ -95,12 +95,12 @@ struct ZorvUmtFileHdr
 
 struct ZorvUmtRecordHdr
 {
-    uint16_t m_recType;   // ZorvUmtRecordType
-    uint16_t m_recSize;   // bytes, this header included
-    uint16_t m_subType;   // ZorvPthreadType or ZorvSysCallType, else 0
-    uint16_t m_flags;     // ZorvUmtFlags
+    uint16_t m_recType; // ZorvUmtRecordType
+    uint16_t m_recSize; // bytes, this header included
+    uint16_t m_subType; // ZorvPthreadType or ZorvSysCallType, else 0
+    uint16_t m_flags;   // ZorvUmtFlags
     uint64_t m_startTime;
-    uint64_t m_endTime;   // ZORV_TIME_NOT_ENDED while the call has not returned
+    uint64_t m_endTime; // ZORV_TIME_NOT_ENDED while the call has not returned
     int32_t m_pid;
     int32_t m_tid;
 };
@@ -219,7 +219,7 @@ constexpr uint16_t ZORV_UMS_THREAD_END_RECORD_SIZE = sizeof(ZorvUmsRecordHdr) + 
 
 // ---- the layouts, asserted -------------------------------------------------------------------------------
 
-#define ZORV_ASSERT_FIELD(type, field, offset, size)                                                         \
+#define ZORV_ASSERT_FIELD(type, field, offset, size)                                                           \
     static_assert(offsetof(type, field) == (offset) && sizeof(type::field) == (size))
 
 static_assert(sizeof(ZorvUmtFileHdr) == 24);

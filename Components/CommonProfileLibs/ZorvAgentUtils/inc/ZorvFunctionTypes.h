@@ -30,7 +30,8 @@ template <typename R, typename... P> struct ZorvSignature<R (*)(P...) noexcept> 
 template <typename R, typename... P> struct ZorvSignature<R (*)(P..., ...)> : ZorvSignature<R (*)(P...)>
 {
 };
-template <typename R, typename... P> struct ZorvSignature<R (*)(P..., ...) noexcept> : ZorvSignature<R (*)(P...)>
+template <typename R, typename... P>
+struct ZorvSignature<R (*)(P..., ...) noexcept> : ZorvSignature<R (*)(P...)>
 {
 };
 
@@ -39,8 +40,8 @@ template <typename Function> using ZorvPointer = typename ZorvSignature<Function
 template <typename Function, std::size_t index>
 using ZorvParameter = std::tuple_element_t<index, typename ZorvSignature<Function>::Parameters>;
 
-// Parameter lists and argument lists of a function of `type` with 0 to 7 parameters. The optional words of a variadic
-// call are named parameters here: they sit in the same registers, and the untraced call stays a jump.
+// Parameter lists and argument lists of a function of `type` with 0 to 7 parameters. The optional words of a
+// variadic call are named parameters here: they sit in the same registers, and the untraced call stays a jump.
 #define ZORV_PARAMETERS_0(type)
 #define ZORV_PARAMETERS_1(type) ZorvParameter<type, 0> a0
 #define ZORV_PARAMETERS_2(type) ZORV_PARAMETERS_1(type), ZorvParameter<type, 1> a1
@@ -61,7 +62,8 @@ using ZorvParameter = std::tuple_element_t<index, typename ZorvSignature<Functio
 #define ZORV_PARAMETERS_2_WORD(type) ZORV_PARAMETERS_2(type), unsigned long w0
 #define ZORV_PARAMETERS_3_WORD(type) ZORV_PARAMETERS_3(type), unsigned long w0
 #define ZORV_PARAMETERS_4_WORD(type) ZORV_PARAMETERS_4(type), unsigned long w0
-#define ZORV_PARAMETERS_1_3WORDS(type) ZORV_PARAMETERS_1(type), unsigned long w0, unsigned long w1, unsigned long w2
+#define ZORV_PARAMETERS_1_3WORDS(type)                                                                         \
+    ZORV_PARAMETERS_1(type), unsigned long w0, unsigned long w1, unsigned long w2
 #define ZORV_PARAMETERS_1_4WORDS(type) ZORV_PARAMETERS_1_3WORDS(type), unsigned long w3
 #define ZORV_PARAMETERS_1_6WORDS(type) ZORV_PARAMETERS_1_4WORDS(type), unsigned long w4, unsigned long w5
 #define ZORV_ARGUMENTS_2_WORD a0, a1, w0

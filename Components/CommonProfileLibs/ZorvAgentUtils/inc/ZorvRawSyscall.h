@@ -5,7 +5,8 @@
 #include <sys/syscall.h>
 
 // The kernel's result: negative values down to -4095 are errors (-errno).
-inline long ZorvRawSyscall(long number, long a1 = 0, long a2 = 0, long a3 = 0, long a4 = 0, long a5 = 0, long a6 = 0)
+inline long ZorvRawSyscall(long number, long a1 = 0, long a2 = 0, long a3 = 0, long a4 = 0, long a5 = 0,
+                           long a6 = 0)
 {
     long result;
     register long r10 asm("r10") = a4;

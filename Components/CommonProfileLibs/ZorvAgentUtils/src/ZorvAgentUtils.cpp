@@ -84,13 +84,14 @@ template <typename Open> int OpenWithRetry(Open open)
 
 extern "C" int fnOpenFile(const char* pPathname, int flags, mode_t mode)
 {
-    return OpenWithRetry([=] {
-        return mode != 0 ? ZorvUmaOpenWithMode(pPathname, flags, mode) : ZorvUmaOpen(pPathname, flags);
-    });
+    return OpenWithRetry(
+        [=]
+        { return mode != 0 ? ZorvUmaOpenWithMode(pPathname, flags, mode) : ZorvUmaOpen(pPathname, flags); });
 }
 
-extern "C" int fnPerfEventOpen(struct perf_event_attr* pAttr, pid_t pid, int cpu, int groupFd, unsigned long flags)
+extern "C" int fnPerfEventOpen(struct perf_event_attr* pAttr, pid_t pid, int cpu, int groupFd,
+                               unsigned long flags)
 {
-    return OpenWithRetry(
-        [=] { return static_cast<int>(ZorvUmaPerfEventOpen(pAttr, pid, cpu, groupFd, flags)); });
+    return OpenWithRetry([=]
+                         { return static_cast<int>(ZorvUmaPerfEventOpen(pAttr, pid, cpu, groupFd, flags)); });
 }

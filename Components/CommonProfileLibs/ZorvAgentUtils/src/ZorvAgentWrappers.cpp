@@ -68,16 +68,16 @@ inline void* AddressOf(WrapperSymbol* pSymbol)
 
 } // namespace
 
-#define ZORV_WRAPPER(group, wrapper, name, count, failure)                                                            \
+#define ZORV_WRAPPER(group, wrapper, name, count, failure)                                                     \
     ZORV_WRAPPER_AS(group, wrapper, name, decltype(&::name), count, failure)
-#define ZORV_WRAPPER_AS(group, wrapper, name, type, count, failure)                                                   \
-    static WrapperSymbol g_symbol##wrapper = {#name, SymbolGroup::group, nullptr};                                    \
-    extern "C" ZorvResult<type> wrapper(ZORV_PARAMETERS_##count(type))                                                \
-    {                                                                                                                 \
-        auto pSymbol = reinterpret_cast<ZorvPointer<type>>(AddressOf(&g_symbol##wrapper));                            \
-        if (ZORV_UNLIKELY(pSymbol == nullptr))                                                                        \
-            return static_cast<ZorvResult<type>>(failure);                                                            \
-        return pSymbol(ZORV_ARGUMENTS_##count);                                                                       \
+#define ZORV_WRAPPER_AS(group, wrapper, name, type, count, failure)                                            \
+    static WrapperSymbol g_symbol##wrapper = {#name, SymbolGroup::group, nullptr};                             \
+    extern "C" ZorvResult<type> wrapper(ZORV_PARAMETERS_##count(type))                                         \
+    {                                                                                                          \
+        auto pSymbol = reinterpret_cast<ZorvPointer<type>>(AddressOf(&g_symbol##wrapper));                     \
+        if (ZORV_UNLIKELY(pSymbol == nullptr))                                                                 \
+            return static_cast<ZorvResult<type>>(failure);                                                     \
+        return pSymbol(ZORV_ARGUMENTS_##count);                                                                \
     }
 #include "ZorvAgentWrappers.def"
 #undef ZORV_WRAPPER
@@ -97,7 +97,10 @@ void ZorvUmaResolveWrappers()
 #include "ZorvAgentWrappers.def"
 #undef ZORV_WRAPPER
 #undef ZORV_WRAPPER_AS
-        &g_symbolWrite, &g_symbolGetThreadName, &g_symbolSetThreadName, &g_symbolTryMutexLock,
+        &g_symbolWrite,
+        &g_symbolGetThreadName,
+        &g_symbolSetThreadName,
+        &g_symbolTryMutexLock,
     };
     int savedErrno = errno;
     for (WrapperSymbol* pSymbol : symbols)
@@ -119,8 +122,8 @@ bool ZorvUmaHasEssentials()
     bool hasAll = true;
     for (WrapperSymbol* pSymbol :
          {&g_symbolZorvUmaMalloc, &g_symbolZorvUmaFree, &g_symbolZorvUmaMemset, &g_symbolZorvUmaMemcpy,
-          &g_symbolZorvUmaPthreadMutexInit, &g_symbolZorvUmaPthreadMutexLock, &g_symbolZorvUmaPthreadMutexUnlock,
-          &g_symbolZorvUmaPthreadSelf, &g_symbolZorvUmaSysconf})
+          &g_symbolZorvUmaPthreadMutexInit, &g_symbolZorvUmaPthreadMutexLock,
+          &g_symbolZorvUmaPthreadMutexUnlock, &g_symbolZorvUmaPthreadSelf, &g_symbolZorvUmaSysconf})
         hasAll = AddressOf(pSymbol) != nullptr && hasAll;
     return hasAll;
 }
@@ -180,19 +183,20 @@ extern "C" int ZorvUmaAtexit(void (*pFunction)())
 }
 
 // The variadic wrappers hand their list to the list-taking one.
-#define ZORV_VARIADIC_WRAPPER(wrapper, listWrapper, parameters, arguments)                                            \
-    extern "C" int wrapper parameters                                                                                 \
-    {                                                                                                                 \
-        va_list list;                                                                                                 \
-        va_start(list, pFormat);                                                                                      \
-        int result = listWrapper arguments;                                                                           \
-        va_end(list);                                                                                                 \
-        return result;                                                                                                \
+#define ZORV_VARIADIC_WRAPPER(wrapper, listWrapper, parameters, arguments)                                     \
+    extern "C" int wrapper parameters                                                                          \
+    {                                                                                                          \
+        va_list list;                                                                                          \
+        va_start(list, pFormat);                                                                               \
+        int result = listWrapper arguments;                                                                    \
+        va_end(list);                                                                                          \
+        return result;                                                                                         \
     }
 ZORV_VARIADIC_WRAPPER(ZorvUmaPrintf, ZorvUmaVprintf, (const char* pFormat, ...), (pFormat, list))
 ZORV_VARIADIC_WRAPPER(ZorvUmaFprintf, ZorvUmaVfprintf, (FILE * pStream, const char* pFormat, ...),
                       (pStream, pFormat, list))
-ZORV_VARIADIC_WRAPPER(ZorvUmaSprintf, ZorvUmaVsprintf, (char* pStr, const char* pFormat, ...), (pStr, pFormat, list))
+ZORV_VARIADIC_WRAPPER(ZorvUmaSprintf, ZorvUmaVsprintf, (char* pStr, const char* pFormat, ...),
+                      (pStr, pFormat, list))
 ZORV_VARIADIC_WRAPPER(ZorvUmaSnprintf, ZorvUmaVsnprintf, (char* pStr, size_t size, const char* pFormat, ...),
                       (pStr, size, pFormat, list))
 ZORV_VARIADIC_WRAPPER(ZorvUmaSscanf, ZorvUmaVsscanf, (const char* pStr, const char* pFormat, ...),

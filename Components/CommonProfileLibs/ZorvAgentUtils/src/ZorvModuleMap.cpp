@@ -89,8 +89,8 @@ extern "C" bool fnWriteProcessMaps(pid_t pid, int fd)
     return isWritten;
 }
 
-extern "C" bool fnWriteMmapRecord(uint64_t time, uint64_t startAddr, uint64_t endAddr, int fd, const char* pFilePath,
-                                  int pathLen, pid_t pid)
+extern "C" bool fnWriteMmapRecord(uint64_t time, uint64_t startAddr, uint64_t endAddr, int fd,
+                                  const char* pFilePath, int pathLen, pid_t pid)
 {
     if (pFilePath == nullptr || fd < 0 || pathLen < 0)
         return false;

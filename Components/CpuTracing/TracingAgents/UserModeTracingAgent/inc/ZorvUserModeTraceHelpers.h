@@ -1,7 +1,9 @@
-// The agent's records, its log and clock, the controller's flags, and the buffers that carry records to the writer.
+// The agent's records, its log and clock, the controller's flags, and the buffers that carry records to the
+// writer.
 //
 // Functions that return bool give true on success, those that return a pointer null on failure. All test their
-// pointers first and fail quietly. Memory comes from ZorvUmaMalloc; errno may change unless a function says otherwise.
+// pointers first and fail quietly. Memory comes from ZorvUmaMalloc; errno may change unless a function says
+// otherwise.
 #pragma once
 
 #include "ZorvAgentControlTypes.h"
@@ -45,7 +47,7 @@ constexpr uint32_t ZORV_UMS_MAX_EVENTS = 64;
 struct ZorvUmaConfig
 {
     bool m_profileChildren;
-    pid_t m_launchPid;   // the launcher, killed when an error code is left for it
+    pid_t m_launchPid; // the launcher, killed when an error code is left for it
     int16_t m_mpiRankId;
     uint32_t m_callStackDepth;
     char* m_pOpenMPAgentPath;
@@ -197,19 +199,20 @@ using ZorvUmaPerThreadInfoT = ZorvUmaPerThreadInfo;
 struct ZorvThreadState
 {
     ZorvUmaPerThreadInfo* m_pInfo;
-    int* m_pErrno;           // where libc keeps this thread's errno
-    pid_t m_tid;             // 0 until asked for; forgotten in a forked child
-    uint32_t m_appendCount;  // provisional and complete trace records written by this thread
-    uint32_t m_lostCount;    // trace records lost by this thread
-    uint32_t m_agentDepth;   // nesting of ZorvUmaEnterAgent
+    int* m_pErrno;              // where libc keeps this thread's errno
+    pid_t m_tid;                // 0 until asked for; forgotten in a forked child
+    uint32_t m_appendCount;     // provisional and complete trace records written by this thread
+    uint32_t m_lostCount;       // trace records lost by this thread
+    uint32_t m_agentDepth;      // nesting of ZorvUmaEnterAgent
     const void* m_pAppendFrame; // stack frame between the reservation and the publication of a trace record
-    bool m_isDying;          // the process is about to end: nothing is allocated or freed any more
-    bool m_isUnwinding; // what the thread calls now is the unwinder's doing
-    bool m_canUnwind;   // the unwinder's first use on this thread is behind it
-    bool m_mayAllocate;      // set in a scope: no handler of the program has interrupted its allocator here
+    bool m_isDying;             // the process is about to end: nothing is allocated or freed any more
+    bool m_isUnwinding;         // what the thread calls now is the unwinder's doing
+    bool m_canUnwind;           // the unwinder's first use on this thread is behind it
+    bool m_mayAllocate;         // set in a scope: no handler of the program has interrupted its allocator here
 };
 // constinit: an access that might have to construct would call a function first.
-extern constinit __attribute__((visibility("hidden"), tls_model("initial-exec"))) thread_local ZorvThreadState t_zorvState;
+extern constinit
+    __attribute__((visibility("hidden"), tls_model("initial-exec"))) thread_local ZorvThreadState t_zorvState;
 
 // What ZorvUmaEnterAgent has put aside.
 struct ZorvAgentScope
@@ -221,8 +224,8 @@ struct ZorvAgentScope
 
 // ---- internal helpers ------------------------------------------------------------------------------------
 
-// Slow paths of the agent run between these two: no signal handler of the program interrupts them (it might end the
-// process or come back here while a lock is held), no cancellation ends the thread in them, errno is kept.
+// Slow paths of the agent run between these two: no signal handler of the program interrupts them (it might end
+// the process or come back here while a lock is held), no cancellation ends the thread in them, errno is kept.
 void ZorvUmaEnterAgent(ZorvAgentScope* pScope);
 void ZorvUmaLeaveAgent(const ZorvAgentScope* pScope);
 
@@ -245,8 +248,8 @@ int ZorvUmaOwnDescriptor(int fd);
 // In a forked child: closes what the agent keeps there of its parent.
 void ZorvUmaDropParentsFiles();
 void ZorvUmaRenewFilesLock();
-// Writes all or nothing of a piece of a file: what a failed or short write leaves behind is cut off again, for it would
-// end every reader's walk right there. Result as ZorvUmaWrite.
+// Writes all or nothing of a piece of a file: what a failed or short write leaves behind is cut off again, for
+// it would end every reader's walk right there. Result as ZorvUmaWrite.
 ssize_t ZorvUmaWriteWhole(int fd, const void* pBuf, size_t count);
 // Writes to a file of the agent. A file-size limit never raises its signal in the program (setrlimit(2)).
 // Result as ZorvUmaWrite.
@@ -255,8 +258,8 @@ ssize_t ZorvUmaWriteOwnFile(int fd, const void* pBuf, size_t count);
 // Fills with zeroes what is not zero already: fresh pages stay untouched and cost no memory.
 void ZorvUmaZeroStorage(char* pStorage, size_t size);
 
-// A buffer that comes from the kernel, READY and on the list: for a thread that may have been interrupted inside its
-// allocator. Null without memory.
+// A buffer that comes from the kernel, READY and on the list: for a thread that may have been interrupted
+// inside its allocator. Null without memory.
 ZorvUmaBuffer* ZorvUmtMapNewBuffer(ZorvUmaData* pData);
 // Frees, unless the process is about to end anyway and its thread may be inside the allocator.
 void ZorvUmaRelease(void* pMemory);
@@ -300,54 +303,57 @@ inline void ZorvStoreFenced(bool* pWhere, bool value)
 
 extern "C"
 {
-// ---- log, error file, clock, names -----------------------------------------------------------------------
+    // ---- log, error file, clock, names
+    // -----------------------------------------------------------------------
 
-// Opens the log and error files of this process under "QELIX_SESSION_DIR"; true when both are open.
-ZORV_EXPORT bool ZorvUmaOpenLogAndErrorFile(ZorvUmaProfileInfo* pProfileInfo);
-ZORV_EXPORT void ZorvUmaCloseLogAndErrorFile(ZorvUmaProfileInfo* pProfileInfo);
-// One line, one write(2), then fsync(2). Always 0; errno is kept.
-ZORV_EXPORT int ZorvUmaWriteLogFile(int fd, ZorvUmaLogType logType, const char* pFunction, int line,
-                                    const char* pFormat, ...) __attribute__((format(printf, 5, 6)));
-// Leaves the code for the launcher, kills the launcher and ends the process. Returns false when the code could not
-// be written, and true only if exit(3) itself could not be reached.
-ZORV_EXPORT bool ZorvUmaWriteErrorFile(ZorvUmaProfileInfo* pProfileInfo, ZorvAgentErrorMsg code);
-ZORV_EXPORT uint64_t ZorvUmaGetTime(); // ns of CLOCK_MONOTONIC, 0 when the clock fails
-ZORV_EXPORT bool ZorvUmaGetCurrentThreadName(char* pName, size_t size);
+    // Opens the log and error files of this process under "QELIX_SESSION_DIR"; true when both are open.
+    ZORV_EXPORT bool ZorvUmaOpenLogAndErrorFile(ZorvUmaProfileInfo* pProfileInfo);
+    ZORV_EXPORT void ZorvUmaCloseLogAndErrorFile(ZorvUmaProfileInfo* pProfileInfo);
+    // One line, one write(2), then fsync(2). Always 0; errno is kept.
+    ZORV_EXPORT int ZorvUmaWriteLogFile(int fd, ZorvUmaLogType logType, const char* pFunction, int line,
+                                        const char* pFormat, ...) __attribute__((format(printf, 5, 6)));
+    // Leaves the code for the launcher, kills the launcher and ends the process. Returns false when the code
+    // could not be written, and true only if exit(3) itself could not be reached.
+    ZORV_EXPORT bool ZorvUmaWriteErrorFile(ZorvUmaProfileInfo* pProfileInfo, ZorvAgentErrorMsg code);
+    ZORV_EXPORT uint64_t ZorvUmaGetTime(); // ns of CLOCK_MONOTONIC, 0 when the clock fails
+    ZORV_EXPORT bool ZorvUmaGetCurrentThreadName(char* pName, size_t size);
 
-// ---- the controller's flags ------------------------------------------------------------------------------
+    // ---- the controller's flags
+    // ------------------------------------------------------------------------------
 
-ZORV_EXPORT bool ZorvUmaInitSharedMemory(ZorvUmaProfileInfo* pProfileInfo);
-ZORV_EXPORT bool ZorvUmaFiniSharedMemory(ZorvUmaProfileInfo* pProfileInfo);
-ZORV_EXPORT bool ZorvUmaIsPauseSet(const ZorvUmaProfileInfo* pProfileInfo);
-ZORV_EXPORT bool ZorvUmaIsStopSet(const ZorvUmaProfileInfo* pProfileInfo);
-// The id of the pause that is on, 0 while running.
-ZORV_EXPORT uint64_t ZorvUmaCurrentPauseId(const ZorvUmaProfileInfo* pProfileInfo);
-// Whether a call began and ended inside one and the same pause.
-ZORV_EXPORT bool ZorvUmaIsSamePauseId(uint64_t startPauseId, uint64_t endPauseId);
-// Whether the calling thread may not record. A pause is no stop.
-ZORV_EXPORT bool ZorvUmaIsCollectionStopped(const ZorvUmaProfileInfo* pProfileInfo);
-ZORV_EXPORT void ZorvUmaSetStopCollection(bool stopCollection);
-// Takes a post if there is one, 0; else -1 at once. Never blocks: the deadline has always passed.
-ZORV_EXPORT int ZorvUmaSemWait(ZorvUmaProfileInfo* pProfileInfo);
+    ZORV_EXPORT bool ZorvUmaInitSharedMemory(ZorvUmaProfileInfo* pProfileInfo);
+    ZORV_EXPORT bool ZorvUmaFiniSharedMemory(ZorvUmaProfileInfo* pProfileInfo);
+    ZORV_EXPORT bool ZorvUmaIsPauseSet(const ZorvUmaProfileInfo* pProfileInfo);
+    ZORV_EXPORT bool ZorvUmaIsStopSet(const ZorvUmaProfileInfo* pProfileInfo);
+    // The id of the pause that is on, 0 while running.
+    ZORV_EXPORT uint64_t ZorvUmaCurrentPauseId(const ZorvUmaProfileInfo* pProfileInfo);
+    // Whether a call began and ended inside one and the same pause.
+    ZORV_EXPORT bool ZorvUmaIsSamePauseId(uint64_t startPauseId, uint64_t endPauseId);
+    // Whether the calling thread may not record. A pause is no stop.
+    ZORV_EXPORT bool ZorvUmaIsCollectionStopped(const ZorvUmaProfileInfo* pProfileInfo);
+    ZORV_EXPORT void ZorvUmaSetStopCollection(bool stopCollection);
+    // Takes a post if there is one, 0; else -1 at once. Never blocks: the deadline has always passed.
+    ZORV_EXPORT int ZorvUmaSemWait(ZorvUmaProfileInfo* pProfileInfo);
 
-// ---- buffers, list, queue --------------------------------------------------------------------------------
+    // ---- buffers, list, queue
+    // --------------------------------------------------------------------------------
 
-// Opens DIR/NAME_HOST_PID.FORMAT for writing, truncated, into *pFd.
-ZORV_EXPORT bool ZorvUmaOpenFileForWrite(const char* pDirPath, int* pFd, const char* pFileName, const char* pFormat,
-                                         int logFd);
-ZORV_EXPORT bool ZorvUmaInitDataWriting(ZorvUmaData* pData, const char* pDirPath, const char* pFileName,
-                                        const char* pFormat, int logFd);
-ZORV_EXPORT bool ZorvUmaCreateBuffers(ZorvUmaData* pData, int logFd);
-ZORV_EXPORT ZorvUmaBuffer* ZorvUmtAllocateNewBuffer(ZorvUmaData* pData, int logFd); // READY, on the list
-ZORV_EXPORT ZorvUmaBuffer* ZorvUmaInsertIntoList(ZorvUmaData* pData, ZorvUmaBuffer buffer);
-ZORV_EXPORT ZorvUmaBuffer* ZorvUmaGetFreeBuffer(ZorvUmaData* pData); // first READY one, now IN_USE
-ZORV_EXPORT bool ZorvUmaCreateQueue(ZorvUmaProfileInfo* pProfileInfo);
-ZORV_EXPORT void ZorvUmaDestroyQueue(ZorvUmaProfileInfo* pProfileInfo);
-ZORV_EXPORT bool ZorvUmaIsQueueEmpty(ZorvUmaQueue* pQueue);
-ZORV_EXPORT bool ZorvUmaEnqueue(ZorvUmaQueue* pQueue, ZorvUmaBuffer* pBuffer);
-ZORV_EXPORT ZorvUmaBuffer* ZorvUmaDequeue(ZorvUmaQueue* pQueue);
-// Drains the queue into the file; the result is that of the last buffer, false for an empty queue.
-ZORV_EXPORT bool ZorvUmaWriteBuffer(ZorvUmaData* pData, int logFd);
-// Writes what is left, frees what no living thread can reach, closes the file, logs the lost count.
-ZORV_EXPORT bool ZorvUmaFiniDataWriting(ZorvUmaData* pData, int logFd, bool isStopped);
+    // Opens DIR/NAME_HOST_PID.FORMAT for writing, truncated, into *pFd.
+    ZORV_EXPORT bool ZorvUmaOpenFileForWrite(const char* pDirPath, int* pFd, const char* pFileName,
+                                             const char* pFormat, int logFd);
+    ZORV_EXPORT bool ZorvUmaInitDataWriting(ZorvUmaData* pData, const char* pDirPath, const char* pFileName,
+                                            const char* pFormat, int logFd);
+    ZORV_EXPORT bool ZorvUmaCreateBuffers(ZorvUmaData* pData, int logFd);
+    ZORV_EXPORT ZorvUmaBuffer* ZorvUmtAllocateNewBuffer(ZorvUmaData* pData, int logFd); // READY, on the list
+    ZORV_EXPORT ZorvUmaBuffer* ZorvUmaInsertIntoList(ZorvUmaData* pData, ZorvUmaBuffer buffer);
+    ZORV_EXPORT ZorvUmaBuffer* ZorvUmaGetFreeBuffer(ZorvUmaData* pData); // first READY one, now IN_USE
+    ZORV_EXPORT bool ZorvUmaCreateQueue(ZorvUmaProfileInfo* pProfileInfo);
+    ZORV_EXPORT void ZorvUmaDestroyQueue(ZorvUmaProfileInfo* pProfileInfo);
+    ZORV_EXPORT bool ZorvUmaIsQueueEmpty(ZorvUmaQueue* pQueue);
+    ZORV_EXPORT bool ZorvUmaEnqueue(ZorvUmaQueue* pQueue, ZorvUmaBuffer* pBuffer);
+    ZORV_EXPORT ZorvUmaBuffer* ZorvUmaDequeue(ZorvUmaQueue* pQueue);
+    // Drains the queue into the file; the result is that of the last buffer, false for an empty queue.
+    ZORV_EXPORT bool ZorvUmaWriteBuffer(ZorvUmaData* pData, int logFd);
+    // Writes what is left, frees what no living thread can reach, closes the file, logs the lost count.
+    ZORV_EXPORT bool ZorvUmaFiniDataWriting(ZorvUmaData* pData, int logFd, bool isStopped);
 }

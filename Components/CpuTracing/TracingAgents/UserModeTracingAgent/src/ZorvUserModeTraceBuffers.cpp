@@ -1,7 +1,7 @@
 // Record buffers: files, storage, the list of all buffers, the queue of full ones, and their way into the file.
 //
-// A thread fills its own current buffer without a lock. A full buffer goes through the queue to the writer, which
-// writes and empties it. Nobody frees or empties what another thread still fills.
+// A thread fills its own current buffer without a lock. A full buffer goes through the queue to the writer,
+// which writes and empties it. Nobody frees or empties what another thread still fills.
 
 #include "Linux/ZorvUserModeTrace.h"
 #include "ZorvAgentUtils.h"
@@ -38,7 +38,8 @@ static bool IsZero(const char* pBytes, size_t size)
     return true;
 }
 
-// Reading a page that nobody has written maps the kernel's shared zero page; writing it would cost 4 KiB for good.
+// Reading a page that nobody has written maps the kernel's shared zero page; writing it would cost 4 KiB for
+// good.
 void ZorvUmaZeroStorage(char* pStorage, size_t size)
 {
     while (size != 0)
@@ -141,7 +142,8 @@ extern "C" ZorvUmaBuffer* ZorvUmaInsertIntoList(ZorvUmaData* pData, ZorvUmaBuffe
 ZorvUmaBuffer* ZorvUmtMapNewBuffer(ZorvUmaData* pData)
 {
     uint32_t size = BufferSize();
-    void* pMemory = ZorvUmaMmap(nullptr, PAGE_STEP + size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* pMemory =
+        ZorvUmaMmap(nullptr, PAGE_STEP + size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (pMemory == MAP_FAILED)
         return nullptr;
     auto pNode = static_cast<ZorvUmaListNode*>(pMemory);
@@ -198,7 +200,8 @@ extern "C" ZorvUmaBuffer* ZorvUmaGetFreeBuffer(ZorvUmaData* pData)
         return nullptr;
     ZorvUmaBuffer* pFree = nullptr;
     ZorvUmaPthreadMutexLock(&pData->m_lock);
-    for (ZorvUmaListNode* pNode = pData->m_pBufList; pNode != nullptr && pFree == nullptr; pNode = pNode->m_pNext)
+    for (ZorvUmaListNode* pNode = pData->m_pBufList; pNode != nullptr && pFree == nullptr;
+         pNode = pNode->m_pNext)
     {
         ZorvUmaBuffer* pBuffer = &pNode->m_buffer;
         if (pBuffer->m_pData != nullptr &&
@@ -286,8 +289,8 @@ extern "C" ZorvUmaBuffer* ZorvUmaDequeue(ZorvUmaQueue* pQueue)
 
 // ---- files -----------------------------------------------------------------------------------------------
 
-extern "C" bool ZorvUmaOpenFileForWrite(const char* pDirPath, int* pFd, const char* pFileName, const char* pFormat,
-                                        int logFd)
+extern "C" bool ZorvUmaOpenFileForWrite(const char* pDirPath, int* pFd, const char* pFileName,
+                                        const char* pFormat, int logFd)
 {
     if (pDirPath == nullptr || pFd == nullptr || pFileName == nullptr || pFormat == nullptr || logFd < 0)
         return false;
@@ -298,7 +301,8 @@ extern "C" bool ZorvUmaOpenFileForWrite(const char* pDirPath, int* pFd, const ch
         return false;
     }
     char path[PATH_SIZE] = {};
-    ZorvUmaSnprintf(path, sizeof(path), "%s/%s_%s_%d.%s", pDirPath, pFileName, hostName, ZorvUmaGetPid(), pFormat);
+    ZorvUmaSnprintf(path, sizeof(path), "%s/%s_%s_%d.%s", pDirPath, pFileName, hostName, ZorvUmaGetPid(),
+                    pFormat);
     constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
     *pFd = ZorvUmaKeepFile(fnOpenFile(path, flags, 0644), path, flags);
     if (*pFd < 0)
@@ -400,7 +404,8 @@ extern "C" bool ZorvUmaFiniDataWriting(ZorvUmaData* pData, int logFd, bool)
 
     ZorvUmaSyncAndClose(&pData->m_fd);
     if (pData->m_isTrace)
-        ZORV_LOG(logFd, INFO, "Lost trace records count = %lu", static_cast<unsigned long>(pData->m_lostRecordCount));
+        ZORV_LOG(logFd, INFO, "Lost trace records count = %lu",
+                 static_cast<unsigned long>(pData->m_lostRecordCount));
     else
         ZORV_LOG(logFd, INFO, "Lost sample records count = %lu",
                  static_cast<unsigned long>(pData->m_lostRecordCount));

@@ -1,12 +1,13 @@
 // The agent's own descriptors, in a process whose descriptors are not the agent's.
 //
-// The program must get the numbers that it would get without the agent, and it may close or overwrite any number: a
-// shell's redirection, a daemon that closes everything. So the agent's files are kept high and close-on-exec, and
-// before each write (they are rare and large) the descriptor is compared with the file that it stood for. Where the
-// program has taken it, the file is opened again; nothing is ever written to, or closed of, what is the program's.
+// The program must get the numbers that it would get without the agent, and it may close or overwrite any
+// number: a shell's redirection, a daemon that closes everything. So the agent's files are kept high and
+// close-on-exec, and before each write (they are rare and large) the descriptor is compared with the file that
+// it stood for. Where the program has taken it, the file is opened again; nothing is ever written to, or closed
+// of, what is the program's.
 //
-// A number that once stood for one of the files never stands for another: whoever still holds an old number is led to
-// the right file, or to none.
+// A number that once stood for one of the files never stands for another: whoever still holds an old number is
+// led to the right file, or to none.
 
 #include "Linux/ZorvUserModeTrace.h"
 #include "ZorvAgentUtils.h"
@@ -18,9 +19,10 @@
 namespace
 {
 
-constexpr uint32_t MAX_KEPT_FILES = 24; // six of a process and its unwinder's, and those of its parent in a child
-constexpr uint32_t MAX_NUMBERS = 8;     // of one file, the current one first
-constexpr int USUAL_LOWEST_FD = 512;    // high enough for shells and small enough for the kernel's table
+constexpr uint32_t MAX_KEPT_FILES =
+    24;                              // six of a process and its unwinder's, and those of its parent in a child
+constexpr uint32_t MAX_NUMBERS = 8;  // of one file, the current one first
+constexpr int USUAL_LOWEST_FD = 512; // high enough for shells and small enough for the kernel's table
 constexpr int FIRST_FREE_FD = 3;
 constexpr size_t PROC_PATH_SIZE = 64;
 constexpr size_t PATH_SIZE = 4096;
@@ -95,7 +97,8 @@ static int MoveTo(int fd, int lowest)
     return moved < 0 ? -1 : moved;
 }
 
-// A high duplicate in place of `fd`; `fd` itself where there is no room, unless it is one of the standard streams'.
+// A high duplicate in place of `fd`; `fd` itself where there is no room, unless it is one of the standard
+// streams'.
 static int MoveHigh(int fd)
 {
     int moved = -1;
@@ -318,8 +321,8 @@ ssize_t ZorvUmaWriteOwnFile(int fd, const void* pBuf, size_t count)
     {
         // Take back the signal that this write raised, and only that one.
         timespec now = {};
-        ZorvRawSyscall(SYS_rt_sigtimedwait, reinterpret_cast<long>(&sizeSignal), 0, reinterpret_cast<long>(&now),
-                       _NSIG / 8);
+        ZorvRawSyscall(SYS_rt_sigtimedwait, reinterpret_cast<long>(&sizeSignal), 0,
+                       reinterpret_cast<long>(&now), _NSIG / 8);
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     errno = savedErrno;

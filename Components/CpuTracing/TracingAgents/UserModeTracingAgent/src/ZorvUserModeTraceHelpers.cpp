@@ -36,7 +36,8 @@ void ZorvUmaExpectNestedHandlers()
 void ZorvUmaEnterAgent(ZorvAgentScope* pScope)
 {
     pScope->m_errno = errno;
-    // The mask comes before the count: a handler that runs in between finds the count as it was and balances it.
+    // The mask comes before the count: a handler that runs in between finds the count as it was and balances
+    // it.
     if (t_zorvState.m_agentDepth == 0)
     {
         sigset_t all;
@@ -142,14 +143,15 @@ extern "C" bool ZorvUmaOpenLogAndErrorFile(ZorvUmaProfileInfo* pProfileInfo)
     if (ZorvUmaGetHostName(hostName, sizeof(hostName)) != 0 ||
         !ZorvUmaGetCurrentThreadName(threadName, sizeof(threadName)))
         return false;
-    for (char* pSlash = ZorvUmaStrchr(threadName, '/'); pSlash != nullptr; pSlash = ZorvUmaStrchr(threadName, '/'))
+    for (char* pSlash = ZorvUmaStrchr(threadName, '/'); pSlash != nullptr;
+         pSlash = ZorvUmaStrchr(threadName, '/'))
         *pSlash = '_'; // a name is no path
 
     constexpr int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
     pid_t pid = ZorvUmaGetPid();
     char path[PATH_SIZE] = {};
-    ZorvUmaSnprintf(path, sizeof(path), "%s/%s/ZorvUmtAgent_%s_%s_%d.txt", pSessionDir, ".log", hostName, threadName,
-                    pid);
+    ZorvUmaSnprintf(path, sizeof(path), "%s/%s/ZorvUmtAgent_%s_%s_%d.txt", pSessionDir, ".log", hostName,
+                    threadName, pid);
     pProfileInfo->m_logFd = ZorvUmaKeepFile(fnOpenFile(path, flags, 0644), path, flags);
     ZorvUmaSnprintf(path, sizeof(path), "%s/%s/ZorvUmtError_%s_%s_%d.err", pSessionDir, ".error", hostName,
                     threadName, pid);
@@ -180,8 +182,8 @@ static int FormatLogPrefix(char* pLine, ZorvUmaLogType logType, const char* pFun
     case ZORV_UMA_LOG_TYPE_WARN:
         return ZorvUmaSnprintf(pLine, LOG_TEXT_SIZE, "WARN : %s : %d : ", pFunction, line);
     case ZORV_UMA_LOG_TYPE_TRACE:
-        return ZorvUmaSnprintf(pLine, LOG_TEXT_SIZE, "TRACE : %s : %d : %d : %d: ", pFunction, line, ZorvUmaGetPid(),
-                               ZorvUmaGetTid());
+        return ZorvUmaSnprintf(pLine, LOG_TEXT_SIZE, "TRACE : %s : %d : %d : %d: ", pFunction, line,
+                               ZorvUmaGetPid(), ZorvUmaGetTid());
     case ZORV_UMA_LOG_TYPE_INFO:
         return ZorvUmaSnprintf(pLine, LOG_TEXT_SIZE, "INFO : %d : %d: ", ZorvUmaGetPid(), ZorvUmaGetTid());
     default:
@@ -222,7 +224,8 @@ static void WriteLogLine(int fd, ZorvUmaLogType logType, const char* pFunction, 
         FormatAndWriteLine(onStack, fd, logType, pFunction, line, pFormat, list);
         return;
     }
-    // Never given back: freeing would let the log path call back into an allocator that the program has replaced.
+    // Never given back: freeing would let the log path call back into an allocator that the program has
+    // replaced.
     auto pLine = static_cast<char*>(ZorvUmaMalloc(LOG_LINE_SIZE));
     if (pLine != nullptr)
         FormatAndWriteLine(pLine, fd, logType, pFunction, line, pFormat, list);
@@ -356,8 +359,10 @@ extern "C" bool ZorvUmaFiniSharedMemory(ZorvUmaProfileInfo* pProfileInfo)
     uint32_t own = t_zorvState.m_pInfo != nullptr ? 1 : 0;
     if (__atomic_load_n(&pProfileInfo->m_threadCount, __ATOMIC_SEQ_CST) > own && pAddr != MAP_FAILED)
     {
-        // Another thread may stand between its test of a flag's pointer and the load: leave it a page of zeroes.
-        ZorvUmaMmap(pAddr, sizeof(ZorvAgentSharedInfo), PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+        // Another thread may stand between its test of a flag's pointer and the load: leave it a page of
+        // zeroes.
+        ZorvUmaMmap(pAddr, sizeof(ZorvAgentSharedInfo), PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1,
+                    0);
         pAddr = MAP_FAILED;
     }
     pProfileInfo->m_pIsPaused = nullptr;

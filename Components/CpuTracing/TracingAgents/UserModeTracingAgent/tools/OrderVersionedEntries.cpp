@@ -1,9 +1,10 @@
 // Puts the entries of a versioned name into the order in which the loader must meet them.
 //
-// A name has up to three entries: name@OLD, name@@NEW, and weak name@@OLD. A program that is bound to the old version
-// is answered by the first of name@OLD and weak name@@OLD in the hash chain, and which that is, the linker leaves to
-// the order of its own tables. Where the weak one comes first, the two change places here, with their versions. Both
-// have the same hash value, so the chain itself stays as it is; no relocation of the agent names either.
+// A name has up to three entries: name@OLD, name@@NEW, and weak name@@OLD. A program that is bound to the old
+// version is answered by the first of name@OLD and weak name@@OLD in the hash chain, and which that is, the
+// linker leaves to the order of its own tables. Where the weak one comes first, the two change places here,
+// with their versions. Both have the same hash value, so the chain itself stays as it is; no relocation of the
+// agent names either.
 #include <cstdio>
 #include <cstring>
 #include <elf.h>
@@ -104,8 +105,8 @@ int main(int count, char** ppArguments)
     if (count != 2)
         return fprintf(stderr, "usage: OrderVersionedEntries SHARED_OBJECT\n"), 2;
     Image image;
-    if (!ReadFile(ppArguments[1], &image) || memcmp(image.m_bytes.data(), ELFMAG, SELFMAG) != 0 || Order(&image) < 0 ||
-        !WriteFile(ppArguments[1], image))
+    if (!ReadFile(ppArguments[1], &image) || memcmp(image.m_bytes.data(), ELFMAG, SELFMAG) != 0 ||
+        Order(&image) < 0 || !WriteFile(ppArguments[1], image))
         return fprintf(stderr, "OrderVersionedEntries: %s cannot be ordered\n", ppArguments[1]), 1;
     return 0;
 }

@@ -1,15 +1,15 @@
 // How a record gets into its thread's buffer: the path of every traced call, in place.
 //
-// A record is placed behind the thread's data and becomes part of it by one atomic add of its size, so nobody ever
-// sees half of one. No lock, no system call, no allocation while it fits. Only the owner appends to a buffer; but
-// a signal handler of the program may run traced calls in the middle of its thread's append. Those records go to the
-// thread's spare buffer (m_pAppendFrame tells), so neither overwrites the other. The same handler during a traced wait
-// finds the buffer free and writes over the provisional record, which withdraws it; the wait notices at its end
-// (m_appendCount) and writes a whole record instead.
+// A record is placed behind the thread's data and becomes part of it by one atomic add of its size, so nobody
+// ever sees half of one. No lock, no system call, no allocation while it fits. Only the owner appends to a
+// buffer; but a signal handler of the program may run traced calls in the middle of its thread's append. Those
+// records go to the thread's spare buffer (m_pAppendFrame tells), so neither overwrites the other. The same
+// handler during a traced wait finds the buffer free and writes over the provisional record, which withdraws
+// it; the wait notices at its end (m_appendCount) and writes a whole record instead.
 //
-// The public functions on this path call each other through the dynamic symbol table, where an object ahead of the
-// agent can replace them (ZorvDynamicCalls). While nobody has, the path runs in place (ZorvDirectCalls): the calls
-// between them would cost as much as the record.
+// The public functions on this path call each other through the dynamic symbol table, where an object ahead of
+// the agent can replace them (ZorvDynamicCalls). While nobody has, the path runs in place (ZorvDirectCalls):
+// the calls between them would cost as much as the record.
 #pragma once
 
 #include "ZorvUserModeTrace.h"
@@ -70,8 +70,8 @@ struct ZorvDynamicCalls
     }
     static bool InsertHdr(ZorvUmaProfileInfo* pProfileInfo, const ZorvUmtRecordHdr& hdr)
     {
-        return ZorvUmtInsertTraceRecordHdr(pProfileInfo, hdr.m_tid, hdr.m_startTime, hdr.m_endTime, hdr.m_recSize,
-                                           hdr.m_recType, hdr.m_subType, hdr.m_flags);
+        return ZorvUmtInsertTraceRecordHdr(pProfileInfo, hdr.m_tid, hdr.m_startTime, hdr.m_endTime,
+                                           hdr.m_recSize, hdr.m_recType, hdr.m_subType, hdr.m_flags);
     }
 };
 
@@ -91,8 +91,8 @@ ZorvUmaBuffer* ZorvChangeTraceBuffer(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaPe
 void ZorvWarnNoBuffer(ZorvUmaProfileInfo* pProfileInfo);
 // Logs a message that takes the process id and the thread id, under the function's name.
 void ZorvWarnAboutThread(ZorvUmaProfileInfo* pProfileInfo, const char* pFunction, const char* pFormat);
-// Whether the append of an outer frame is still under way while one begins at the inner; a jump out of a handler leaves
-// a frame that is none.
+// Whether the append of an outer frame is still under way while one begins at the inner; a jump out of a
+// handler leaves a frame that is none.
 bool ZorvIsFrameAlive(const void* pOuter, const void* pInner);
 void ZorvTakeSpareBuffer(ZorvTraceAppend* pAppend);
 void ZorvPutSpareBufferBack(ZorvTraceAppend* pAppend, ZorvUmaProfileInfo* pProfileInfo);
@@ -250,9 +250,9 @@ template <typename Calls, typename Record>
 inline ZorvUmaBuffer* ZorvPlaceCallRecord(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaPerThreadInfo* pThreadInfo,
                                           uint64_t startTime, uint64_t endTime, const Record& record)
 {
-    const ZorvUmtRecordHdr hdr = {Record::RECORD_TYPE, ZORV_UMT_CALL_RECORD_SIZE, record.m_subType,
-                                  record.m_flags,      startTime,                 endTime,
-                                  ZorvUmaCachedPid(),  ZorvUmaCachedTid()};
+    const ZorvUmtRecordHdr hdr = {
+        Record::RECORD_TYPE, ZORV_UMT_CALL_RECORD_SIZE, record.m_subType, record.m_flags, startTime, endTime,
+        ZorvUmaCachedPid(),  ZorvUmaCachedTid()};
     if (!Calls::InsertHdr(pProfileInfo, hdr))
         return nullptr;
     ZorvUmaBuffer* pBuffer = pThreadInfo->m_pUmtBuf;

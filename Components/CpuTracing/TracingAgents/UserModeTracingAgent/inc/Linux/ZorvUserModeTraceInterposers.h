@@ -1,8 +1,8 @@
 // What the interposers share: the entry points with their real functions, and the halves of a traced call.
 //
-// How to add an interposer: give it a row in the table of its family. The row names the class, the libc function, the
-// number of its parameters and, where libc has two versions, the old and the new one. Prototype, entry points, look-up
-// and pattern follow from the row; nothing else is written.
+// How to add an interposer: give it a row in the table of its family. The row names the class, the libc
+// function, the number of its parameters and, where libc has two versions, the old and the new one. Prototype,
+// entry points, look-up and pattern follow from the row; nothing else is written.
 #pragma once
 
 #include "ZorvUserModeTrace.h"
@@ -40,8 +40,8 @@ struct ZorvUmtThreadWrapperArg
     ZorvUmaProfileInfo* m_pProfileInfo;
 };
 
-// A call to be traced, and its state between the two halves. No destructor is pending over the real call: a cancelled
-// thread skips it.
+// A call to be traced, and its state between the two halves. No destructor is pending over the real call: a
+// cancelled thread skips it.
 struct ZorvTracedCall
 {
     ZorvUmaProfileInfo* m_pProfileInfo;
@@ -61,10 +61,10 @@ struct ZorvTracedCall
 void* ZorvFindReal(ZorvEntryPoint* pEntry);
 
 // The halves of a traced call; each keeps errno. Begin before the real call, End or EndIf behind it.
-void ZorvBeginCall(ZorvTracedCall* pCall);                   // takes pause id and time
-void ZorvBeginParkedCall(ZorvTracedCall* pCall);             // the same, and parks a provisional record
-void ZorvEndParkedCall(ZorvTracedCall* pCall, int result);   // completes or withdraws it
-void ZorvEndCall(ZorvTracedCall* pCall, int result);         // writes a whole record, if it was long enough
+void ZorvBeginCall(ZorvTracedCall* pCall);                    // takes pause id and time
+void ZorvBeginParkedCall(ZorvTracedCall* pCall);              // the same, and parks a provisional record
+void ZorvEndParkedCall(ZorvTracedCall* pCall, int result);    // completes or withdraws it
+void ZorvEndCall(ZorvTracedCall* pCall, int result);          // writes a whole record, if it was long enough
 void ZorvEndCallAnyLength(ZorvTracedCall* pCall, int result); // the same without a threshold
 
 // Nanoseconds of an absolute deadline, as double precision gives them; 0 for none.
@@ -176,7 +176,8 @@ struct ZorvDirectPattern
 };
 
 // An entry of a pattern: the gate in place, all else out of line.
-template <typename Pattern, ZorvEntryPoint* pEntry, ZorvCallClass callClass, typename Pointer> struct ZorvGatedCall;
+template <typename Pattern, ZorvEntryPoint* pEntry, ZorvCallClass callClass, typename Pointer>
+struct ZorvGatedCall;
 
 template <typename Pattern, ZorvEntryPoint* pEntry, ZorvCallClass callClass, typename R, typename... P>
 struct ZorvGatedCall<Pattern, pEntry, callClass, R (*)(P...)>
@@ -221,12 +222,12 @@ struct ZorvGatedCall<Pattern, pEntry, callClass, R (*)(P...)>
 
 // One exported function: entry point, prototype and pattern. The traced half is told the entry as a template
 // argument, so that the untraced call keeps its registers and ends in a jump.
-#define ZORV_INTERPOSER_ENTRY(pattern, detail, function, name, count, version, failure)                               \
-    static ZORV_ENTRY_SECTION ZorvEntryPoint g_entry##function = {nullptr, #name, version,                            \
-                                                                  ZorvLookupFailure::failure};                        \
-    extern "C" ZORV_EXPORT ZorvResult<decltype(&::name)> function(ZORV_PARAMETERS_##count(decltype(&::name)))         \
-    {                                                                                                                 \
-        return pattern<&g_entry##function, detail, decltype(&function)>::Call(ZORV_ARGUMENTS_##count);                \
+#define ZORV_INTERPOSER_ENTRY(pattern, detail, function, name, count, version, failure)                        \
+    static ZORV_ENTRY_SECTION ZorvEntryPoint g_entry##function = {nullptr, #name, version,                     \
+                                                                  ZorvLookupFailure::failure};                 \
+    extern "C" ZORV_EXPORT ZorvResult<decltype(&::name)> function(ZORV_PARAMETERS_##count(decltype(&::name)))  \
+    {                                                                                                          \
+        return pattern<&g_entry##function, detail, decltype(&function)>::Call(ZORV_ARGUMENTS_##count);         \
     }
 
 #define ZORV_VERSION_2_2_5 "GLIBC_2.2.5"
@@ -238,23 +239,26 @@ struct ZorvGatedCall<Pattern, pEntry, callClass, R (*)(P...)>
 #define ZORV_VERSION_2_24 "GLIBC_2.24"
 #define ZORV_VERSION_2_34 "GLIBC_2.34"
 
-// The libc name as a weak alias, given to the assembler so that no header is contradicted; the version script puts
-// the name into the node of its old version.
-#define ZORV_WEAK_NAME(function, name)                                                                                \
+// The libc name as a weak alias, given to the assembler so that no header is contradicted; the version script
+// puts the name into the node of its old version.
+#define ZORV_WEAK_NAME(function, name)                                                                         \
     asm(".weak " #name "\n.type " #name ", @function\n.set " #name ", " #function)
 
-#define ZORV_VERSIONED_NAME(function, name, separator, version)                                                       \
+#define ZORV_VERSIONED_NAME(function, name, separator, version)                                                \
     asm(".symver " #function ", " #name separator version)
 
-// The three entries of a versioned name: name@OLD, name@@NEW, and weak name@@OLD with the next default function.
-#define ZORV_INTERPOSE_VERSIONED(pattern, detail, function, name, count, oldVersion, newVersion, failure)             \
-    ZORV_INTERPOSER_ENTRY(pattern, detail, function##_##oldVersion, name, count, ZORV_VERSION_##oldVersion, failure)  \
-    ZORV_INTERPOSER_ENTRY(pattern, detail, function##_##newVersion, name, count, ZORV_VERSION_##newVersion, failure)  \
-    ZORV_INTERPOSER_ENTRY(pattern, detail, function, name, count, nullptr, failure)                                   \
-    ZORV_VERSIONED_NAME(function##_##oldVersion, name, "@", ZORV_VERSION_##oldVersion);                               \
-    ZORV_VERSIONED_NAME(function##_##newVersion, name, "@@", ZORV_VERSION_##newVersion);                              \
+// The three entries of a versioned name: name@OLD, name@@NEW, and weak name@@OLD with the next default
+// function.
+#define ZORV_INTERPOSE_VERSIONED(pattern, detail, function, name, count, oldVersion, newVersion, failure)      \
+    ZORV_INTERPOSER_ENTRY(pattern, detail, function##_##oldVersion, name, count, ZORV_VERSION_##oldVersion,    \
+                          failure)                                                                             \
+    ZORV_INTERPOSER_ENTRY(pattern, detail, function##_##newVersion, name, count, ZORV_VERSION_##newVersion,    \
+                          failure)                                                                             \
+    ZORV_INTERPOSER_ENTRY(pattern, detail, function, name, count, nullptr, failure)                            \
+    ZORV_VERSIONED_NAME(function##_##oldVersion, name, "@", ZORV_VERSION_##oldVersion);                        \
+    ZORV_VERSIONED_NAME(function##_##newVersion, name, "@@", ZORV_VERSION_##newVersion);                       \
     ZORV_WEAK_NAME(function, name);
 
-#define ZORV_INTERPOSE_SINGLE(pattern, detail, function, name, count, failure)                                        \
-    ZORV_INTERPOSER_ENTRY(pattern, detail, function, name, count, nullptr, failure)                                   \
+#define ZORV_INTERPOSE_SINGLE(pattern, detail, function, name, count, failure)                                 \
+    ZORV_INTERPOSER_ENTRY(pattern, detail, function, name, count, nullptr, failure)                            \
     ZORV_WEAK_NAME(function, name);

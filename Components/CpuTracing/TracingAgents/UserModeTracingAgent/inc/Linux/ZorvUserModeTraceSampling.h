@@ -5,18 +5,20 @@
 
 extern "C"
 {
-// Installs the handler and arms the initialising thread. True where sampling is off.
-ZORV_EXPORT bool ZorvUmaConfigureTimerAndPmc(ZorvUmaProfileInfo* pProfileInfo);
-ZORV_EXPORT bool ZorvUmsStartPcmCollection(ZorvUmaProfileInfo* pProfileInfo, bool isThread);
-// The timer measures the calling thread's CPU time and signals that thread. timer_create(2), SIGEV_THREAD_ID.
-ZORV_EXPORT bool ZorvUmsCreateTimer(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaPerThreadInfo* pThreadInfo);
-// True also for a thread that has none; a timer id of 0 counts as none.
-ZORV_EXPORT bool ZorvUmsDestroyTimer(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaPerThreadInfo* pThreadInfo);
-ZORV_EXPORT void ZorvUmsSignalHandler(int signum, siginfo_t* pSigInfo, void* pUContext);
-ZORV_EXPORT void ZorvUmsCaptureSampleRecord(ZorvUmaProfileInfo* pProfileInfo);
+    // Installs the handler and arms the initialising thread. True where sampling is off.
+    ZORV_EXPORT bool ZorvUmaConfigureTimerAndPmc(ZorvUmaProfileInfo* pProfileInfo);
+    ZORV_EXPORT bool ZorvUmsStartPcmCollection(ZorvUmaProfileInfo* pProfileInfo, bool isThread);
+    // The timer measures the calling thread's CPU time and signals that thread. timer_create(2),
+    // SIGEV_THREAD_ID.
+    ZORV_EXPORT bool ZorvUmsCreateTimer(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaPerThreadInfo* pThreadInfo);
+    // True also for a thread that has none; a timer id of 0 counts as none.
+    ZORV_EXPORT bool ZorvUmsDestroyTimer(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaPerThreadInfo* pThreadInfo);
+    ZORV_EXPORT void ZorvUmsSignalHandler(int signum, siginfo_t* pSigInfo, void* pUContext);
+    ZORV_EXPORT void ZorvUmsCaptureSampleRecord(ZorvUmaProfileInfo* pProfileInfo);
 }
 
-// Finds the unwinder, before the first thread is armed; a failure is logged once, and no sample is written then.
+// Finds the unwinder, before the first thread is armed; a failure is logged once, and no sample is written
+// then.
 void ZorvUmsOpenUnwinder(ZorvUmaProfileInfo* pProfileInfo);
 // The unwinder's first use on a thread allocates: it happens in the thread's set-up, never in the handler.
 void ZorvUmsPrepareThread();
@@ -30,7 +32,7 @@ void ZorvUmsFiniProcessCounters(ZorvUmaProfileInfo* pProfileInfo);
 // The writer's step: counters stop when a pause begins and start again when it ends.
 void ZorvUmsFollowPause(ZorvUmaProfileInfo* pProfileInfo);
 
-// Around an exec: no timer's signal may be pending in the new image, which has no handler for it. Resume after a
-// failed exec arms the thread again.
+// Around an exec: no timer's signal may be pending in the new image, which has no handler for it. Resume after
+// a failed exec arms the thread again.
 bool ZorvUmsSuspendForExec();
 void ZorvUmsResumeAfterExec(bool wasArmed);

@@ -1,8 +1,8 @@
 // The agent's start and end inside the program, and those of its threads.
 //
-// The agent never stops the program because of a failure of its own: every failure leaves it untraced and running.
-// Finalisation may come while other threads are inside traced calls. Whatever they can still reach stays where it is;
-// only what nobody can reach is freed and closed.
+// The agent never stops the program because of a failure of its own: every failure leaves it untraced and
+// running. Finalisation may come while other threads are inside traced calls. Whatever they can still reach
+// stays where it is; only what nobody can reach is freed and closed.
 
 #include "ZorvUserModeTrace.h"
 #include "ZorvAgentUtils.h"
@@ -54,7 +54,8 @@ extern "C" ZorvUmaProfileInfo* ZorvUmaGetProfileInfo()
     return __atomic_load_n(&g_pProfileInfo, __ATOMIC_ACQUIRE);
 }
 
-// The interposers test the event's flag in place only while nobody has replaced a function on the path of a record.
+// The interposers test the event's flag in place only while nobody has replaced a function on the path of a
+// record.
 static void OpenTraceGate(const ZorvUmaProfileInfo* pProfileInfo)
 {
     const ZorvUmtEvent* pGate = g_isPathDirect ? pProfileInfo->m_umtConfig.m_umtEventList : g_allOn;
@@ -73,7 +74,8 @@ extern "C" ZorvUmaProfileInfo* ZorvUmaAllocateProfileInfo()
     auto pProfileInfo = static_cast<ZorvUmaProfileInfo*>(ZorvUmaMalloc(sizeof(ZorvUmaProfileInfo)));
     if (pProfileInfo == nullptr)
     {
-        ZorvUmaFprintf(stderr, "Failed to allocate memory for profile info in process (%d).\n", ZorvUmaGetPid());
+        ZorvUmaFprintf(stderr, "Failed to allocate memory for profile info in process (%d).\n",
+                       ZorvUmaGetPid());
         return nullptr;
     }
     ZorvUmaMemset(pProfileInfo, 0, sizeof(*pProfileInfo));
@@ -213,8 +215,8 @@ static bool StartWriter(ZorvUmaProfileInfo* pProfileInfo)
         pProfileInfo->m_hasWriterThread = true;
         return true;
     }
-    ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmaInitProcess", "Failed to create a writer thread in process (%d)",
-                ZorvUmaGetPid());
+    ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmaInitProcess",
+                "Failed to create a writer thread in process (%d)", ZorvUmaGetPid());
     return false;
 }
 
@@ -279,8 +281,8 @@ extern "C" bool ZorvUmaInitProcess(ZorvUmaProfileInfo* pProfileInfo)
 
 static void EndUnannouncedThread(void*);
 
-// In a child that fork(2) made: what is remembered of the parent's thread is wrong here, and nobody writes what the
-// child would fill.
+// In a child that fork(2) made: what is remembered of the parent's thread is wrong here, and nobody writes what
+// the child would fill.
 static void StopInForkedChild()
 {
     ZorvUmaForgetCachedIds();
@@ -303,14 +305,15 @@ extern "C" __attribute__((constructor)) void ZorvUmaInit()
     if (pProfileInfo != nullptr && ZorvUmaAllocateThreadInfo(pProfileInfo) != nullptr)
     {
         ZorvUmtResolveInterposers();
-        // A process that a launcher has started: from here on a first look-up could come in a signal handler, between a
-        // vfork and its exec, or over a dlerror of the program.
+        // A process that a launcher has started: from here on a first look-up could come in a signal handler,
+        // between a vfork and its exec, or over a dlerror of the program.
         if (ZorvUmaGetenv("QELIX_SESSION_DIR") != nullptr)
             ZorvUmaResolveWrappers();
         pthread_atfork(nullptr, nullptr, StopInForkedChild);
         ZorvUmaAtexit(ZorvUmaExitHandler);
         if (!ZorvUmaInitProcess(pProfileInfo))
-            ZorvUmaFprintf(stderr, "Qelix : Failed to initialize the constructor for pid (%d).\n", ZorvUmaGetPid());
+            ZorvUmaFprintf(stderr, "Qelix : Failed to initialize the constructor for pid (%d).\n",
+                           ZorvUmaGetPid());
     }
     ZorvUmaLeaveAgent(&scope);
 }
@@ -343,8 +346,8 @@ static void LeaveForeignProcess(ZorvUmaProfileInfo* pProfileInfo, pid_t pid)
     if (ZorvUmaSharesMemory())
         return; // a child of vfork(2): whatever it wrote would be its parent's
     ZorvUmaWriteProcRecord(pProfileInfo, ZorvUmaGetTid(), nullptr, 0, NO_START_TIME, 0);
-    ZORV_LOG_AS(pProfileInfo->m_logFd, INFO, "ZorvUmaFiniProcess", "Finish process for (%d) is from other process (%d).",
-                pProfileInfo->m_pid, pid);
+    ZORV_LOG_AS(pProfileInfo->m_logFd, INFO, "ZorvUmaFiniProcess",
+                "Finish process for (%d) is from other process (%d).", pProfileInfo->m_pid, pid);
 }
 
 // A thread that dies inside the allocator waits for nobody who may want to allocate.
@@ -382,8 +385,8 @@ static void WaitForFinaliser(const ZorvUmaProfileInfo* pProfileInfo)
     pid_t finalisingTid = __atomic_load_n(&pProfileInfo->m_finalisingTid, __ATOMIC_SEQ_CST);
     if (finalisingTid == 0 || finalisingTid == ZorvUmaCachedTid())
         return;
-    for (int step = 0; step < FINALISATION_STEPS && !__atomic_load_n(&pProfileInfo->m_isFinalised, __ATOMIC_SEQ_CST);
-         step++)
+    for (int step = 0;
+         step < FINALISATION_STEPS && !__atomic_load_n(&pProfileInfo->m_isFinalised, __ATOMIC_SEQ_CST); step++)
         SleepStep();
 }
 
@@ -423,8 +426,8 @@ static void AwaitWriter(ZorvUmaProfileInfo* pProfileInfo)
     ZorvUmaWakeWriter(pProfileInfo);
     if (t_zorvState.m_isDying)
     {
-        for (int step = 0; step < FINALISATION_STEPS &&
-                           !__atomic_load_n(&pProfileInfo->m_isWriterDone, __ATOMIC_SEQ_CST);
+        for (int step = 0;
+             step < FINALISATION_STEPS && !__atomic_load_n(&pProfileInfo->m_isWriterDone, __ATOMIC_SEQ_CST);
              step++)
             SleepStep();
     }
@@ -510,7 +513,8 @@ static bool IsMainThread()
     return ZorvUmaGetTid() == ZorvUmaGetPid();
 }
 
-// Buffers first, then the proc record: it wants a buffer. Under m_lock, so that finalisation sees all of it or none.
+// Buffers first, then the proc record: it wants a buffer. Under m_lock, so that finalisation sees all of it or
+// none.
 static bool SetUpThread(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime)
 {
     bool isReady = ZorvUmaAllocateCsBuf(pProfileInfo);
@@ -590,8 +594,9 @@ extern "C" void ZorvUmaFiniThread(ZorvUmaProfileInfo* pProfileInfo)
 }
 
 // Destructor of the thread key: a cancelled thread passes nowhere else. Its buffers stay as they are, with the
-// provisional record of the wait that it was cancelled in; they are written at the end. A cancelled main thread ends
-// the collection like one that leaves by pthread_exit: else the writer would keep a process alive that ends natively.
+// provisional record of the wait that it was cancelled in; they are written at the end. A cancelled main thread
+// ends the collection like one that leaves by pthread_exit: else the writer would keep a process alive that
+// ends natively.
 static void EndUnannouncedThread(void*)
 {
     if (t_zorvState.m_pInfo == nullptr)

@@ -47,12 +47,13 @@ int (*g_pClockGetTime)(clockid_t, struct timespec*);
 // Our own definitions of the functions on the path, whoever answers for their names.
 extern "C"
 {
-#define ZORV_PATH_FUNCTIONS(row)                                                                                      \
-    row(ZorvUmaGetProfileInfo) row(ZorvUmaGetTime) row(ZorvUmaClockGetTime) row(ZorvUmaIsPauseSet)                    \
-    row(ZorvUmaIsStopSet) row(ZorvUmaCurrentPauseId) row(ZorvUmaIsSamePauseId) row(ZorvUmaIsCollectionStopped)        \
-    row(ZorvUmtIsEventEnabled) row(ZorvUmtGetEventThreshold) row(ZorvUmtIsTraceEvent)                                 \
-    row(ZorvUmtInsertTraceRecordHdr) row(ZorvUmtCachePthreadRecord) row(ZorvUmtCapturePthreadRecord)                  \
-    row(ZorvUmtCacheSyscallRecord) row(ZorvUmtCaptureSysCallRecord)
+#define ZORV_PATH_FUNCTIONS(row)                                                                               \
+    row(ZorvUmaGetProfileInfo) row(ZorvUmaGetTime) row(ZorvUmaClockGetTime) row(ZorvUmaIsPauseSet)             \
+        row(ZorvUmaIsStopSet) row(ZorvUmaCurrentPauseId) row(ZorvUmaIsSamePauseId)                             \
+            row(ZorvUmaIsCollectionStopped) row(ZorvUmtIsEventEnabled) row(ZorvUmtGetEventThreshold)           \
+                row(ZorvUmtIsTraceEvent) row(ZorvUmtInsertTraceRecordHdr) row(ZorvUmtCachePthreadRecord)       \
+                    row(ZorvUmtCapturePthreadRecord) row(ZorvUmtCacheSyscallRecord)                            \
+                        row(ZorvUmtCaptureSysCallRecord)
 #define ZORV_PATH_FUNCTION(name) (void*)&name,
 }
 
@@ -61,7 +62,8 @@ static bool IsOwn(void* pFunction)
 {
     Dl_info function;
     Dl_info own;
-    return dladdr(pFunction, &function) != 0 && dladdr(reinterpret_cast<void*>(&ZorvUmtChoosePath), &own) != 0 &&
+    return dladdr(pFunction, &function) != 0 &&
+           dladdr(reinterpret_cast<void*>(&ZorvUmtChoosePath), &own) != 0 &&
            function.dli_fbase == own.dli_fbase;
 }
 
@@ -134,18 +136,19 @@ template <typename Calls> static inline ZorvUmaBuffer* Park(const ZorvTracedCall
 template <> inline ZorvUmaBuffer* Park<ZorvDirectCalls>(const ZorvTracedCall* pCall)
 {
     if (IsPthreadCall(pCall))
-        return ZorvCacheCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime, PthreadRecordOf(pCall, 0));
+        return ZorvCacheCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime,
+                                              PthreadRecordOf(pCall, 0));
     return ZorvCacheCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime, SyscallRecordOf(pCall));
 }
 
 template <> inline ZorvUmaBuffer* Park<ZorvDynamicCalls>(const ZorvTracedCall* pCall)
 {
     if (IsPthreadCall(pCall))
-        return ZorvUmtCachePthreadRecord(pCall->m_pProfileInfo, pCall->m_startTime, pCall->m_value, pCall->m_funcVa,
-                                         static_cast<ZorvPthreadType>(pCall->m_class.m_type));
+        return ZorvUmtCachePthreadRecord(pCall->m_pProfileInfo, pCall->m_startTime, pCall->m_value,
+                                         pCall->m_funcVa, static_cast<ZorvPthreadType>(pCall->m_class.m_type));
     return ZorvUmtCacheSyscallRecord(pCall->m_pProfileInfo, pCall->m_startTime, pCall->m_funcVa,
-                                     static_cast<ZorvSysCallType>(pCall->m_class.m_type), pCall->m_class.m_event,
-                                     pCall->m_flags, pCall->m_value);
+                                     static_cast<ZorvSysCallType>(pCall->m_class.m_type),
+                                     pCall->m_class.m_event, pCall->m_flags, pCall->m_value);
 }
 
 template <typename Calls> static inline void BeginParked(ZorvTracedCall* pCall)
@@ -200,13 +203,12 @@ template <typename Calls> static inline bool IsLongEnough(const ZorvTracedCall* 
 
 template <typename Calls> static inline void Capture(const ZorvTracedCall* pCall, uint64_t endTime, int result);
 
-template <>
-inline void Capture<ZorvDynamicCalls>(const ZorvTracedCall* pCall, uint64_t endTime, int result)
+template <> inline void Capture<ZorvDynamicCalls>(const ZorvTracedCall* pCall, uint64_t endTime, int result)
 {
     if (IsPthreadCall(pCall))
         ZorvUmtCapturePthreadRecord(pCall->m_pProfileInfo, pCall->m_startTime, endTime, pCall->m_value,
-                                    pCall->m_funcVa, result, static_cast<ZorvPthreadType>(pCall->m_class.m_type),
-                                    pCall->m_pCacheBuf);
+                                    pCall->m_funcVa, result,
+                                    static_cast<ZorvPthreadType>(pCall->m_class.m_type), pCall->m_pCacheBuf);
     else
         ZorvUmtCaptureSysCallRecord(pCall->m_pProfileInfo, pCall->m_startTime, endTime, pCall->m_funcVa,
                                     static_cast<ZorvSysCallType>(pCall->m_class.m_type), pCall->m_class.m_event,
@@ -221,8 +223,7 @@ static inline void PublishParked(ZorvUmaBuffer* pBuffer)
     __atomic_add_fetch(reinterpret_cast<uint64_t*>(pBuffer), size - (size << 32), __ATOMIC_SEQ_CST);
 }
 
-template <>
-inline void Capture<ZorvDirectCalls>(const ZorvTracedCall* pCall, uint64_t endTime, int result)
+template <> inline void Capture<ZorvDirectCalls>(const ZorvTracedCall* pCall, uint64_t endTime, int result)
 {
     ZorvUmaBuffer* pBuffer = pCall->m_pCacheBuf;
     if (ZORV_LIKELY(pBuffer != nullptr))
@@ -238,7 +239,8 @@ inline void Capture<ZorvDirectCalls>(const ZorvTracedCall* pCall, uint64_t endTi
         ZorvCaptureCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime, endTime,
                                          PthreadRecordOf(pCall, result));
     else
-        ZorvCaptureCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime, endTime, SyscallRecordOf(pCall));
+        ZorvCaptureCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime, endTime,
+                                         SyscallRecordOf(pCall));
 }
 
 template <typename Calls> static inline void EndUnparked(ZorvTracedCall* pCall, int result, bool anyLength)
@@ -267,8 +269,8 @@ void ZorvEndCallAnyLength(ZorvTracedCall* pCall, int result)
         EndUnparked<ZorvDynamicCalls>(pCall, result, true);
 }
 
-// A signal handler of the program has written over the provisional record: a whole record is due instead, and what
-// such a handler may have left parked, by a jump out of itself, is withdrawn.
+// A signal handler of the program has written over the provisional record: a whole record is due instead, and
+// what such a handler may have left parked, by a jump out of itself, is withdrawn.
 static ZORV_COLD void ForgetCache(ZorvTracedCall* pCall, bool isNested)
 {
     pCall->m_pCacheBuf = nullptr;
@@ -280,7 +282,8 @@ static ZORV_COLD void ForgetCache(ZorvTracedCall* pCall, bool isNested)
 // The provisional record found no room and was counted as lost; the record of the call counts for itself.
 static ZORV_COLD void TakeBackLost(ZorvTracedCall* pCall)
 {
-    __atomic_sub_fetch(&pCall->m_pProfileInfo->m_umtData.m_lostRecordCount, pCall->m_lostByCache, __ATOMIC_SEQ_CST);
+    __atomic_sub_fetch(&pCall->m_pProfileInfo->m_umtData.m_lostRecordCount, pCall->m_lostByCache,
+                       __ATOMIC_SEQ_CST);
 }
 
 template <typename Calls> static inline void EndParked(ZorvTracedCall* pCall, int result)
@@ -324,8 +327,8 @@ void ZorvEndParkedCall(ZorvTracedCall* pCall, int result)
 
 // ---- deadlines -------------------------------------------------------------------------------------------
 
-// The value as a double would hold it. In integers: the program may have floating-point exceptions unmasked, and its
-// status flags are its own.
+// The value as a double would hold it. In integers: the program may have floating-point exceptions unmasked,
+// and its status flags are its own.
 static unsigned __int128 RoundToDouble(unsigned __int128 value)
 {
     constexpr int mantissaBits = 53;

@@ -51,7 +51,8 @@ extern "C" void ZorvUmtConfigureEvent(ZorvUmtEventId eventId, char* pValue, Zorv
 {
     if (pValue == nullptr || pProfileInfo == nullptr)
         return;
-    // strtok_r throughout: a forked child reads its configuration in the middle of the program's own tokenising.
+    // strtok_r throughout: a forked child reads its configuration in the middle of the program's own
+    // tokenising.
     char* pState = nullptr;
     const char* pEnable = strtok_r(pValue, ":", &pState);
     const char* pThreshold = pEnable == nullptr ? nullptr : strtok_r(nullptr, ":", &pState);
@@ -188,7 +189,8 @@ static constexpr ConfigRow g_configRows[] = {
      ApplyEvent<ZORV_UMT_EVENT_SLEEP, ZORV_UMT_EVENT_WAIT, ZORV_UMT_EVENT_LOCK, ZORV_UMT_EVENT_IO_SYNC>},
     {"QELIX_TRACE_SLEEP", ApplyEvent<ZORV_UMT_EVENT_SLEEP>},
     {"QELIX_TRACE_LOCK", ApplyEvent<ZORV_UMT_EVENT_LOCK>},
-    {"QELIX_TRACE_WAIT", ApplyEvent<ZORV_UMT_EVENT_WAIT>}, // never reached by its own name, as the row above begins so
+    {"QELIX_TRACE_WAIT",
+     ApplyEvent<ZORV_UMT_EVENT_WAIT>}, // never reached by its own name, as the row above begins so
     {"QELIX_TRACE_IO_SYNC", ApplyEvent<ZORV_UMT_EVENT_IO_SYNC>},
     {"QELIX_TRACE_IO", ApplyEvent<ZORV_UMT_EVENT_IO, ZORV_UMT_EVENT_IO_SYNC>}, // likewise
     {"QELIX_ENABLE_SAMPLING", ApplyEnableSampling},
@@ -252,7 +254,8 @@ bool ZorvUmaReadConfig(ZorvUmaProfileInfo* pProfileInfo)
     auto pLine = static_cast<char*>(ZorvUmaMalloc(LINE_SIZE));
     if (pLine == nullptr)
     {
-        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to allocate memory to hold ket and values from config file.");
+        ZORV_LOG(pProfileInfo->m_logFd, ERROR,
+                 "Failed to allocate memory to hold ket and values from config file.");
         ZorvUmaFileClose(pFile);
         return false;
     }

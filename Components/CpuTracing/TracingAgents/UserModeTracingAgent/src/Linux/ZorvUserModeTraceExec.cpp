@@ -1,8 +1,9 @@
 // Interposers of the exec family and of the environment calls.
 //
-// A program that replaces the image must find the agent in its LD_PRELOAD; a Python interpreter that is only sampled
-// gets the Python agent instead. Every failure falls back to the unchanged call: an exec is never prevented. What
-// stands between a vfork and its exec shares the parent's memory, so nothing here frees or finalises anything.
+// A program that replaces the image must find the agent in its LD_PRELOAD; a Python interpreter that is only
+// sampled gets the Python agent instead. Every failure falls back to the unchanged call: an exec is never
+// prevented. What stands between a vfork and its exec shares the parent's memory, so nothing here frees or
+// finalises anything.
 
 #include "ZorvUserModeTraceExec.h"
 #include "ZorvUserModeTraceInterposers.h"
@@ -181,16 +182,16 @@ extern "C" char** ZorvUmaUpdateArgs(const ZorvUmaProfileInfo* pProfileInfo, char
 
 // ---- what an exec is given -------------------------------------------------------------------------------
 
-#define ZORV_EXEC_LOG(pProfileInfo, level, pFunction, ...)                                                            \
-    do                                                                                                                \
-    {                                                                                                                 \
-        if ((pProfileInfo) != nullptr)                                                                                \
-            ZORV_LOG_AS((pProfileInfo)->m_logFd, level, pFunction, __VA_ARGS__);                                      \
+#define ZORV_EXEC_LOG(pProfileInfo, level, pFunction, ...)                                                     \
+    do                                                                                                         \
+    {                                                                                                          \
+        if ((pProfileInfo) != nullptr)                                                                         \
+            ZORV_LOG_AS((pProfileInfo)->m_logFd, level, pFunction, __VA_ARGS__);                               \
     } while (false)
 
 // The environment with the agent in it: the caller's own where it is there already or cannot be put in.
-static char* const* EnvWithAgent(const ZorvUmaProfileInfo* pProfileInfo, const char* pFunction, const char* pPath,
-                                 char* const* ppEnv)
+static char* const* EnvWithAgent(const ZorvUmaProfileInfo* pProfileInfo, const char* pFunction,
+                                 const char* pPath, char* const* ppEnv)
 {
     const char* pAgentPath = AgentPath(pProfileInfo);
     if (pAgentPath == nullptr || ppEnv == nullptr)
@@ -199,14 +200,15 @@ static char* const* EnvWithAgent(const ZorvUmaProfileInfo* pProfileInfo, const c
     int length = -1;
     if (ZorvUmaIsAgentAppended(pProfileInfo, ppEnv, &index, &length))
         return ppEnv;
-    ZORV_EXEC_LOG(pProfileInfo, ERROR, pFunction, "LD_PRELOAD is not appended with agent path (%s). Failed to trace %s.",
-                  pAgentPath, pPath == nullptr ? "" : pPath);
+    ZORV_EXEC_LOG(pProfileInfo, ERROR, pFunction,
+                  "LD_PRELOAD is not appended with agent path (%s). Failed to trace %s.", pAgentPath,
+                  pPath == nullptr ? "" : pPath);
     char** ppNew = length > 0 ? ZorvUmaUpdateEnv(pProfileInfo, ppEnv, length, index) : nullptr;
     return ppNew != nullptr ? ppNew : ppEnv;
 }
 
-static char* const* ArgvForPython(const ZorvUmaProfileInfo* pProfileInfo, const char* pFunction, const char* pPath,
-                                  char* const* ppArgv)
+static char* const* ArgvForPython(const ZorvUmaProfileInfo* pProfileInfo, const char* pFunction,
+                                  const char* pPath, char* const* ppArgv)
 {
     if (!ZorvUmaIsPythonInterpreter(pProfileInfo, pPath))
         return ppArgv;
@@ -258,7 +260,8 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct ExecVectorEnv
         int savedErrno = errno;
         const ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
         const char* pFunction = pEntry->m_pName[5] == 'p' ? "ZorvInterposeExecvpe" : "ZorvInterposeExecve";
-        ZORV_EXEC_LOG(pProfileInfo, INFO, pFunction, "%s : %s.", pEntry->m_pName, pPath == nullptr ? "" : pPath);
+        ZORV_EXEC_LOG(pProfileInfo, INFO, pFunction, "%s : %s.", pEntry->m_pName,
+                      pPath == nullptr ? "" : pPath);
         char* const* ppUsedEnv = EnvWithAgent(pProfileInfo, pFunction, pPath, ppEnv);
         char* const* ppUsedArgv = ArgvForPython(pProfileInfo, pFunction, pPath, ppArgv);
         errno = savedErrno;
@@ -285,7 +288,8 @@ static bool ReadExecutablePath(const ZorvUmaProfileInfo* pProfileInfo, const cha
     return false;
 }
 
-static void PrepareFexecve(const ZorvUmaProfileInfo* pProfileInfo, int fd, char* const** pppArgv, char* const** pppEnv)
+static void PrepareFexecve(const ZorvUmaProfileInfo* pProfileInfo, int fd, char* const** pppArgv,
+                           char* const** pppEnv)
 {
     char link[128] = {};
     if (ZorvUmaSnprintf(link, sizeof(link), "/proc/%d/task/%d/fd/%d", ZorvUmaGetPid(), ZorvUmaGetTid(), fd) < 1)
@@ -326,8 +330,8 @@ ZORV_INTERPOSE_SINGLE(ExecFile, void, ZorvInterposeFexecve, fexecve, 3, AllOnes)
 
 // ---- list forms ------------------------------------------------------------------------------------------
 
-// The list as a vector; for Python with the agent's library behind the first argument, where the vector forms put its
-// script. Null when memory is out. The list is left behind its terminating null.
+// The list as a vector; for Python with the agent's library behind the first argument, where the vector forms
+// put its script. Null when memory is out. The list is left behind its terminating null.
 static char** VectorOfList(const ZorvUmaProfileInfo* pProfileInfo, const char* pFunction, const char* pPath,
                            const char* pFirst, va_list list)
 {
@@ -355,27 +359,29 @@ static char** VectorOfList(const ZorvUmaProfileInfo* pProfileInfo, const char* p
     return ppArgv;
 }
 
-#define ZORV_LIST_ENTRY(function, name)                                                                               \
-    static ZORV_ENTRY_SECTION ZorvEntryPoint g_entry##function = {nullptr, #name, nullptr, ZorvLookupFailure::AllOnes}
+#define ZORV_LIST_ENTRY(function, name)                                                                        \
+    static ZORV_ENTRY_SECTION ZorvEntryPoint g_entry##function = {nullptr, #name, nullptr,                     \
+                                                                  ZorvLookupFailure::AllOnes}
 
 // execl and execlp take the environment that the process has.
-#define ZORV_EXEC_LIST(function, name, vectorFunction)                                                                \
-    ZORV_LIST_ENTRY(function, name);                                                                                  \
-    extern "C" ZORV_EXPORT int function(const char* pPath, const char* pFirst, ...)                                   \
-    {                                                                                                                 \
-        void* pVectorReal = ZorvRealOf(&g_entry##function) == nullptr ? nullptr : ZorvRealOf(&g_entry##vectorFunction); \
-        if (pVectorReal == nullptr)                                                                                   \
-            return -1;                                                                                                \
-        int savedErrno = errno;                                                                                       \
-        va_list list;                                                                                                 \
-        va_start(list, pFirst);                                                                                       \
-        char** ppArgv = VectorOfList(ZorvUmaGetProfileInfo(), #function, pPath, pFirst, list);                        \
-        va_end(list);                                                                                                 \
-        if (ppArgv == nullptr)                                                                                        \
-            return -1;                                                                                                \
-        errno = savedErrno;                                                                                           \
-        return ReplaceImage(pVectorReal, pPath, ppArgv);                                                         \
-    }                                                                                                                 \
+#define ZORV_EXEC_LIST(function, name, vectorFunction)                                                         \
+    ZORV_LIST_ENTRY(function, name);                                                                           \
+    extern "C" ZORV_EXPORT int function(const char* pPath, const char* pFirst, ...)                            \
+    {                                                                                                          \
+        void* pVectorReal =                                                                                    \
+            ZorvRealOf(&g_entry##function) == nullptr ? nullptr : ZorvRealOf(&g_entry##vectorFunction);        \
+        if (pVectorReal == nullptr)                                                                            \
+            return -1;                                                                                         \
+        int savedErrno = errno;                                                                                \
+        va_list list;                                                                                          \
+        va_start(list, pFirst);                                                                                \
+        char** ppArgv = VectorOfList(ZorvUmaGetProfileInfo(), #function, pPath, pFirst, list);                 \
+        va_end(list);                                                                                          \
+        if (ppArgv == nullptr)                                                                                 \
+            return -1;                                                                                         \
+        errno = savedErrno;                                                                                    \
+        return ReplaceImage(pVectorReal, pPath, ppArgv);                                                       \
+    }                                                                                                          \
     ZORV_WEAK_NAME(function, name);
 
 ZORV_EXEC_LIST(ZorvInterposeExecl, execl, ZorvInterposeExecv)
@@ -431,7 +437,8 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct SetVariable
         if (pName != nullptr && pValue != nullptr && ZorvUmaStrcmp(pName, "LD_PRELOAD") == 0)
             pNew = PreloadWithAgent("", pValue, ZorvUmaStrlen(pValue));
         errno = savedErrno;
-        return ZorvCallReal<int>(pReal, pName, pNew != nullptr ? static_cast<const char*>(pNew) : pValue, overwrite);
+        return ZorvCallReal<int>(pReal, pName, pNew != nullptr ? static_cast<const char*>(pNew) : pValue,
+                                 overwrite);
     }
 };
 

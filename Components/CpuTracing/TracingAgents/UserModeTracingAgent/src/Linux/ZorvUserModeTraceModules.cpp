@@ -1,8 +1,8 @@
 // Modules that arrive while the program runs: dlopen, dlmopen, and executable file mappings.
 //
-// The loader looks for a bare name where the caller's module says, and the caller of the real dlopen is the agent. So
-// the program's own caller is found from the return address, and what only its module would have found is looked for
-// here: the directories of its RUNPATH, and $ORIGIN in the name itself.
+// The loader looks for a bare name where the caller's module says, and the caller of the real dlopen is the
+// agent. So the program's own caller is found from the return address, and what only its module would have
+// found is looked for here: the directories of its RUNPATH, and $ORIGIN in the name itself.
 
 #include "ZorvAgentUtils.h"
 #include "ZorvRawSyscall.h"
@@ -50,15 +50,16 @@ static struct link_map* ModuleOf(const void* pAddress)
     return pMap;
 }
 
-// The loader passes over a file that is no shared object for this machine; so does this search. By the instructions:
-// libc's calls are cancellation points.
+// The loader passes over a file that is no shared object for this machine; so does this search. By the
+// instructions: libc's calls are cancellation points.
 static bool IsLoadable(const char* pPath)
 {
     long fd = ZorvRawSyscall(SYS_open, reinterpret_cast<long>(pPath), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return false;
     ElfW(Ehdr) header;
-    bool isRead = ZorvRawSyscall(SYS_read, fd, reinterpret_cast<long>(&header), sizeof(header)) == sizeof(header);
+    bool isRead =
+        ZorvRawSyscall(SYS_read, fd, reinterpret_cast<long>(&header), sizeof(header)) == sizeof(header);
     ZorvRawSyscall(SYS_close, fd);
     return isRead && ZorvUmaStrncmp(reinterpret_cast<const char*>(header.e_ident), ELFMAG, SELFMAG) == 0 &&
            header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_machine == EM_X86_64;
@@ -89,7 +90,8 @@ static bool FindInDirectory(const char* pDir, const char* pFile, char* pPath)
     return false;
 }
 
-// The directories where the loader looks for that module, in its order; null without memory. ZorvUmaFree releases it.
+// The directories where the loader looks for that module, in its order; null without memory. ZorvUmaFree
+// releases it.
 static Dl_serinfo* SearchListOf(struct link_map* pMap)
 {
     Dl_serinfo size;
@@ -106,8 +108,8 @@ static Dl_serinfo* SearchListOf(struct link_map* pMap)
     return nullptr;
 }
 
-// How many directories of the caller's list stand before what the agent's list ends with as well: behind these, every
-// caller looks alike.
+// How many directories of the caller's list stand before what the agent's list ends with as well: behind these,
+// every caller looks alike.
 static unsigned int CountOwnDirectories(const Dl_serinfo* pCallers, const Dl_serinfo* pAgents)
 {
     unsigned int common = 0;
@@ -138,15 +140,19 @@ static bool FindOnCallersPath(struct link_map* pMap, const char* pFile, char* pP
 // Replaces a leading $ORIGIN or ${ORIGIN} by the directory of the caller's module.
 static bool ExpandOrigin(struct link_map* pMap, const char* pFile, char* pPath)
 {
-    size_t length = ZorvUmaStrncmp(pFile, "$ORIGIN", 7) == 0 ? 7 : ZorvUmaStrncmp(pFile, "${ORIGIN}", 9) == 0 ? 9 : 0;
-    if (length == 0 || (pFile[length] != '/' && pFile[length] != '\0') || dlinfo(pMap, RTLD_DI_ORIGIN, pPath) != 0)
+    size_t length = ZorvUmaStrncmp(pFile, "$ORIGIN", 7) == 0     ? 7
+                    : ZorvUmaStrncmp(pFile, "${ORIGIN}", 9) == 0 ? 9
+                                                                 : 0;
+    if (length == 0 || (pFile[length] != '/' && pFile[length] != '\0') ||
+        dlinfo(pMap, RTLD_DI_ORIGIN, pPath) != 0)
         return false;
     size_t directory = ZorvUmaStrlen(pPath);
     int tail = ZorvUmaSnprintf(pPath + directory, PATH_SIZE - directory, "%s", pFile + length);
     return tail >= 0 && static_cast<size_t>(tail) < PATH_SIZE - directory;
 }
 
-// Opens what only that caller's module makes the loader find. False: the name is enough, and nothing has been opened.
+// Opens what only that caller's module makes the loader find. False: the name is enough, and nothing has been
+// opened.
 static bool OpenAsCaller(const Opening& opening, const void* pCaller, char* pPath, void** ppHandle)
 {
     const char* pFile = opening.m_pFile;
@@ -218,22 +224,23 @@ static void* OpenAndList(const Opening& opening, const void* pCaller, const char
     return pHandle;
 }
 
-#define ZORV_DLOPEN_ENTRY(function, version)                                                                          \
-    static ZORV_ENTRY_SECTION ZorvEntryPoint g_entry##function = {nullptr, "dlopen", version, ZorvLookupFailure::Zero}; \
-    extern "C" ZORV_EXPORT void* function(const char* pFile, int mode)                                                \
-    {                                                                                                                 \
-        void* pReal = ZorvRealOf(&g_entry##function);                                                                 \
-        const Opening opening = {pReal, pFile, mode, 0, false};                                                       \
-        return pReal == nullptr ? nullptr : OpenAndList(opening, __builtin_return_address(0), #function);             \
+#define ZORV_DLOPEN_ENTRY(function, version)                                                                   \
+    static ZORV_ENTRY_SECTION ZorvEntryPoint g_entry##function = {nullptr, "dlopen", version,                  \
+                                                                  ZorvLookupFailure::Zero};                    \
+    extern "C" ZORV_EXPORT void* function(const char* pFile, int mode)                                         \
+    {                                                                                                          \
+        void* pReal = ZorvRealOf(&g_entry##function);                                                          \
+        const Opening opening = {pReal, pFile, mode, 0, false};                                                \
+        return pReal == nullptr ? nullptr : OpenAndList(opening, __builtin_return_address(0), #function);      \
     }
-#define ZORV_DLMOPEN_ENTRY(function, version)                                                                         \
-    static ZORV_ENTRY_SECTION ZorvEntryPoint g_entry##function = {nullptr, "dlmopen", version,                        \
-                                                                  ZorvLookupFailure::Zero};                           \
-    extern "C" ZORV_EXPORT void* function(Lmid_t space, const char* pFile, int mode)                                  \
-    {                                                                                                                 \
-        void* pReal = ZorvRealOf(&g_entry##function);                                                                 \
-        const Opening opening = {pReal, pFile, mode, space, true};                                                    \
-        return pReal == nullptr ? nullptr : OpenAndList(opening, __builtin_return_address(0), #function);             \
+#define ZORV_DLMOPEN_ENTRY(function, version)                                                                  \
+    static ZORV_ENTRY_SECTION ZorvEntryPoint g_entry##function = {nullptr, "dlmopen", version,                 \
+                                                                  ZorvLookupFailure::Zero};                    \
+    extern "C" ZORV_EXPORT void* function(Lmid_t space, const char* pFile, int mode)                           \
+    {                                                                                                          \
+        void* pReal = ZorvRealOf(&g_entry##function);                                                          \
+        const Opening opening = {pReal, pFile, mode, space, true};                                             \
+        return pReal == nullptr ? nullptr : OpenAndList(opening, __builtin_return_address(0), #function);      \
     }
 
 ZORV_DLOPEN_ENTRY(ZorvInterposeDlopen_2_2_5, ZORV_VERSION_2_2_5)
@@ -258,8 +265,8 @@ static ssize_t ReadFilePath(const ZorvUmaProfileInfo* pProfileInfo, const char* 
     ssize_t length = ZorvUmaReadlink(pLink, pPath, PATH_SIZE);
     if (length < 1 || pPath[0] == '\0')
     {
-        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvInterposeMmap", "Failed to read symbolic link %s : %s.", pLink,
-                    ZorvUmaStrerror(errno));
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvInterposeMmap", "Failed to read symbolic link %s : %s.",
+                    pLink, ZorvUmaStrerror(errno));
         return 0;
     }
     if (length == static_cast<ssize_t>(PATH_SIZE))

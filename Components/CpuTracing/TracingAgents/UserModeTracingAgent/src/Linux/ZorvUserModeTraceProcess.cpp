@@ -1,7 +1,7 @@
 // Processes that end abruptly, and processes that fork.
 //
-// A forked child has one thread, copies of the parent's buffers that nobody would write, and locks that may be held
-// for ever. It gets records of its own, and the parent's are never touched there.
+// A forked child has one thread, copies of the parent's buffers that nobody would write, and locks that may be
+// held for ever. It gets records of its own, and the parent's are never touched there.
 
 #include "ZorvUserModeTraceProcess.h"
 #include "ZorvRawSyscall.h"
@@ -28,7 +28,8 @@ void ZorvUmaFiniDyingProcess()
 
 template <ZorvEntryPoint* pEntry, typename, typename Pointer> struct EndProcess;
 
-template <ZorvEntryPoint* pEntry, typename Detail, typename... P> struct EndProcess<pEntry, Detail, void (*)(P...)>
+template <ZorvEntryPoint* pEntry, typename Detail, typename... P>
+struct EndProcess<pEntry, Detail, void (*)(P...)>
 {
     static void Call(P... arguments)
     {
@@ -162,8 +163,8 @@ static bool DetachStreams()
     return true;
 }
 
-// libc's daemon forks and leaves its parent by calls of its own, which no interposer sees: the parent's data would
-// not reach its files, and the child would go on with the parent's records. So its steps are taken here.
+// libc's daemon forks and leaves its parent by calls of its own, which no interposer sees: the parent's data
+// would not reach its files, and the child would go on with the parent's records. So its steps are taken here.
 template <ZorvEntryPoint* pEntry, typename, typename> struct Daemon
 {
     static int Call(int noChdir, int noClose)

@@ -10,11 +10,11 @@
 namespace
 {
 
-// The absolute deadline is compared with the threshold of a duration, so in practice every timed call qualifies.
+// The absolute deadline is compared with the threshold of a duration, so in practice every timed call
+// qualifies.
 struct TimedPattern : ZorvParkedPattern
 {
-    template <typename... P>
-    static bool Wants(ZorvUmtEventId event, P... arguments)
+    template <typename... P> static bool Wants(ZorvUmtEventId event, P... arguments)
     {
         auto pDeadline = std::get<sizeof...(P) - 1>(std::tuple<P...>(arguments...));
         return ZorvDeadlineNs(pDeadline) >= ZorvThresholdOf(event);
@@ -181,8 +181,8 @@ template <ZorvEntryPoint* pEntry, ZorvCallClass, typename> struct SetName
             return result;
         int savedErrno = errno;
         ZorvUmtTid tid = thread == ZorvUmaPthreadSelf() ? ZorvUmaGetTid() : -1;
-        ZorvUmaWriteProcRecord(pProfileInfo, tid, pName, static_cast<int>(ZorvUmaStrlen(pName)), ZorvUmaGetTime(),
-                               static_cast<uint64_t>(thread));
+        ZorvUmaWriteProcRecord(pProfileInfo, tid, pName, static_cast<int>(ZorvUmaStrlen(pName)),
+                               ZorvUmaGetTime(), static_cast<uint64_t>(thread));
         errno = savedErrno;
         return 0;
     }
@@ -191,12 +191,17 @@ template <ZorvEntryPoint* pEntry, ZorvCallClass, typename> struct SetName
 // ---- entries ---------------------------------------------------------------------------------------------
 
 // Pasted at once: LOCK_RW is a macro of libc's.
-#define ZORV_PTHREAD_CLASS(constant) ZorvCallClass{constant, ZORV_UMT_EVENT_PTHREAD}
-#define ZORV_PTHREAD(pattern, type, call, name, count, oldVersion, newVersion)                                        \
-    ZORV_INTERPOSE_VERSIONED(pattern, (ZORV_PTHREAD_CLASS(ZORV_PTHREAD_##type)), ZorvInterpose##call, name, count, oldVersion,       \
-                             newVersion, AllOnes)
-#define ZORV_PTHREAD_SINGLE(pattern, type, call, name, count)                                                         \
-    ZORV_INTERPOSE_SINGLE(pattern, (ZORV_PTHREAD_CLASS(ZORV_PTHREAD_##type)), ZorvInterpose##call, name, count, AllOnes)
+#define ZORV_PTHREAD_CLASS(constant)                                                                           \
+    ZorvCallClass                                                                                              \
+    {                                                                                                          \
+        constant, ZORV_UMT_EVENT_PTHREAD                                                                       \
+    }
+#define ZORV_PTHREAD(pattern, type, call, name, count, oldVersion, newVersion)                                 \
+    ZORV_INTERPOSE_VERSIONED(pattern, (ZORV_PTHREAD_CLASS(ZORV_PTHREAD_##type)), ZorvInterpose##call, name,    \
+                             count, oldVersion, newVersion, AllOnes)
+#define ZORV_PTHREAD_SINGLE(pattern, type, call, name, count)                                                  \
+    ZORV_INTERPOSE_SINGLE(pattern, (ZORV_PTHREAD_CLASS(ZORV_PTHREAD_##type)), ZorvInterpose##call, name,       \
+                          count, AllOnes)
 #include "ZorvUserModeTracePthread.def"
 #undef ZORV_PTHREAD
 #undef ZORV_PTHREAD_SINGLE

@@ -1,4 +1,5 @@
-// Change of buffers, and the records that are written one by one; the path of a traced call stands in its header.
+// Change of buffers, and the records that are written one by one; the path of a traced call stands in its
+// header.
 
 #include "ZorvRawSyscall.h"
 #include "ZorvUserModeTrace.h"
@@ -12,7 +13,8 @@
 // ---- change of buffer ------------------------------------------------------------------------------------
 
 // Marks the buffer full and queues it; the caller has already let go of it, so it is never queued twice.
-static bool HandOver(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaData* pData, ZorvUmaBuffer* pBuffer, bool* pIsPosted)
+static bool HandOver(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaData* pData, ZorvUmaBuffer* pBuffer,
+                     bool* pIsPosted)
 {
     ZorvStoreFenced(&pBuffer->m_cacheLen, 0U);
     ZorvStoreFenced(&pBuffer->m_state, ZORV_UMA_BUFFER_STATE_FULL);
@@ -26,7 +28,8 @@ static void HandOverTraceBuffer(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaBuffer*
 {
     bool isPosted;
     if (!HandOver(pProfileInfo, &pProfileInfo->m_umtData, pBuffer, &isPosted))
-        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmtInsertTraceRecordHdr", "Failed to enqueue the buffer.");
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmtInsertTraceRecordHdr",
+                    "Failed to enqueue the buffer.");
     if (!isPosted)
         ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmtInsertTraceRecordHdr",
                     "Failed to perform post on semaphore.");
@@ -38,7 +41,8 @@ static ZorvUmaBuffer* AddTraceBuffer(ZorvUmaProfileInfo* pProfileInfo)
                                      : ZorvUmtMapNewBuffer(&pProfileInfo->m_umtData);
 }
 
-// A buffer that was added for this thread is READY for all: claim it like any other, and add the next if it is gone.
+// A buffer that was added for this thread is READY for all: claim it like any other, and add the next if it is
+// gone.
 static ZorvUmaBuffer* ClaimTraceBuffer(ZorvUmaProfileInfo* pProfileInfo)
 {
     ZorvUmaData* pData = &pProfileInfo->m_umtData;
@@ -64,8 +68,8 @@ static void CountLostTraceRecord(ZorvUmaProfileInfo* pProfileInfo, uint16_t recT
     WarnNoBuffer(pProfileInfo);
 }
 
-// A child that the fork interposer has not seen holds its parent's record: its locks may be held for ever, and nobody
-// writes its buffers. It records nothing; the flag is not set where it would be the parent's.
+// A child that the fork interposer has not seen holds its parent's record: its locks may be held for ever, and
+// nobody writes its buffers. It records nothing; the flag is not set where it would be the parent's.
 static bool IsUsable(const ZorvUmaProfileInfo* pProfileInfo)
 {
     if (!ZorvUmaIsForeign(pProfileInfo))
@@ -75,8 +79,8 @@ static bool IsUsable(const ZorvUmaProfileInfo* pProfileInfo)
     return false;
 }
 
-ZORV_COLD ZorvUmaBuffer* ZorvChangeTraceBuffer(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaPerThreadInfo* pThreadInfo,
-                                               uint16_t recType)
+ZORV_COLD ZorvUmaBuffer* ZorvChangeTraceBuffer(ZorvUmaProfileInfo* pProfileInfo,
+                                               ZorvUmaPerThreadInfo* pThreadInfo, uint16_t recType)
 {
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
@@ -122,8 +126,8 @@ static ZORV_COLD ZorvUmaBuffer* ChangeSampleBuffer(ZorvUmaProfileInfo* pProfileI
 
 // ---- nested appends --------------------------------------------------------------------------------------
 
-// A handler on the thread's own stack runs below the frame that it interrupts, by a signal frame at least; one on an
-// alternate stack may run anywhere. sigaltstack(2).
+// A handler on the thread's own stack runs below the frame that it interrupts, by a signal frame at least; one
+// on an alternate stack may run anywhere. sigaltstack(2).
 ZORV_COLD bool ZorvIsFrameAlive(const void* pOuter, const void* pInner)
 {
     constexpr ptrdiff_t smallestSignalFrame = 512;
@@ -183,19 +187,21 @@ ZORV_COLD void ZorvWarnAboutThread(ZorvUmaProfileInfo* pProfileInfo, const char*
     ZorvUmaLeaveAgent(&scope);
 }
 
-extern "C" bool ZorvUmtInsertTraceRecordHdr(ZorvUmaProfileInfo* pProfileInfo, ZorvUmtTid tid, uint64_t startTime,
-                                            uint64_t endTime, uint16_t recSize, uint16_t recType, uint16_t subType,
-                                            uint16_t flags)
+extern "C" bool ZorvUmtInsertTraceRecordHdr(ZorvUmaProfileInfo* pProfileInfo, ZorvUmtTid tid,
+                                            uint64_t startTime, uint64_t endTime, uint16_t recSize,
+                                            uint16_t recType, uint16_t subType, uint16_t flags)
 {
     ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
     if (pProfileInfo == nullptr || pThreadInfo == nullptr)
         return false;
-    const ZorvUmtRecordHdr hdr = {recType, recSize, subType, flags, startTime, endTime, ZorvUmaCachedPid(), tid};
+    const ZorvUmtRecordHdr hdr = {recType, recSize, subType, flags, startTime, endTime, ZorvUmaCachedPid(),
+                                  tid};
     return ZorvInsertTraceHdr(pProfileInfo, pThreadInfo, hdr) != nullptr;
 }
 
-extern "C" bool ZorvUmsInsertSampleRecordHdr(ZorvUmaProfileInfo* pProfileInfo, ZorvUmtTid tid, uint64_t startTime,
-                                             uint16_t recSize, uint16_t recType, uint16_t flags)
+extern "C" bool ZorvUmsInsertSampleRecordHdr(ZorvUmaProfileInfo* pProfileInfo, ZorvUmtTid tid,
+                                             uint64_t startTime, uint16_t recSize, uint16_t recType,
+                                             uint16_t flags)
 {
     ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
     if (pProfileInfo == nullptr || pThreadInfo == nullptr)
@@ -228,8 +234,8 @@ static void FillProcBody(ZorvUmtProcRecord* pBody, const char* pName, int len, u
     pBody->m_pthreadId = pthreadId;
 }
 
-extern "C" void ZorvUmtWriteProcRecord(ZorvUmaProfileInfo* pProfileInfo, ZorvUmtTid tid, const char* pName, int len,
-                                       uint64_t startTime, uint64_t pthreadId)
+extern "C" void ZorvUmtWriteProcRecord(ZorvUmaProfileInfo* pProfileInfo, ZorvUmtTid tid, const char* pName,
+                                       int len, uint64_t startTime, uint64_t pthreadId)
 {
     ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
     if (pProfileInfo == nullptr || pThreadInfo == nullptr)
@@ -253,8 +259,8 @@ extern "C" void ZorvUmtWriteProcRecord(ZorvUmaProfileInfo* pProfileInfo, ZorvUmt
     ZorvEndAppend(&append, pProfileInfo);
 }
 
-extern "C" void ZorvUmsWriteProcRecord(ZorvUmaProfileInfo* pProfileInfo, ZorvUmtTid tid, const char* pName, int len,
-                                       uint64_t startTime, uint64_t pthreadId)
+extern "C" void ZorvUmsWriteProcRecord(ZorvUmaProfileInfo* pProfileInfo, ZorvUmtTid tid, const char* pName,
+                                       int len, uint64_t startTime, uint64_t pthreadId)
 {
     ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
     if (pProfileInfo == nullptr || pThreadInfo == nullptr)
@@ -262,8 +268,8 @@ extern "C" void ZorvUmsWriteProcRecord(ZorvUmaProfileInfo* pProfileInfo, ZorvUmt
     // The profiling signal writes into the same buffer: it waits outside of the scope.
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
-    if (ZorvUmsInsertSampleRecordHdr(pProfileInfo, tid, startTime, ZORV_UMS_PROC_RECORD_SIZE, ZORV_UMS_RECORD_PROC,
-                                     pProfileInfo->m_umsConfig.m_configFlags) &&
+    if (ZorvUmsInsertSampleRecordHdr(pProfileInfo, tid, startTime, ZORV_UMS_PROC_RECORD_SIZE,
+                                     ZORV_UMS_RECORD_PROC, pProfileInfo->m_umsConfig.m_configFlags) &&
         ZorvHasStorage(pThreadInfo->m_pUmsBuf))
     {
         if (pName == nullptr)
@@ -279,8 +285,8 @@ extern "C" void ZorvUmsWriteProcRecord(ZorvUmaProfileInfo* pProfileInfo, ZorvUmt
     ZorvUmaLeaveAgent(&scope);
 }
 
-extern "C" void ZorvUmaWriteProcRecord(ZorvUmaProfileInfo* pProfileInfo, ZorvUmtTid tid, const char* pName, int len,
-                                       uint64_t startTime, uint64_t pthreadId)
+extern "C" void ZorvUmaWriteProcRecord(ZorvUmaProfileInfo* pProfileInfo, ZorvUmtTid tid, const char* pName,
+                                       int len, uint64_t startTime, uint64_t pthreadId)
 {
     if (pProfileInfo == nullptr || ZorvUmaIsCollectionStopped(pProfileInfo))
         return;
@@ -307,7 +313,8 @@ static void WriteSampleThreadEnd(ZorvUmaProfileInfo* pProfileInfo, uint64_t now,
                                      ZORV_UMS_RECORD_THREAD_END, ZORV_UMS_NONE) &&
         ZorvHasStorage(pThreadInfo->m_pUmsBuf))
     {
-        ZorvBodyAtEnd<ZorvUmsThreadEndRecord, ZorvUmsRecordHdr>(pThreadInfo->m_pUmsBuf)->m_pthreadId = pthreadId;
+        ZorvBodyAtEnd<ZorvUmsThreadEndRecord, ZorvUmsRecordHdr>(pThreadInfo->m_pUmsBuf)->m_pthreadId =
+            pthreadId;
         ZorvPublish(pThreadInfo->m_pUmsBuf, ZORV_UMS_THREAD_END_RECORD_SIZE);
     }
     ZorvUmaLeaveAgent(&scope);
@@ -322,7 +329,8 @@ static void WriteTraceThreadEnd(ZorvUmaProfileInfo* pProfileInfo, uint64_t now, 
                                     ZORV_UMT_RECORD_THREAD_END, 0, ZORV_UMT_FLAG_NONE) &&
         ZorvHasStorage(pThreadInfo->m_pUmtBuf))
     {
-        ZorvBodyAtEnd<ZorvUmtThreadEndRecord, ZorvUmtRecordHdr>(pThreadInfo->m_pUmtBuf)->m_pthreadId = pthreadId;
+        ZorvBodyAtEnd<ZorvUmtThreadEndRecord, ZorvUmtRecordHdr>(pThreadInfo->m_pUmtBuf)->m_pthreadId =
+            pthreadId;
         ZorvPublish(pThreadInfo->m_pUmtBuf, ZORV_UMT_THREAD_END_RECORD_SIZE);
     }
     ZorvEndAppend(&append, pProfileInfo);
@@ -376,9 +384,9 @@ extern "C" ZorvUmaBuffer* ZorvUmtCachePthreadRecord(ZorvUmaProfileInfo* pProfile
     return ZorvCacheCall<ZorvDynamicCalls>(pProfileInfo, startTime, record);
 }
 
-extern "C" void ZorvUmtCapturePthreadRecord(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime, uint64_t endTime,
-                                            uint64_t lockAddress, uint64_t funcVa, int retValue,
-                                            ZorvPthreadType pthreadType, ZorvUmaBuffer* pCacheBuf)
+extern "C" void ZorvUmtCapturePthreadRecord(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime,
+                                            uint64_t endTime, uint64_t lockAddress, uint64_t funcVa,
+                                            int retValue, ZorvPthreadType pthreadType, ZorvUmaBuffer* pCacheBuf)
 {
     if (pCacheBuf != nullptr)
     {
@@ -392,13 +400,15 @@ extern "C" void ZorvUmtCapturePthreadRecord(ZorvUmaProfileInfo* pProfileInfo, ui
     if (pProfileInfo == nullptr)
         return;
     const ZorvPthreadCallRecord record = {
-        {lockAddress, funcVa, ZorvParallelRegionId(pProfileInfo), retValue, 0, 0}, pthreadType, ZORV_UMT_FLAG_NONE};
+        {lockAddress, funcVa, ZorvParallelRegionId(pProfileInfo), retValue, 0, 0},
+        pthreadType,
+        ZORV_UMT_FLAG_NONE};
     ZorvCaptureCall<ZorvDynamicCalls>(pProfileInfo, startTime, endTime, record);
 }
 
 extern "C" ZorvUmaBuffer* ZorvUmtCacheSyscallRecord(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime,
-                                                    uint64_t funcVa, ZorvSysCallType sysCallType, ZorvUmtEventId,
-                                                    uint16_t flags, uint64_t sysValue)
+                                                    uint64_t funcVa, ZorvSysCallType sysCallType,
+                                                    ZorvUmtEventId, uint16_t flags, uint64_t sysValue)
 {
     if (pProfileInfo == nullptr)
         return nullptr;
@@ -407,9 +417,10 @@ extern "C" ZorvUmaBuffer* ZorvUmtCacheSyscallRecord(ZorvUmaProfileInfo* pProfile
     return ZorvCacheCall<ZorvDynamicCalls>(pProfileInfo, startTime, record);
 }
 
-extern "C" void ZorvUmtCaptureSysCallRecord(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime, uint64_t endTime,
-                                            uint64_t funcVa, ZorvSysCallType sysCallType, ZorvUmtEventId,
-                                            uint16_t flags, uint64_t sysValue, ZorvUmaBuffer* pCacheBuf)
+extern "C" void ZorvUmtCaptureSysCallRecord(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime,
+                                            uint64_t endTime, uint64_t funcVa, ZorvSysCallType sysCallType,
+                                            ZorvUmtEventId, uint16_t flags, uint64_t sysValue,
+                                            ZorvUmaBuffer* pCacheBuf)
 {
     if (pCacheBuf != nullptr)
     {

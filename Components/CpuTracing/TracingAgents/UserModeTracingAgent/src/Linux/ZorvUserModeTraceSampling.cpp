@@ -1,11 +1,11 @@
-// The profiling signal interrupts a thread anywhere: inside malloc, inside the loader, inside this agent. Its handler
-// allocates nothing, looks nothing up and takes no lock while the record fits. What else touches the thread's sample
-// buffer does so with every signal blocked, so the handler never finds it half changed.
+// The profiling signal interrupts a thread anywhere: inside malloc, inside the loader, inside this agent. Its
+// handler allocates nothing, looks nothing up and takes no lock while the record fits. What else touches the
+// thread's sample buffer does so with every signal blocked, so the handler never finds it half changed.
 //
-// The unwinder has a lock of its own, held while it walks the loader's list; the loader's lock may be held by the very
-// thread that is sampled (a callback of dl_iterate_phdr, a dlopen). Two such threads would wait for each other for
-// ever. So only one thread unwinds at a time, and a thread waits for its turn only for a moment: else its sample is
-// lost, and counted.
+// The unwinder has a lock of its own, held while it walks the loader's list; the loader's lock may be held by
+// the very thread that is sampled (a callback of dl_iterate_phdr, a dlopen). Two such threads would wait for
+// each other for ever. So only one thread unwinds at a time, and a thread waits for its turn only for a moment:
+// else its sample is lost, and counted.
 
 #include "ZorvUserModeTraceSampling.h"
 #include "ZorvPerfPmcCollect.h"
@@ -21,7 +21,7 @@ namespace
 
 constexpr char UNWINDER[] = "libunwind.so.8";
 constexpr uint64_t NS_PER_SECOND = 1000000000ULL;
-constexpr uint32_t EXTRA_FRAMES = 8; // the handler's and the signal delivery's own
+constexpr uint32_t EXTRA_FRAMES = 8;       // the handler's and the signal delivery's own
 constexpr uint32_t LARGEST_RECORD = 32767; // smaller than a buffer, and than what 16 bits can say
 constexpr int TURN_YIELDS = 20;
 constexpr int TURN_SLEEPS = 50;
@@ -39,7 +39,8 @@ pid_t g_unwindingTid; // whose turn it is, 0: nobody's
 
 void ZorvUmsOpenUnwinder(ZorvUmaProfileInfo* pProfileInfo)
 {
-    if (g_isUnwinderSought || !pProfileInfo->m_umsConfig.m_enable || !pProfileInfo->m_umsConfig.m_collectCallStack)
+    if (g_isUnwinderSought || !pProfileInfo->m_umsConfig.m_enable ||
+        !pProfileInfo->m_umsConfig.m_collectCallStack)
         return;
     g_isUnwinderSought = true; // a forked child keeps what its parent has found
     // Local scope: in the program's scope it would take over the unwinding of C++ exceptions.
@@ -56,7 +57,8 @@ static bool TakeTurn()
     for (int attempt = 0; attempt < TURN_YIELDS + TURN_SLEEPS; attempt++)
     {
         pid_t holder = 0;
-        if (__atomic_compare_exchange_n(&g_unwindingTid, &holder, own, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+        if (__atomic_compare_exchange_n(&g_unwindingTid, &holder, own, false, __ATOMIC_ACQUIRE,
+                                        __ATOMIC_RELAXED))
             return true;
         if (holder == own)
             return false; // a handler of ours inside the unwinder: it cannot be entered twice
@@ -71,7 +73,8 @@ static bool TakeTurn()
     // A holder that is no more will not give it back.
     pid_t holder = __atomic_load_n(&g_unwindingTid, __ATOMIC_RELAXED);
     return holder != 0 && ZorvRawSyscall(SYS_tgkill, ZorvUmaCachedPid(), holder, 0) == -ESRCH &&
-           __atomic_compare_exchange_n(&g_unwindingTid, &holder, own, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED);
+           __atomic_compare_exchange_n(&g_unwindingTid, &holder, own, false, __ATOMIC_ACQUIRE,
+                                       __ATOMIC_RELAXED);
 }
 
 static void GiveTurnBack()
@@ -152,7 +155,8 @@ extern "C" bool ZorvUmsStartPcmCollection(ZorvUmaProfileInfo* pProfileInfo, bool
         pProfileInfo->m_isPcmAgentPaused = true; // the writer starts them when the pause ends
         return true;
     }
-    return CountersDo(pProfileInfo, ZorvStartPerfEvent() >= 0, "Failed to start core pmc collection agent - %s.");
+    return CountersDo(pProfileInfo, ZorvStartPerfEvent() >= 0,
+                      "Failed to start core pmc collection agent - %s.");
 }
 
 void ZorvUmsFiniThreadCounters(ZorvUmaProfileInfo* pProfileInfo, const char* pFunction)
@@ -168,11 +172,11 @@ void ZorvUmsFiniThreadCounters(ZorvUmaProfileInfo* pProfileInfo, const char* pFu
 void ZorvUmsFiniProcessCounters(ZorvUmaProfileInfo* pProfileInfo)
 {
     if (ZorvStopPerfEventAllThreads() < 0)
-        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmaFiniProcess", "Failed to stop the PMC collection - %s",
-                    ZorvGetErrorMsg());
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmaFiniProcess",
+                    "Failed to stop the PMC collection - %s", ZorvGetErrorMsg());
     if (ZorvFiniPcmAgent() < 0)
-        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmaFiniProcess", "Failed to destroy the PMC collection - %s",
-                    ZorvGetErrorMsg());
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmaFiniProcess",
+                    "Failed to destroy the PMC collection - %s", ZorvGetErrorMsg());
 }
 
 void ZorvUmsFollowPause(ZorvUmaProfileInfo* pProfileInfo)
@@ -311,7 +315,8 @@ bool ZorvUmsSuspendForExec()
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
     bool isSuspended = ZorvUmsDestroyTimer(pProfileInfo, pThreadInfo);
-    // With the timer gone, what is pending of it is the last; a program that blocks the signal would hand it on.
+    // With the timer gone, what is pending of it is the last; a program that blocks the signal would hand it
+    // on.
     sigset_t profiling;
     sigemptyset(&profiling);
     sigaddset(&profiling, pProfileInfo->m_umsConfig.m_timerSignalNum);
@@ -334,7 +339,8 @@ void ZorvUmsResumeAfterExec(bool wasArmed)
 
 // ---- the handler -----------------------------------------------------------------------------------------
 
-static void FillSample(const ZorvUmaProfileInfo* pProfileInfo, char* pBody, void* const* ppFrames, uint32_t count)
+static void FillSample(const ZorvUmaProfileInfo* pProfileInfo, char* pBody, void* const* ppFrames,
+                       uint32_t count)
 {
     auto pIp = reinterpret_cast<ZorvUmsIpRecord*>(pBody);
     auto pGetParId = __atomic_load_n(&pProfileInfo->m_pZorvGetOpenMPParId, __ATOMIC_RELAXED);
@@ -363,7 +369,8 @@ extern "C" void ZorvUmsCaptureSampleRecord(ZorvUmaProfileInfo* pProfileInfo)
     if (count <= 0)
         return;
 
-    auto size = static_cast<uint16_t>(sizeof(void*) * static_cast<size_t>(count) + pProfileInfo->m_umsConfig.m_recLength);
+    auto size = static_cast<uint16_t>(sizeof(void*) * static_cast<size_t>(count) +
+                                      pProfileInfo->m_umsConfig.m_recLength);
     if (!ZorvUmsInsertSampleRecordHdr(pProfileInfo, ZorvUmaCachedTid(), ZorvUmaGetTime(), size,
                                       ZORV_UMS_RECORD_SAMPLE, pProfileInfo->m_umsConfig.m_configFlags))
         return;

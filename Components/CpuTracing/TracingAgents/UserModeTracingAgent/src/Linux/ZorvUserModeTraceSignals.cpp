@@ -41,10 +41,11 @@ static ZORV_COLD void RefuseSignal(int sig)
     int savedErrno = errno;
     if (!ZorvUmaWriteErrorFile(ZorvUmaGetProfileInfo(), ZORV_AGENT_ERROR_PROFILING_SIGNAL))
     {
-        ZorvUmaFprintf(stderr,
-                       "ERROR : Application has own signal handler for signal (%d). Provide un-used realtime signal "
-                       "with --profiling-signal.\n",
-                       sig);
+        ZorvUmaFprintf(
+            stderr,
+            "ERROR : Application has own signal handler for signal (%d). Provide un-used realtime signal "
+            "with --profiling-signal.\n",
+            sig);
         ZorvUmaFileFlush(stderr);
         ZorvUmaExit(0);
     }
@@ -52,11 +53,11 @@ static ZORV_COLD void RefuseSignal(int sig)
 }
 
 template <ZorvEntryPoint* pEntry, typename, typename Pointer>
-using OtherCall =
-    ZorvGatedCall<ZorvDirectPattern, pEntry, ZorvCallClass{ZORV_SYSCALL_TYPE_OTHER, ZORV_UMT_EVENT_SYSCALL}, Pointer>;
+using OtherCall = ZorvGatedCall<ZorvDirectPattern, pEntry,
+                                ZorvCallClass{ZORV_SYSCALL_TYPE_OTHER, ZORV_UMT_EVENT_SYSCALL}, Pointer>;
 
-// A program that resets every signal must not die of a timer that it does not know of: while this process samples,
-// the handler stays and the program is told that its call was done.
+// A program that resets every signal must not die of a timer that it does not know of: while this process
+// samples, the handler stays and the program is told that its call was done.
 static bool WouldDisarm(int sig, bool resets)
 {
     return resets && IsProfilingSignal(sig) && ZorvUmaGetProfileInfo()->m_umsConfig.m_enable;
@@ -154,14 +155,16 @@ static_assert(g_waitingFutexOps == 0xb41);
 
 static bool IsWaitingFutex(unsigned long operation)
 {
-    auto plain = static_cast<uint32_t>(operation) & ~static_cast<uint32_t>(FUTEX_PRIVATE_FLAG | FUTEX_CLOCK_REALTIME);
+    auto plain =
+        static_cast<uint32_t>(operation) & ~static_cast<uint32_t>(FUTEX_PRIVATE_FLAG | FUTEX_CLOCK_REALTIME);
     return plain <= FUTEX_WAIT_REQUEUE_PI && (g_waitingFutexOps >> plain & 1U) != 0;
 }
 
 template <ZorvEntryPoint* pEntry, typename, typename> struct RawSyscall
 {
-    static __attribute__((noinline)) long Futex(void* pReal, unsigned long a1, unsigned long a2, unsigned long a3,
-                                                unsigned long a4, unsigned long a5, unsigned long a6)
+    static __attribute__((noinline)) long Futex(void* pReal, unsigned long a1, unsigned long a2,
+                                                unsigned long a3, unsigned long a4, unsigned long a5,
+                                                unsigned long a6)
     {
         constexpr long number = SYS_futex;
         ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();

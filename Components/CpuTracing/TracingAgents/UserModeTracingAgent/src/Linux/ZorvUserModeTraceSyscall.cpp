@@ -23,19 +23,20 @@
 // Names that libc exports for compiled programs without declaring them, and one of libnuma's.
 extern "C"
 {
-int __open_2(const char* pPath, int flags);
-int __open64_2(const char* pPath, int flags);
-int __openat_2(int dirFd, const char* pPath, int flags);
-int __openat64_2(int dirFd, const char* pPath, int flags);
-ssize_t __read_chk(int fd, void* pBuf, size_t count, size_t bufSize);
-ssize_t __pread_chk(int fd, void* pBuf, size_t count, off_t offset, size_t bufSize);
-ssize_t __pread64_chk(int fd, void* pBuf, size_t count, off64_t offset, size_t bufSize);
-ssize_t __recv_chk(int fd, void* pBuf, size_t count, size_t bufSize, int flags);
-ssize_t __recvfrom_chk(int fd, void* pBuf, size_t count, size_t bufSize, int flags, struct sockaddr* pAddr,
-                       socklen_t* pAddrLen);
-int __poll_chk(struct pollfd* pFds, nfds_t count, int timeout, size_t fdsSize);
-int __ppoll_chk(struct pollfd* pFds, nfds_t count, const timespec* pTimeout, const sigset_t* pMask, size_t fdsSize);
-long move_pages(int pid, unsigned long count, void** ppPages, const int* pNodes, int* pStatus, int flags);
+    int __open_2(const char* pPath, int flags);
+    int __open64_2(const char* pPath, int flags);
+    int __openat_2(int dirFd, const char* pPath, int flags);
+    int __openat64_2(int dirFd, const char* pPath, int flags);
+    ssize_t __read_chk(int fd, void* pBuf, size_t count, size_t bufSize);
+    ssize_t __pread_chk(int fd, void* pBuf, size_t count, off_t offset, size_t bufSize);
+    ssize_t __pread64_chk(int fd, void* pBuf, size_t count, off64_t offset, size_t bufSize);
+    ssize_t __recv_chk(int fd, void* pBuf, size_t count, size_t bufSize, int flags);
+    ssize_t __recvfrom_chk(int fd, void* pBuf, size_t count, size_t bufSize, int flags, struct sockaddr* pAddr,
+                           socklen_t* pAddrLen);
+    int __poll_chk(struct pollfd* pFds, nfds_t count, int timeout, size_t fdsSize);
+    int __ppoll_chk(struct pollfd* pFds, nfds_t count, const timespec* pTimeout, const sigset_t* pMask,
+                    size_t fdsSize);
+    long move_pages(int pid, unsigned long count, void** ppPages, const int* pNodes, int* pStatus, int flags);
 }
 
 namespace
@@ -78,17 +79,18 @@ struct Other
 template <ZorvEntryPoint* pEntry, typename Class, typename Pointer>
 using OfClass = ZorvGatedCall<typename Class::Pattern, pEntry, Class::CLASS, Pointer>;
 
-#define ZORV_SYSCALL(class, call, name, count)                                                                        \
+#define ZORV_SYSCALL(class, call, name, count)                                                                 \
     ZORV_INTERPOSE_SINGLE(OfClass, class, ZorvInterpose##call, name, count, AllOnes)
-#define ZORV_SYSCALL_OR(class, call, name, count, failure)                                                            \
+#define ZORV_SYSCALL_OR(class, call, name, count, failure)                                                     \
     ZORV_INTERPOSE_SINGLE(OfClass, class, ZorvInterpose##call, name, count, failure)
-#define ZORV_SYSCALL_VERSIONED(class, call, name, count, oldVersion, newVersion)                                      \
+#define ZORV_SYSCALL_VERSIONED(class, call, name, count, oldVersion, newVersion)                               \
     ZORV_INTERPOSE_VERSIONED(OfClass, class, ZorvInterpose##call, name, count, oldVersion, newVersion, AllOnes)
 #include "ZorvUserModeTraceSyscall.def"
 
 // ---- pipe2 -----------------------------------------------------------------------------------------------
 
-// The unwinder tests memory through a pipe of its own; its numbers are out of the program's way like all of ours.
+// The unwinder tests memory through a pipe of its own; its numbers are out of the program's way like all of
+// ours.
 template <ZorvEntryPoint* pEntry, typename, typename Pointer> struct PipeOfUnwinder
 {
     static int Call(int* pFds, int flags)

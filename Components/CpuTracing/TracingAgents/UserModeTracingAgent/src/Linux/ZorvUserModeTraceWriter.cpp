@@ -1,10 +1,10 @@
 // What goes straight to the files at the start, and the thread that writes the full buffers.
 
+#include "ZorvUserModeTraceWriter.h"
 #include "ZorvRawSyscall.h"
 #include "ZorvUserModeTrace.h"
 #include "ZorvUserModeTraceLog.h"
 #include "ZorvUserModeTraceSampling.h"
-#include "ZorvUserModeTraceWriter.h"
 
 #include <linux/futex.h>
 
@@ -12,8 +12,8 @@ namespace
 {
 
 constexpr int MAX_CPUS = 1024;
-// A pass of the poll costs some 40 us of system time, a look at what it would find next to nothing. Resting this long
-// between looks, an idle writer stays below 2 % of a CPU and sees stop and pause within 5 ms.
+// A pass of the poll costs some 40 us of system time, a look at what it would find next to nothing. Resting
+// this long between looks, an idle writer stays below 2 % of a CPU and sees stop and pause within 5 ms.
 constexpr long REST_NS = 2000000;
 
 // States of the futex word of the rest.
@@ -37,21 +37,24 @@ extern "C" void ZorvUmaWriteFileHdr(const ZorvUmaProfileInfo* pProfileInfo)
     pid_t pid = ZorvUmaGetPid();
     const ZorvMetadataFileHdr metadataHdr = {ZORV_FILE_MAGIC_NUM, static_cast<uint32_t>(pid), 0,
                                              ZORV_METADATA_FILE_VERSION_1_0};
-    const ZorvUmtFileHdr streamHdr = {
-        ZORV_FILE_MAGIC_NUM, pid, pProfileInfo->m_umaConfig.m_mpiRankId, ZORV_UMT_FILE_VERSION_1_1, 0, 0};
+    const ZorvUmtFileHdr streamHdr = {ZORV_FILE_MAGIC_NUM,       pid, pProfileInfo->m_umaConfig.m_mpiRankId,
+                                      ZORV_UMT_FILE_VERSION_1_1, 0,   0};
 
     if (pProfileInfo->m_metaDataFd >= 0 && !WriteHdr(pProfileInfo->m_metaDataFd, metadataHdr))
-        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to write the header into metadata file in process (%d).", pid);
+        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to write the header into metadata file in process (%d).",
+                 pid);
     if (pProfileInfo->m_umsConfig.m_enable && pProfileInfo->m_umsData.m_fd >= 0 &&
         !WriteHdr(pProfileInfo->m_umsData.m_fd, streamHdr))
-        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to write the header into sampling file in process (%d).", pid);
+        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to write the header into sampling file in process (%d).",
+                 pid);
     if (pProfileInfo->m_umtConfig.m_enable && pProfileInfo->m_umtData.m_fd >= 0 &&
         !WriteHdr(pProfileInfo->m_umtData.m_fd, streamHdr))
-        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to write the header into tracing file in process (%d).", pid);
+        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to write the header into tracing file in process (%d).",
+                 pid);
 }
 
-static bool WriteMetadataParts(const ZorvUmaProfileInfo* pProfileInfo, const ZorvUmsRecordHdr& hdr, const void* pBody,
-                               size_t bodySize)
+static bool WriteMetadataParts(const ZorvUmaProfileInfo* pProfileInfo, const ZorvUmsRecordHdr& hdr,
+                               const void* pBody, size_t bodySize)
 {
     int fd = pProfileInfo->m_umsData.m_fd;
     if (fd < 0)
@@ -157,8 +160,8 @@ void ZorvUmaWakeWriter(ZorvUmaProfileInfo* pProfileInfo)
 
 // ---- writer thread ---------------------------------------------------------------------------------------
 
-// Whatever CPUs and scheduling class the program gave to the thread that created it, the writer runs anywhere and
-// never ahead of the program's threads.
+// Whatever CPUs and scheduling class the program gave to the thread that created it, the writer runs anywhere
+// and never ahead of the program's threads.
 static void LeaveProgramsScheduling()
 {
     long cpus = ZorvUmaSysconf(_SC_NPROCESSORS_CONF);
@@ -231,7 +234,7 @@ extern "C" void* ZorvUmaWriterThread(void* pArg)
     ZORV_LOG(pProfileInfo->m_logFd, INFO, "Exit from the writer thread (%d).", ZorvUmaGetTid());
     __atomic_store_n(&pProfileInfo->m_isWriterDone, true, __ATOMIC_SEQ_CST);
     ZorvUmaFreeThreadInfo();
-    // Returning ends the thread like pthread_exit(NULL), which would make libc load its unwinder first, and that
-    // aborts a program whose descriptor table is full.
+    // Returning ends the thread like pthread_exit(NULL), which would make libc load its unwinder first, and
+    // that aborts a program whose descriptor table is full.
     return nullptr;
 }
