@@ -175,6 +175,7 @@ struct ZorvUmaProfileInfo
     uint32_t m_threadCount;  // threads that own a per-thread record
     uint32_t m_streamUsers;  // threads inside a buffer change or a log line of their own
     uint32_t m_writerSignal; // futex word that ends the writer's rest
+    long m_cpuCount;         // configured CPUs, 0: not asked
     bool m_isWriterDone;     // the writer has said its last line
     bool m_isPauseSeen;      // the pause flag as the writer has last acted on it
     bool m_keepsStorage;     // a thread did not leave its buffer change: nothing may be freed

@@ -209,6 +209,7 @@ static void RefuseJemalloc(ZorvUmaProfileInfo* pProfileInfo)
 
 static bool StartWriter(ZorvUmaProfileInfo* pProfileInfo)
 {
+    pProfileInfo->m_cpuCount = ZorvUmaSysconf(_SC_NPROCESSORS_CONF);
     // The caller's scope blocks every signal, and the writer inherits that: it takes none of the program's.
     if (ZorvUmaPthreadCreate(&pProfileInfo->m_writerThreadId, nullptr, ZorvUmaWriterThread, pProfileInfo) == 0)
     {
@@ -616,6 +617,19 @@ static void EndUnannouncedThread(void*)
     ZorvUmaLeaveAgent(&scope);
 }
 
+// A thread is created with its creator's mask, and programs block every signal over that: their workers would
+// be sampled never. The signal is the agent's; the program has no handler for it and no use for its mask.
+static void AdmitProfilingSignal(const ZorvUmaProfileInfo* pProfileInfo)
+{
+    const ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
+    if (!pProfileInfo->m_umsConfig.m_enable || pThreadInfo == nullptr || pThreadInfo->m_timerId == nullptr)
+        return;
+    sigset_t profiling;
+    sigemptyset(&profiling);
+    sigaddset(&profiling, pProfileInfo->m_umsConfig.m_timerSignalNum);
+    pthread_sigmask(SIG_UNBLOCK, &profiling, nullptr);
+}
+
 static bool BeginThread(ZorvUmaProfileInfo* pProfileInfo)
 {
     ZorvAgentScope scope;
@@ -628,6 +642,7 @@ static bool BeginThread(ZorvUmaProfileInfo* pProfileInfo)
         ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmtPthreadCreateWrapper",
                     "Failed to initialize the thread (%d).", ZorvUmaGetTid());
     ZorvUmaLeaveAgent(&scope);
+    AdmitProfilingSignal(pProfileInfo);
     return hasRecord;
 }
 

@@ -50,19 +50,19 @@ static struct link_map* ModuleOf(const void* pAddress)
     return pMap;
 }
 
-// The loader passes over a file that is no shared object for this machine; so does this search. By the
-// instructions: libc's calls are cancellation points.
-static bool IsLoadable(const char* pPath)
+// Whether the loader would take the file of that name: it passes over one for another machine, and over none
+// for any other fault. By the instructions: libc's calls are cancellation points.
+static bool IsTaken(const char* pPath)
 {
     long fd = ZorvRawSyscall(SYS_open, reinterpret_cast<long>(pPath), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return false;
-    ElfW(Ehdr) header;
+    ElfW(Ehdr) header = {};
     bool isRead =
         ZorvRawSyscall(SYS_read, fd, reinterpret_cast<long>(&header), sizeof(header)) == sizeof(header);
     ZorvRawSyscall(SYS_close, fd);
-    return isRead && ZorvUmaStrncmp(reinterpret_cast<const char*>(header.e_ident), ELFMAG, SELFMAG) == 0 &&
-           header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_machine == EM_X86_64;
+    bool isElf = isRead && ZorvUmaStrncmp(reinterpret_cast<const char*>(header.e_ident), ELFMAG, SELFMAG) == 0;
+    return !isElf || (header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_machine == EM_X86_64);
 }
 
 // In each directory the loader first looks for a build for this very processor. ld.so(8), glibc-hwcaps.
@@ -84,7 +84,7 @@ static bool FindInDirectory(const char* pDir, const char* pFile, char* pPath)
         if (!level.m_isUsable)
             continue;
         int length = ZorvUmaSnprintf(pPath, PATH_SIZE, "%s/%s%s", pDir, level.m_pSubdir, pFile);
-        if (length > 0 && static_cast<size_t>(length) < PATH_SIZE && IsLoadable(pPath))
+        if (length > 0 && static_cast<size_t>(length) < PATH_SIZE && IsTaken(pPath))
             return true;
     }
     return false;
@@ -137,18 +137,34 @@ static bool FindOnCallersPath(struct link_map* pMap, const char* pFile, char* pP
     return isFound;
 }
 
-// Replaces a leading $ORIGIN or ${ORIGIN} by the directory of the caller's module.
-static bool ExpandOrigin(struct link_map* pMap, const char* pFile, char* pPath)
+// The directory of the module's file, into pPath; its length, 0 where it is not known. dlinfo has it only for
+// modules with a search path of their own.
+static size_t OriginOf(const struct link_map* pMap, char* pPath)
 {
-    size_t length = ZorvUmaStrncmp(pFile, "$ORIGIN", 7) == 0     ? 7
-                    : ZorvUmaStrncmp(pFile, "${ORIGIN}", 9) == 0 ? 9
-                                                                 : 0;
-    if (length == 0 || (pFile[length] != '/' && pFile[length] != '\0') ||
-        dlinfo(pMap, RTLD_DI_ORIGIN, pPath) != 0)
+    ssize_t length;
+    if (pMap->l_name == nullptr || pMap->l_name[0] == '\0')
+        length = ZorvUmaReadlink("/proc/self/exe", pPath, PATH_SIZE - 1);
+    else
+        length = ZorvUmaSnprintf(pPath, PATH_SIZE, "%s", pMap->l_name);
+    while (length > 0 && length < static_cast<ssize_t>(PATH_SIZE) && pPath[length - 1] != '/')
+        length--;
+    return length > 1 && length < static_cast<ssize_t>(PATH_SIZE) ? static_cast<size_t>(length) - 1 : 0;
+}
+
+// Replaces a leading $ORIGIN or ${ORIGIN} by the directory of the caller's module. False where that gives no
+// file: the loader's message then names what it was asked for.
+static bool ExpandOrigin(const struct link_map* pMap, const char* pFile, char* pPath)
+{
+    size_t token = ZorvUmaStrncmp(pFile, "$ORIGIN", 7) == 0     ? 7
+                   : ZorvUmaStrncmp(pFile, "${ORIGIN}", 9) == 0 ? 9
+                                                                : 0;
+    if (token == 0 || (pFile[token] != '/' && pFile[token] != '\0'))
         return false;
-    size_t directory = ZorvUmaStrlen(pPath);
-    int tail = ZorvUmaSnprintf(pPath + directory, PATH_SIZE - directory, "%s", pFile + length);
-    return tail >= 0 && static_cast<size_t>(tail) < PATH_SIZE - directory;
+    size_t directory = OriginOf(pMap, pPath);
+    if (directory == 0)
+        return false;
+    int tail = ZorvUmaSnprintf(pPath + directory, PATH_SIZE - directory, "%s", pFile + token);
+    return tail >= 0 && static_cast<size_t>(tail) < PATH_SIZE - directory && IsTaken(pPath);
 }
 
 // Opens what only that caller's module makes the loader find. False: the name is enough, and nothing has been

@@ -58,9 +58,15 @@ using OtherCall = ZorvGatedCall<ZorvDirectPattern, pEntry,
 
 // A program that resets every signal must not die of a timer that it does not know of: while this process
 // samples, the handler stays and the program is told that its call was done.
-static bool WouldDisarm(int sig, bool resets)
+static bool IsArmedSignal(int sig)
 {
-    return resets && IsProfilingSignal(sig) && ZorvUmaGetProfileInfo()->m_umsConfig.m_enable;
+    return IsProfilingSignal(sig) && ZorvUmaGetProfileInfo()->m_umsConfig.m_enable;
+}
+
+// libc refuses a number that is none, and the two that it keeps for itself, before it looks at the action.
+static bool IsProgramsSignal(int sig)
+{
+    return sig > 0 && sig < _NSIG && (sig < __SIGRTMIN || sig >= SIGRTMIN);
 }
 
 static ZORV_COLD int PretendReset(int sig, struct sigaction* pOldAction)
@@ -79,9 +85,9 @@ template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct Guar
     {
         if (ZORV_UNLIKELY(IsProfilingSignal(sig) && InstallsHandler(pAction)))
             RefuseSignal(sig);
-        if (ZORV_UNLIKELY(WouldDisarm(sig, pAction != nullptr && !InstallsHandler(pAction))))
+        if (ZORV_UNLIKELY(IsArmedSignal(sig) && pAction != nullptr && !InstallsHandler(pAction)))
             return PretendReset(sig, pOldAction);
-        if (InstallsHandler(pAction) && (pAction->sa_flags & SA_NODEFER) != 0)
+        if (IsProgramsSignal(sig) && InstallsHandler(pAction) && (pAction->sa_flags & SA_NODEFER) != 0)
             ZorvUmaExpectNestedHandlers();
         return OtherCall<pEntry, Detail, Pointer>::Call(sig, pAction, pOldAction);
     }
@@ -93,7 +99,7 @@ template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct Guar
     {
         if (ZORV_UNLIKELY(IsProfilingSignal(sig) && IsRealHandler(handler)))
             RefuseSignal(sig);
-        if (ZORV_UNLIKELY(WouldDisarm(sig, !IsRealHandler(handler))))
+        if (ZORV_UNLIKELY(IsArmedSignal(sig) && !IsRealHandler(handler)))
             return PretendReset(sig, nullptr) == 0 ? SIG_DFL : SIG_ERR;
         return OtherCall<pEntry, Detail, Pointer>::Call(sig, handler);
     }

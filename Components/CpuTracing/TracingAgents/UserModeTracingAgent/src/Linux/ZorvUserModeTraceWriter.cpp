@@ -162,9 +162,11 @@ void ZorvUmaWakeWriter(ZorvUmaProfileInfo* pProfileInfo)
 
 // Whatever CPUs and scheduling class the program gave to the thread that created it, the writer runs anywhere
 // and never ahead of the program's threads.
-static void LeaveProgramsScheduling()
+static void LeaveProgramsScheduling(const ZorvUmaProfileInfo* pProfileInfo)
 {
-    long cpus = ZorvUmaSysconf(_SC_NPROCESSORS_CONF);
+    // Asked before the thread started where possible: the answer comes from a file, whose number the program
+    // might get.
+    long cpus = pProfileInfo->m_cpuCount > 0 ? pProfileInfo->m_cpuCount : ZorvUmaSysconf(_SC_NPROCESSORS_CONF);
     if (cpus > 0)
     {
         cpu_set_t set;
@@ -223,7 +225,7 @@ extern "C" void* ZorvUmaWriterThread(void* pArg)
         __atomic_store_n(&pProfileInfo->m_isWriterDone, true, __ATOMIC_SEQ_CST);
         return nullptr;
     }
-    LeaveProgramsScheduling();
+    LeaveProgramsScheduling(pProfileInfo);
     ZorvUmaSetCurrentThreadName("ZorUmtWriter");
     ZORV_LOG(pProfileInfo->m_logFd, INFO, "Writer thread id is (%d).", ZorvUmaGetTid());
 
