@@ -51,9 +51,9 @@ void RequireCommand(const CLI::App& app, const std::vector<std::string>& argumen
                                      [&](const CLI::App* pCommand) { return pCommand->check_name(first); });
     if (!first.starts_with('-') && !isKnown)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "{}; the commands are run, dump and report: see qelix --help",
-                      first.empty() ? "a command is missing"
-                                    : fmt::format("there is no command \"{}\"", first));
+        throw Failure(
+            ZORV_STATUS_OWN_FAILURE, "{}; the commands are run, report, dump and export: see qelix --help",
+            first.empty() ? "a command is missing" : fmt::format("there is no command \"{}\"", first));
     }
 }
 
@@ -61,12 +61,13 @@ int Main(std::vector<std::string> arguments)
 {
     int status = 0;
     const std::vector<std::string> behindMark = TakeBehindMark(&arguments);
-    CLI::App app("Where do the threads of a program wait?", "qelix");
+    CLI::App app("Where do the threads of a program wait, and where do they burn CPU?", "qelix");
     app.require_subcommand(1);
     app.set_version_flag("--version", "qelix " QELIX_VERSION);
     AddRunCommand(&app, &behindMark, &status);
     AddDumpCommand(&app, &status);
     AddReportCommand(&app, &status);
+    AddExportCommand(&app, &status);
     RequireCommand(app, arguments);
     std::reverse(arguments.begin(), arguments.end()); // CLI11 takes them from the back
     try

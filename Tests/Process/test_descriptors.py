@@ -1,6 +1,7 @@
 """Descriptors are the program's: it gets the numbers that it would get, and nothing of it is written to or closed."""
 
 import os
+import re
 import resource
 
 import pytest
@@ -109,6 +110,25 @@ def test_a_program_started_without_standard_streams_gets_their_numbers(session, 
     assert_all_work_recorded(run, CALLS * (ROUNDS + 1))
 
 
+@pytest.mark.parametrize("mode", ["numbers", "numbers_while_writing"])
+def test_no_thread_of_the_agent_ever_takes_a_low_number(session, mode):
+    """Not even for a moment: the program may be between a close and the open that is to get that number. (A file that the
+    program has closed is opened again, and that does take one for a moment.)"""
+    directory = session.root / "watched"
+    directory.mkdir()
+    watched = session.root / "system calls"
+    preload = session.environment()["LD_PRELOAD"]
+    run = session.run("/usr/bin/strace", "-f", "-qq", "-e", "trace=open,openat,dup,socket,pipe2,memfd_create,fcntl",
+                      "-e", "signal=none", "-o", watched, "-E", f"LD_PRELOAD={preload}", program("descriptors"), mode,
+                      env={"LD_PRELOAD": None}, before=lambda: os.chdir(directory))
+    assert run.status == STATUS
+    calls = [re.fullmatch(r"(\d+) +(\w+)\((.*)\) += (\d+)", line) for line in watched.read_text().splitlines()]
+    opened = [(int(call[1]), call[2], call[3], int(call[4])) for call in calls if call]
+    processes = session.traced_pids()
+    taken = [call for call in opened if call[0] not in processes and call[1] != "fcntl" and call[3] < 500]
+    assert taken == []
+
+
 @pytest.mark.parametrize("limits", [(16, 16), (16, 4096), (24, 24), (64, 64), (520, 520), (530, 4096)], ids=str)
 def test_few_descriptors_are_enough(session, limits):
     def limit():
@@ -124,7 +144,8 @@ def test_few_descriptors_are_enough(session, limits):
 @pytest.mark.parametrize("shell", ["/bin/dash", "/bin/bash"])
 def test_shells_redirect_as_natively(session, shell):
     session.configure(without=("QELIX_USERMODE_AGENT_PATH",))  # so that a program can be started without the agent
-    script = ("exec 3>three 9>nine; echo to three >&3; exec 3>&- 4<&0; (echo nested >&9; exec 9>&-; env -u LD_PRELOAD ls /proc/self/fd); "
+    script = ("exec 3>three 9>nine; echo to three >&3; exec 3>&- 4<&0; "
+              "(echo nested >&9; exec 9>&-; env -u LD_PRELOAD ls /proc/self/fd); "
               "echo from here >&9; cat <<END >>nine\nhere document\nEND\n"
               "for i in 1 2 3 4 5; do echo $i | cat >&9; done; exec 9>&-; exec 1>one; echo one; echo two >&2")
     native, native_files = run_in(session, shell, "-c", script, agent=False)

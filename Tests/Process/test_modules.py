@@ -29,10 +29,10 @@ def names(scan):
     return {os.path.basename(record.path) for record in scan}
 
 
-def run_both(session, *args, **options):
-    native = session.native("modules", *args, **options)
+def run_both(session, *args, name="modules", **options):
+    native = session.native(name, *args, **options)
     assert native.status == STATUS
-    run = session.run("modules", *args, **options)
+    run = session.run(name, *args, **options)
     assert (run.status, run.err) == (STATUS, b"")
     return native, run
 
@@ -115,6 +115,14 @@ def test_a_path_is_recorded_up_to_its_first_blank(session):
 def test_a_module_is_found_where_the_callers_module_looks(session, file, place):
     native, run = run_both(session, "load", file)
     assert f"dlopen loaded, place {place}, errno 4242" in native.out.decode()
+    assert run.out == native.out
+
+
+@pytest.mark.parametrize("file", ["plugin.so", "$ORIGIN/origin/plugin.so", "${ORIGIN}/origin/plugin.so",
+                                  "$ORIGIN/missing.so", "$ORIGIN", "$ORIGINAL/plugin.so", "$LIB/plugin.so", ELSEWHERE])
+@pytest.mark.parametrize("mode", ["load", "load_old", "load_apart"])
+def test_a_program_without_a_search_path_finds_what_it_finds_natively(session, mode, file):
+    native, run = run_both(session, mode, file, name="modules_plain")
     assert run.out == native.out
 
 

@@ -189,7 +189,8 @@ TEST_F(ReportTest, TheSameFactsAsText)
               .Pthread(MUTEX, 1000, 1'251'000, 0xABC0));
     const std::string text = Text();
     EXPECT_NE(text.find("1 process, 3 threads, 1 call recorded"), std::string::npos) << text;
-    EXPECT_NE(text.find("calls shorter than 2.50 µs were not recorded"), std::string::npos) << text;
+    EXPECT_NE(text.find("calls shorter than 2.50 µs were not recorded: pthread\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("not traced: sleep, wait, lock, io-sync, io, syscall\n"), std::string::npos) << text;
     EXPECT_NE(text.find("process 42 main"), std::string::npos) << text;
     EXPECT_NE(text.find("work\\x1b"), std::string::npos) << text;
     EXPECT_NE(text.find("1.25 ms"), std::string::npos) << text;
@@ -222,6 +223,8 @@ TEST_F(ReportTest, LostRecordsAndErrorsOfTheAgentAreTold)
     Trace(FileBytes().StreamHeader());
     m_folder.Write(".log/ZorvUmtAgent_host_main_42.txt",
                    std::string("ERROR : ZorvUmaEnqueue : 12 : Failed to enqueue the buffer.\n"
+                               "INFO : 42 : 43: Timer overrun count (5).\n"
+                               "INFO : 42 : 42: Lost sample records count = 4\n"
                                "INFO : 42 : 42: Lost trace records count = 17\n"));
     m_folder.Write(".log/ZorvUmtAgent_host_main_43.txt",
                    std::string("INFO : 43 : 43: Lost trace records count = 3\n"));
@@ -229,12 +232,16 @@ TEST_F(ReportTest, LostRecordsAndErrorsOfTheAgentAreTold)
     m_folder.Write(".error/ZorvUmtError_host_main_43.err", std::string());
     const Json agent = Report()["agent"];
     EXPECT_EQ(agent["lostTraceRecords"], 20);
+    EXPECT_EQ(agent["lostSampleRecords"], 4);
+    EXPECT_EQ(agent["timerOverruns"], 5);
     EXPECT_EQ(agent["logErrorLines"], 1);
     ASSERT_EQ(agent["errors"].size(), 1u);
     EXPECT_EQ(agent["errors"][0]["pid"], 42);
     EXPECT_EQ(agent["errors"][0]["code"], "2");
     const std::string text = Text();
     EXPECT_NE(text.find("lost: 20 records"), std::string::npos) << text;
+    EXPECT_NE(text.find("lost: 4 samples"), std::string::npos) << text;
+    EXPECT_NE(text.find("fired 5 times more"), std::string::npos) << text;
     EXPECT_NE(text.find("Failed to enqueue the buffer."), std::string::npos) << text;
     EXPECT_NE(text.find("ulimit -n"), std::string::npos) << text;
 }
@@ -242,7 +249,7 @@ TEST_F(ReportTest, LostRecordsAndErrorsOfTheAgentAreTold)
 TEST_F(ReportTest, ASessionWithoutATraceSaysWhy)
 {
     m_folder.Write("trace/readme", std::string("no trace"));
-    EXPECT_NE(Text().find("no process of the program loaded the agent"), std::string::npos);
+    EXPECT_NE(Text().find("none that the program started loaded the agent"), std::string::npos);
     Trace(FileBytes());
     EXPECT_NE(Text().find("empty: "), std::string::npos);
 }

@@ -1,5 +1,6 @@
 // The program under study in the tests of the command. Its first argument says what it does.
 #define _GNU_SOURCE
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
@@ -109,6 +110,86 @@ static int Await(void)
     return 20 + g_signal;
 }
 
+// Calls that are known by name and number.
+static int Calls(void)
+{
+    const int fd = open("/dev/null", O_WRONLY);
+    for (int i = 0; i < 3; ++i)
+    {
+        Sleep(1);
+    }
+    for (int i = 0; i < 7; ++i)
+    {
+        if (write(fd, "x", 1) != 1)
+        {
+            return 1;
+        }
+    }
+    return Count(11);
+}
+
+static long ThreadNs(void)
+{
+    struct timespec time;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return time.tv_sec * 1000000000L + time.tv_nsec;
+}
+
+// Burns so much CPU time of this thread; returns what it really was.
+#define WORK(NAME, FACTOR)                                                                                             \
+    static __attribute__((noinline, noclone)) long NAME(long nanoseconds)                                             \
+    {                                                                                                                  \
+        volatile unsigned long value = (FACTOR);                                                                       \
+        const long start = ThreadNs();                                                                                 \
+        long now = start;                                                                                              \
+        while (now - start < nanoseconds)                                                                              \
+        {                                                                                                              \
+            for (int i = 0; i < 20000; ++i)                                                                            \
+            {                                                                                                          \
+                value = value * (FACTOR) + 1;                                                                          \
+            }                                                                                                          \
+            now = ThreadNs();                                                                                          \
+        }                                                                                                              \
+        return now - start;                                                                                            \
+    }
+
+WORK(WorkSixty, 3)
+WORK(WorkThirty, 5)
+WORK(WorkTen, 7)
+
+static long g_worked[3];
+
+// In turns, so that a machine that is busy for a while takes from all three alike.
+static void* Work(void* pMilliseconds)
+{
+    const long turnMs = 100;
+    const long tenthNs = turnMs * 100000;
+    pthread_setname_np(pthread_self(), "burner");
+    for (long left = (long)pMilliseconds; left > 0; left -= turnMs)
+    {
+        __atomic_add_fetch(&g_worked[0], WorkSixty(6 * tenthNs), __ATOMIC_RELAXED);
+        __atomic_add_fetch(&g_worked[1], WorkThirty(3 * tenthNs), __ATOMIC_RELAXED);
+        __atomic_add_fetch(&g_worked[2], WorkTen(tenthNs), __ATOMIC_RELAXED);
+    }
+    return NULL;
+}
+
+// Threads that burn CPU in three functions, 60 to 30 to 10; says how much it was in each.
+static int Burn(long milliseconds, long count)
+{
+    pthread_t threads[16];
+    for (long i = 0; i < count; ++i)
+    {
+        pthread_create(&threads[i], NULL, Work, (void*)milliseconds);
+    }
+    for (long i = 0; i < count; ++i)
+    {
+        pthread_join(threads[i], NULL);
+    }
+    printf("%ld %ld %ld\n", g_worked[0], g_worked[1], g_worked[2]);
+    return 0;
+}
+
 int main(int argc, char** argv)
 {
     const char* pWhat = argc > 1 ? argv[1] : "";
@@ -124,6 +205,14 @@ int main(int argc, char** argv)
     if (strcmp(pWhat, "count") == 0)
     {
         return Count(number);
+    }
+    if (strcmp(pWhat, "calls") == 0)
+    {
+        return Calls();
+    }
+    if (strcmp(pWhat, "burn") == 0 && argc > 3)
+    {
+        return Burn(number, strtol(argv[3], NULL, 10));
     }
     return strcmp(pWhat, "await") == 0 ? Await() : 2;
 }

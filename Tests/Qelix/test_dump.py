@@ -32,9 +32,10 @@ def test_every_record_with_all_fields_by_name(recorded):
     }
     locks = [record for record in records if record["type"] == "pthread"]
     assert len(locks) == 1000
+    assert {lock["funcName"] for lock in locks} == {"pthread_mutex_lock"}
     assert list(locks[0]) == [
         "file", "offset", "type", "size", "subType", "flags", "startTime", "endTime", "pid", "tid",
-        "lockAddress", "funcVa", "parId", "retValue", "csSize", "callStack",
+        "lockAddress", "funcVa", "funcName", "parId", "retValue", "csSize", "callStack",
     ]
     assert {(lock["subType"], lock["size"], lock["pid"], lock["tid"]) for lock in locks} == {("mutex", 64, pid, pid)}
     assert all(lock["startTime"] <= lock["endTime"] for lock in locks)

@@ -126,6 +126,7 @@ def test_the_configuration_says_what_was_asked_for(session):
     qelix("run", "-o", session, "--threshold", "12345", "--no-children", "--", "true")
     lines = (session / "agent.conf").read_text().splitlines()
     assert "QELIX_TRACE_PTHREAD=1:12345:0" in lines
+    assert "QELIX_TRACE_SYSCALL=1:12345:0" in lines
     assert "QELIX_PROFILE_CHILDREN=0" in lines
     assert f"QELIX_UMT_DIR={session}/trace" in lines
     assert f"QELIX_METADATA_DIR={session}/metadata" in lines
@@ -321,24 +322,42 @@ def test_the_report_comes_on_standard_error(session):
     assert re.fullmatch(r"0x[0-9a-f]+\n", result.stdout)
     assert "ended with status 0" in result.stderr
     assert f"session {session}: 1 process, 3 threads" in result.stderr
-    assert re.search(r"waiter +\d+  mutex", result.stderr)
+    assert re.search(r"waiter +\d+  pthread ", result.stderr)
+    assert re.search(r" pthread_mutex_lock +1 ", result.stderr)
     assert result.stdout.strip() in result.stderr.split("locks waited on longest")[1]
 
 
-def test_the_code_of_an_error_file_is_explained_and_we_live_to_do_it(tmp_path, session):
-    allocator = tmp_path / "libjemalloc.so.2"
-    shutil.copy("/lib/x86_64-linux-gnu/libm.so.6", allocator)
-    result = qelix("run", "-o", session, "--", "true", env={**os.environ, "LD_PRELOAD": str(allocator)})
+TAKE_SIGNAL = "import signal; signal.signal(61, lambda *_: None); print('not reached')"
+
+
+def test_the_code_of_an_error_file_is_explained_and_we_live_to_do_it(session):
+    result = qelix("run", "--sample", "--signal", "61", "-o", session, "--", *python(TAKE_SIGNAL))
     assert result.returncode == 126, "the status of a program that the agent ended is not the program's"
-    assert "true was ended by the agent" in result.stderr
-    assert "libjemalloc.so is preloaded" in result.stderr
-    assert "take libjemalloc out of LD_PRELOAD" in result.stderr
+    assert result.stdout == ""
+    assert "was ended by the agent" in result.stderr
+    assert "a handler of its own for the signal that the samples need" in result.stderr
+    assert "a signal that the program leaves alone" in result.stderr
 
 
-def test_a_program_that_the_agent_cannot_enter_is_told(tmp_path, session):
-    source = tmp_path / "static.c"
-    source.write_text("int main(void) { return 6; }\n")
-    subprocess.run(["gcc", "-static", "-o", tmp_path / "static", source], check=True)
-    result = qelix("run", "-o", session, "--", tmp_path / "static")
-    assert result.returncode == 6
-    assert "no process of the program loaded the agent" in result.stderr
+# ---- --min -----------------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize(
+    "arguments, part",
+    [
+        (["--min", "disk=1us"], "one of the classes pthread, sleep, wait"),
+        (["--min", "io=soon"], "soon is no time"),
+        (["--min", "io=1us", "--min", "syscall=off"], "one setting for both"),
+        (["--min", "all=off"], "nothing is sampled"),
+    ],
+)
+def test_what_cannot_be_configured_is_refused_before_the_program_starts(tmp_path, arguments, part):
+    result = qelix("run", *arguments, "--", "touch", "started", cwd=tmp_path)
+    assert result.returncode == 125
+    assert part in result.stderr
+    assert not list(tmp_path.iterdir())
+
+
+def test_the_word_behind_a_minimum_is_the_program(session):
+    result = qelix("run", "-o", session, "--min", "io=1ms", "echo", "sleep=1")
+    assert result.stdout == "sleep=1\n"

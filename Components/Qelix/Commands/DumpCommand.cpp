@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <filesystem>
 #include <fmt/format.h>
 #include <memory>
 
@@ -15,7 +16,7 @@ namespace
 struct DumpForm
 {
     std::string (*m_header)(const RecordFile& file);
-    std::string (*m_record)(const RecordFile& file, const Record& record);
+    std::string (*m_record)(const RecordFile& file, const Record& record, ProcessSymbols* pSymbols);
 };
 
 constexpr DumpForm g_text = {HeaderAsText, RecordAsText};
@@ -27,9 +28,21 @@ struct DumpOptions
     bool m_isJson = false;
 };
 
-// False when the file could not be read to its end.
-bool DumpFile(const std::string& path, const DumpForm& form)
+// Of a session the file that says what was mapped in the process of this file; empty when there is none.
+std::string MetadataBeside(const std::string& path)
 {
+    const std::filesystem::path file = path;
+    const std::string name = file.stem();
+    const std::filesystem::path metadata =
+        file.parent_path() / ".." / "metadata" / ("metadata_" + name.substr(name.find('_') + 1) + ".meta");
+    std::error_code error;
+    return std::filesystem::is_regular_file(metadata, error) ? metadata.string() : "";
+}
+
+// False when the file could not be read to its end.
+bool DumpFile(const std::string& path, const DumpForm& form, Symbolizer* pSymbolizer)
+{
+    ProcessSymbols symbols = SymbolsOf(pSymbolizer, ReadModuleMap(MetadataBeside(path)));
     const auto pFile = OpenRecordFile(path);
     if (pFile->m_header.m_isPresent)
     {
@@ -38,7 +51,7 @@ bool DumpFile(const std::string& path, const DumpForm& form)
     Record record;
     while (NextRecord(pFile.get(), &record))
     {
-        PrintOut(form.m_record(*pFile, record));
+        PrintOut(form.m_record(*pFile, record, &symbols));
     }
     fflush(stdout); // what precedes the damage stands before the message also in one common stream
     if (pFile->m_unreadBytes != 0)
@@ -56,9 +69,10 @@ bool DumpFile(const std::string& path, const DumpForm& form)
 int Dump(const DumpOptions& options)
 {
     bool areWhole = true;
+    Symbolizer symbolizer;
     for (const std::string& path : options.m_files)
     {
-        areWhole = DumpFile(path, options.m_isJson ? g_json : g_text) && areWhole;
+        areWhole = DumpFile(path, options.m_isJson ? g_json : g_text, &symbolizer) && areWhole;
     }
     return areWhole ? 0 : ZORV_STATUS_DAMAGED;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Reader/RecordFile.h"
+#include "Symbols/Symbolizer.h"
 
 #include <string>
 
@@ -10,7 +11,9 @@ namespace qelix
 
 std::string HeaderAsText(const RecordFile& file);
 std::string HeaderAsJson(const RecordFile& file);
-std::string RecordAsText(const RecordFile& file, const Record& record);
-std::string RecordAsJson(const RecordFile& file, const Record& record);
+
+// Functions go by the names that pSymbols has for them; it knows none of a file that lies alone.
+std::string RecordAsText(const RecordFile& file, const Record& record, ProcessSymbols* pSymbols);
+std::string RecordAsJson(const RecordFile& file, const Record& record, ProcessSymbols* pSymbols);
 
 } // namespace qelix

@@ -15,6 +15,7 @@ using Json = nlohmann::ordered_json;
 struct JsonWriter
 {
     Json& m_json;
+    ProcessSymbols* m_pSymbols;
 
     void Trace(const ZorvUmtRecordHdr& hdr) const
     {
@@ -40,11 +41,18 @@ struct JsonWriter
         m_json["coreId"] = hdr.m_coreId;
     }
 
+    Json NameOf(uint64_t address, uint64_t time) const
+    {
+        std::string name = CallName(m_pSymbols, address, time);
+        return name.starts_with("0x") ? Json(nullptr) : Json(std::move(name));
+    }
+
     void operator()(const PthreadRecord& call) const
     {
         Call(call.m_hdr);
         m_json["lockAddress"] = call.m_body.m_lockAddress;
         m_json["funcVa"] = call.m_body.m_funcVa;
+        m_json["funcName"] = NameOf(call.m_body.m_funcVa, call.m_hdr.m_startTime);
         m_json["parId"] = call.m_body.m_parId;
         m_json["retValue"] = call.m_body.m_retValue;
         m_json["csSize"] = call.m_body.m_csSize;
@@ -56,6 +64,10 @@ struct JsonWriter
         Call(call.m_hdr);
         const bool isNumber = (call.m_hdr.m_flags & ZORV_UMT_FLAG_SYSCALL_ID) != 0;
         m_json[isNumber ? "sysCallId" : "funcVa"] = call.m_body.m_funcVa;
+        if (!isNumber)
+        {
+            m_json["funcName"] = NameOf(call.m_body.m_funcVa, call.m_hdr.m_startTime);
+        }
         m_json["parId"] = call.m_body.m_parId;
         m_json["sysValue"] = call.m_body.m_sysValue;
         m_json["csSize"] = call.m_body.m_csSize;
@@ -81,6 +93,14 @@ struct JsonWriter
         m_json["parId"] = sample.m_body.m_parId;
         m_json["csLen"] = sample.m_body.m_csLen;
         m_json["callStack"] = sample.m_callStack;
+        Json frames = Json::array();
+        const uint64_t time = sample.m_hdr.m_startTime;
+        const std::size_t own = FirstOwnFrame(m_pSymbols, sample.m_callStack, time);
+        for (std::size_t i = 0; i < sample.m_callStack.size(); ++i)
+        {
+            frames.push_back(NameOf(FrameAddress(m_pSymbols, sample.m_callStack, i, own, time), time));
+        }
+        m_json["frames"] = std::move(frames);
         Json events = Json::array();
         for (const ZorvUmsEventData& event : sample.m_events)
         {
@@ -147,13 +167,13 @@ std::string HeaderAsJson(const RecordFile& file)
                  {"mpiRankId", file.m_header.m_mpiRankId}});
 }
 
-std::string RecordAsJson(const RecordFile& file, const Record& record)
+std::string RecordAsJson(const RecordFile& file, const Record& record, ProcessSymbols* pSymbols)
 {
     Json json = {{"file", file.m_path},
                  {"offset", record.m_offset},
                  {"type", RecordTypeName(file.m_kind, record.m_type)},
                  {"size", record.m_size}};
-    std::visit(JsonWriter{json}, record.m_body);
+    std::visit(JsonWriter{json, pSymbols}, record.m_body);
     return Line(json);
 }
 

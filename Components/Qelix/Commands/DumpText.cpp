@@ -15,6 +15,7 @@ namespace
 struct TextWriter
 {
     std::back_insert_iterator<std::string> m_out;
+    ProcessSymbols* m_pSymbols;
 
     template <typename... Args> void Put(fmt::format_string<Args...> format, Args&&... args) const
     {
@@ -49,11 +50,29 @@ struct TextWriter
         }
     }
 
+    // Behind the address the name, where one is known.
+    void Function(uint64_t address, uint64_t time) const
+    {
+        const std::string name = CallName(m_pSymbols, address, time);
+        Put(" func={:#x}{}", address, name.starts_with("0x") ? "" : fmt::format("({})", PrintableText(name)));
+    }
+
+    void Frames(const std::vector<uint64_t>& stack, uint64_t time) const
+    {
+        const std::size_t own = FirstOwnFrame(m_pSymbols, stack, time);
+        for (std::size_t i = 0; i < stack.size(); ++i)
+        {
+            Put("{}{}", i == 0 ? " frames=" : ",",
+                PrintableText(CallName(m_pSymbols, FrameAddress(m_pSymbols, stack, i, own, time), time)));
+        }
+    }
+
     void operator()(const PthreadRecord& call) const
     {
         Call(call.m_hdr);
-        Put(" lock={:#x} func={:#x} par={} ret={}", call.m_body.m_lockAddress, call.m_body.m_funcVa,
-            call.m_body.m_parId, call.m_body.m_retValue);
+        Put(" lock={:#x}", call.m_body.m_lockAddress);
+        Function(call.m_body.m_funcVa, call.m_hdr.m_startTime);
+        Put(" par={} ret={}", call.m_body.m_parId, call.m_body.m_retValue);
         Addresses("stack", call.m_callStack);
     }
 
@@ -66,7 +85,7 @@ struct TextWriter
         }
         else
         {
-            Put(" func={:#x}", call.m_body.m_funcVa);
+            Function(call.m_body.m_funcVa, call.m_hdr.m_startTime);
         }
         Put(" par={} value={}", call.m_body.m_parId, call.m_body.m_sysValue);
         Addresses("stack", call.m_callStack);
@@ -89,6 +108,7 @@ struct TextWriter
         Sample(sample.m_hdr);
         Put(" par={}", sample.m_body.m_parId);
         Addresses("stack", sample.m_callStack);
+        Frames(sample.m_callStack, sample.m_hdr.m_startTime);
         for (const ZorvUmsEventData& event : sample.m_events)
         {
             Put(" event={}:count={}:enabled={}:running={}", event.m_id, event.m_eventCount, event.m_timeEnabled,
@@ -134,11 +154,11 @@ std::string HeaderAsText(const RecordFile& file)
                        header.m_fileVersion, header.m_pid, header.m_mpiRankId);
 }
 
-std::string RecordAsText(const RecordFile& file, const Record& record)
+std::string RecordAsText(const RecordFile& file, const Record& record, ProcessSymbols* pSymbols)
 {
     std::string line = fmt::format("{:>10}  {} size={}", record.m_offset,
                                    RecordTypeName(file.m_kind, record.m_type), record.m_size);
-    std::visit(TextWriter{std::back_inserter(line)}, record.m_body);
+    std::visit(TextWriter{std::back_inserter(line), pSymbols}, record.m_body);
     return line + '\n';
 }
 

@@ -14,11 +14,13 @@ struct ReportOptions
 {
     std::string m_session;
     bool m_isJson = false;
+    bool m_withAgentFrames = false;
 };
 
 int Report(const ReportOptions& options)
 {
-    const SessionFacts session = ReadSessionFacts(options.m_session);
+    const SessionFacts session =
+        ReadSessionFacts(options.m_session, {.m_withAgentFrames = options.m_withAgentFrames});
     PrintOut(options.m_isJson ? ReportJson(session) : ReportText(session));
     return IsDamaged(session) ? ZORV_STATUS_DAMAGED : 0;
 }
@@ -28,11 +30,14 @@ int Report(const ReportOptions& options)
 void AddReportCommand(CLI::App* pApp, int* pStatus)
 {
     const auto pOptions = std::make_shared<ReportOptions>();
-    CLI::App* pReport = pApp->add_subcommand("report", "Say where the threads of a recorded session waited");
+    CLI::App* pReport =
+        pApp->add_subcommand("report", "Say where the threads of a recorded session waited and burnt CPU");
     pReport->add_option("DIR", pOptions->m_session, "Session directory, as qelix run has made it")
         ->required()
         ->type_name("");
     pReport->add_flag("--json", pOptions->m_isJson, "The same facts as one JSON object");
+    pReport->add_flag("--agent-frames", pOptions->m_withAgentFrames,
+                      "Show the frames of the agent's signal handler too");
     pReport->callback([pOptions, pStatus] { *pStatus = Report(*pOptions); });
 }
 

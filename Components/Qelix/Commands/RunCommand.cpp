@@ -1,19 +1,24 @@
 #include "Commands/Commands.h"
+#include "Commands/RunOptions.h"
 #include "Report/Report.h"
 #include "Session/AgentConfiguration.h"
 #include "Session/AgentReports.h"
 #include "Session/ControlBlock.h"
 #include "Session/Failure.h"
 #include "Session/LauncherStandIn.h"
+#include "Session/ProcessWatch.h"
+#include "Session/ProgramCheck.h"
 #include "Session/ProgramRun.h"
 #include "Session/ProgramSearch.h"
 #include "Session/SessionDirectory.h"
+#include "Session/SessionRecord.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,54 +28,46 @@ namespace qelix
 namespace
 {
 
-// An uncontended call takes some 20 ns: what is this short was no waiting.
-constexpr uint64_t ZORV_DEFAULT_THRESHOLD_NS = 1000;
-
-struct RunOptions
+// What has been decided before anything is made.
+struct RunPlan
 {
-    std::string m_directory;
-    uint64_t m_thresholdNs = ZORV_DEFAULT_THRESHOLD_NS;
-    bool m_profileChildren = true;
-    std::vector<std::string> m_command;
+    std::string m_program;
+    std::string m_agent;
+    Thresholds m_thresholds;
+    std::optional<SampleSettings> m_sampling;
+    uint64_t m_tickNs;
 };
-
-// The library's own conversion takes "-5" for a very large number.
-std::string WholeNumber(const std::string& text)
-{
-    uint64_t value;
-    const auto [pEnd, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    const bool isWhole = error == std::errc() && pEnd == text.data() + text.size();
-    return isWhole ? "" : fmt::format("{} is no whole number from 0 to {}", text, UINT64_MAX);
-}
 
 struct ProgramEnd
 {
     pid_t m_pid;
     int m_waitStatus;
     std::string m_blockName;
+    std::map<pid_t, pid_t> m_parentOf;
 };
 
-// The block and the stand-in live exactly as long as the program.
-ProgramEnd RunUnderAgent(const RunOptions& options, const std::string& program, const std::string& agent,
-                         const std::string& sessionPath)
+// The block, the stand-in and the watch live exactly as long as the program.
+ProgramEnd RunUnderAgent(const RunOptions& options, const RunPlan& plan, const std::string& sessionPath)
 {
     const SignalGuard guard;
     const LauncherStandIn standIn;
     const ControlBlock block;
-    WriteConfiguration(
-        {sessionPath, agent, block.m_name, standIn.m_pid, options.m_thresholdNs, options.m_profileChildren});
-    const ProgramStart start{program, options.m_command, ProgramEnvironment(agent, sessionPath)};
+    WriteConfiguration({sessionPath, plan.m_agent, block.m_name, standIn.m_pid, plan.m_thresholds,
+                        options.m_profileChildren, plan.m_sampling});
+    ProcessWatch watch(sessionPath);
+    const ProgramStart start{plan.m_program, options.m_command, ProgramEnvironment(plan.m_agent, sessionPath)};
     const pid_t pid = StartProgram(start, guard);
+    // A qelix that is killed leaves this behind.
+    WriteSessionRecord(sessionPath, {options.m_command, pid, plan.m_tickNs, {}, std::nullopt});
     const int waitStatus = WaitForProgram(pid, guard);
-    return {pid, waitStatus, block.m_name};
+    return {pid, waitStatus, block.m_name, watch.Finish()};
 }
 
-ProgramEnd RunInSession(const RunOptions& options, const std::string& program, const std::string& agent,
-                        const SessionDirectory& session)
+ProgramEnd RunInSession(const RunOptions& options, const RunPlan& plan, const SessionDirectory& session)
 {
     try
     {
-        return RunUnderAgent(options, program, agent, session.m_path);
+        return RunUnderAgent(options, plan, session.m_path);
     }
     catch (...)
     {
@@ -121,18 +118,35 @@ void ReportRun(const std::string& sessionPath)
     }
 }
 
-int Run(const RunOptions& options)
+RunPlan PlanOf(const RunOptions& options)
 {
     if (options.m_command.empty())
     {
         throw Failure(ZORV_STATUS_OWN_FAILURE, "no program to run; say: qelix run -- PROGRAM ARGS...");
     }
-    const std::string program = FindProgram(options.m_command.front());
-    const std::string agent = FindAgent();
+    RunPlan plan;
+    plan.m_tickNs = KernelTickNs();
+    plan.m_thresholds = ThresholdsOf(options);
+    plan.m_sampling = SamplingOf(options, plan.m_tickNs);
+    plan.m_program = FindProgram(options.m_command.front());
+    RequireTraceable(plan.m_program);
+    if (IsAnyClassOn(plan.m_thresholds))
+    {
+        RequireTraceablePreloads(getenv("LD_PRELOAD"));
+    }
+    plan.m_agent = FindAgent();
+    return plan;
+}
+
+int Run(const RunOptions& options)
+{
+    const RunPlan plan = PlanOf(options);
     const SessionDirectory session = MakeSessionDirectory(
         options.m_directory.empty() ? DefaultSessionName(options.m_command.front(), getpid())
                                     : options.m_directory);
-    const ProgramEnd end = RunInSession(options, program, agent, session);
+    const ProgramEnd end = RunInSession(options, plan, session);
+    WriteSessionRecord(session.m_path,
+                       {options.m_command, end.m_pid, plan.m_tickNs, end.m_parentOf, end.m_waitStatus});
     const Outcome outcome = OutcomeOf(end, ReadAgentErrors(session.m_path));
     PrintNote(fmt::format("{} {}", options.m_command.front(), outcome.m_text));
     ReportRun(session.m_path);
@@ -145,23 +159,10 @@ int Run(const RunOptions& options)
 void AddRunCommand(CLI::App* pApp, const std::vector<std::string>* pBehindMark, int* pStatus)
 {
     const auto pOptions = std::make_shared<RunOptions>();
-    CLI::App* pRun =
-        pApp->add_subcommand("run", "Run a program under the agent and report where its threads waited:\n"
-                                    "qelix run [OPTIONS] -- PROGRAM ARGS...");
-    pRun->add_option("-o,--output", pOptions->m_directory, "Session directory (default: qelix-PROGRAM-PID)")
-        ->type_name("DIR");
-    pRun->add_option("--threshold", pOptions->m_thresholdNs,
-                     "Record only calls that take at least so many nanoseconds")
-        ->type_name("NS")
-        ->check(WholeNumber)
-        ->capture_default_str();
-    CLI::Option* pChildren = pRun->add_flag_callback(
-        "--children", [pOptions] { pOptions->m_profileChildren = true; },
-        "Record child processes too (the default)");
-    pRun->add_flag_callback(
-            "--no-children", [pOptions] { pOptions->m_profileChildren = false; },
-            "Record the program itself only")
-        ->excludes(pChildren);
+    CLI::App* pRun = pApp->add_subcommand(
+        "run", "Run a program under the agent and report where its threads waited and burnt CPU:\n"
+               "qelix run [OPTIONS] -- PROGRAM ARGS...");
+    AddRunOptions(pRun, pOptions.get());
     pRun->prefix_command(); // what comes behind our options is the program's
     pRun->footer(
         "Leaves with the program's status, 128 + n after signal n; 127: no such program, 126: it cannot be "

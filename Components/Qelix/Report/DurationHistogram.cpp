@@ -39,6 +39,17 @@ void AddDuration(DurationHistogram* pHistogram, uint64_t nanoseconds)
     ++pHistogram->m_count;
 }
 
+void AddDurations(DurationHistogram* pHistogram, const DurationHistogram& more)
+{
+    for (const auto& [index, bucket] : more.m_buckets)
+    {
+        DurationBucket& own = pHistogram->m_buckets[index];
+        own.m_count += bucket.m_count;
+        own.m_sum += bucket.m_sum;
+    }
+    pHistogram->m_count += more.m_count;
+}
+
 uint64_t Percentile(const DurationHistogram& histogram, unsigned percent)
 {
     std::vector<std::pair<uint32_t, DurationBucket>> buckets(histogram.m_buckets.begin(),

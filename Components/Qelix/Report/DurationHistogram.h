@@ -22,6 +22,7 @@ struct DurationHistogram
 };
 
 void AddDuration(DurationHistogram* pHistogram, uint64_t nanoseconds);
+void AddDurations(DurationHistogram* pHistogram, const DurationHistogram& more);
 
 // Nearest rank: the smallest duration that at least `percent` of all do not exceed; 0 without durations.
 uint64_t Percentile(const DurationHistogram& histogram, unsigned percent);

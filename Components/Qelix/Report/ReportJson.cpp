@@ -1,5 +1,7 @@
+#include "Report/CpuFacts.h"
 #include "Report/Report.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 namespace qelix
@@ -9,26 +11,51 @@ namespace
 
 using Json = nlohmann::ordered_json;
 
-Json CallsJson(const CallKind& kind, const CallFacts& facts)
+Json FactsJson(const CallFacts& facts)
 {
-    return {{"kind", kind.m_pName},
-            {"calls", facts.m_calls},
+    return {{"calls", facts.m_calls},
             {"neverReturned", facts.m_neverReturned},
             {"untimed", facts.m_untimed},
             {"totalNs", facts.m_totalNs},
+            {"meanNs", MeanNs(facts)},
             {"longestNs", facts.m_longestNs},
             {"p50Ns", Percentile(facts.m_durations, 50)},
+            {"p95Ns", Percentile(facts.m_durations, 95)},
             {"p99Ns", Percentile(facts.m_durations, 99)}};
+}
+
+Json CallsJson(const NamedCalls& calls)
+{
+    Json json = {{"class", TraceClassName(ClassOf(*calls.m_pKind))},
+                 {"kind", calls.m_pKind->m_pName},
+                 {"name", calls.m_name}};
+    json.update(FactsJson(calls.m_facts));
+    return json;
+}
+
+Json ClassesJson(const std::vector<std::pair<TraceClass, CallFacts>>& classes)
+{
+    Json list = Json::array();
+    for (const auto& [traceClass, facts] : classes)
+    {
+        Json json = {{"class", TraceClassName(traceClass)}};
+        json.update(FactsJson(facts));
+        list.push_back(std::move(json));
+    }
+    return list;
 }
 
 Json ThreadJson(const ThreadFacts& thread)
 {
     Json calls = Json::array();
-    for (const auto& [pKind, facts] : thread.m_calls)
+    for (const NamedCalls& named : thread.m_calls)
     {
-        calls.push_back(CallsJson(*pKind, facts));
+        calls.push_back(CallsJson(named));
     }
-    return {{"tid", thread.m_tid}, {"name", thread.m_name}, {"totalNs", thread.m_totalNs}, {"calls", calls}};
+    Json json = {{"tid", thread.m_tid}, {"name", thread.m_name}, {"totalNs", thread.m_totalNs}};
+    json["classes"] = ClassesJson(CallsByClass(thread.m_calls));
+    json["calls"] = std::move(calls);
+    return json;
 }
 
 Json DamageJson(const Damage& damage)
@@ -36,29 +63,118 @@ Json DamageJson(const Damage& damage)
     return {{"offset", damage.m_offset}, {"reason", damage.m_reason}, {"remedy", DamageRemedy(damage.m_kind)}};
 }
 
-Json ProcessJson(const ProcessFacts& process)
+Json OptionalDamageJson(const std::optional<Damage>& damage)
 {
+    return damage ? DamageJson(*damage) : Json(nullptr);
+}
+
+Json ProcessJson(const SessionFacts& session, const ProcessFacts& process)
+{
+    const TraceFacts& trace = process.m_trace;
     Json threads = Json::array();
-    for (const ThreadFacts& thread : process.m_threads)
+    for (const ThreadFacts& thread : trace.m_threads)
     {
         threads.push_back(ThreadJson(thread));
     }
-    Json json = {{"file", process.m_path},
-                 {"pid", process.m_pid},
-                 {"name", process.m_name},
-                 {"mpiRankId", process.m_mpiRankId},
-                 {"isEmpty", process.m_isEmpty},
-                 {"totalNs", process.m_totalNs},
-                 {"unreadBytes", process.m_unreadBytes}};
-    json["damage"] = process.m_damage ? DamageJson(*process.m_damage) : Json(nullptr);
+    const auto parent = session.m_tree.m_parentOf.find(static_cast<pid_t>(process.m_pid));
+    Json json = {{"file", trace.m_path}, {"pid", process.m_pid}};
+    json["parent"] = parent != session.m_tree.m_parentOf.end() ? Json(parent->second) : Json(nullptr);
+    json["name"] = process.m_name;
+    json["mpiRankId"] = process.m_mpiRankId;
+    json["isEmpty"] = trace.m_isEmpty;
+    json["totalNs"] = trace.m_totalNs;
+    json["samples"] = process.m_samples.m_samples;
+    json["unreadBytes"] = trace.m_unreadBytes;
+    json["damage"] = OptionalDamageJson(trace.m_damage);
+    json["sampleDamage"] = OptionalDamageJson(process.m_samples.m_damage);
+    json["metadataDamage"] = OptionalDamageJson(process.m_mapDamage);
+    json["classes"] = ClassesJson(CallsByClass(trace));
     json["threads"] = std::move(threads);
+    return json;
+}
+
+Json UnrecordedJson(const SessionFacts& session)
+{
+    Json list = Json::array();
+    for (const UnrecordedProcess& process : session.m_tree.m_unrecorded)
+    {
+        const auto parent = session.m_tree.m_parentOf.find(process.m_pid);
+        Json json = {{"pid", process.m_pid}};
+        json["parent"] = parent != session.m_tree.m_parentOf.end() ? Json(parent->second) : Json(nullptr);
+        json["program"] = process.m_program;
+        json["reason"] = process.m_reason;
+        list.push_back(std::move(json));
+    }
+    return list;
+}
+
+Json FunctionsJson(const SessionFacts& session, const FunctionCounts& counts)
+{
+    Json list = Json::array();
+    for (const FunctionRow& row : RankedFunctions(*session.m_pSymbolizer, counts))
+    {
+        list.push_back({{"name", row.m_pFunction->m_name},
+                        {"module", row.m_pFunction->m_module},
+                        {"self", row.m_count.m_self},
+                        {"total", row.m_count.m_total}});
+    }
+    return list;
+}
+
+Json CpuThreadsJson(const SessionFacts& session)
+{
+    Json list = Json::array();
+    for (const auto& [pProcess, pThread] : RankedThreads(session))
+    {
+        Json events = Json::array();
+        for (std::size_t i = 0; i < std::min(pThread->m_eventSums.size(), pProcess->m_samples.m_events.size());
+             ++i)
+        {
+            events.push_back({{"code", pProcess->m_samples.m_events[i]}, {"count", pThread->m_eventSums[i]}});
+        }
+        list.push_back({{"pid", pProcess->m_pid},
+                        {"tid", pThread->m_tid},
+                        {"name", pThread->m_name},
+                        {"samples", pThread->m_samples},
+                        {"truncated", pThread->m_truncated},
+                        {"events", events},
+                        {"functions", FunctionsJson(session, pThread->m_functions)}});
+    }
+    return list;
+}
+
+Json CpuJson(const SessionFacts& session)
+{
+    const FunctionCounts counts = FunctionsOf(session);
+    Json modules = Json::array();
+    for (const ModuleRow& row : RankedModules(*session.m_pSymbolizer, counts))
+    {
+        modules.push_back({{"path", row.m_path}, {"self", row.m_self}});
+    }
+    Json processes = Json::array();
+    for (const ProcessFacts& process : session.m_processes)
+    {
+        if (process.m_samples.m_samples != 0)
+        {
+            processes.push_back({{"pid", process.m_pid},
+                                 {"name", process.m_name},
+                                 {"samples", process.m_samples.m_samples},
+                                 {"functions", FunctionsJson(session, FunctionsOf(process.m_samples))}});
+        }
+    }
+    Json json = {{"samples", SampleCount(session)}, {"periodNs", session.m_periodNs}};
+    json["functions"] = FunctionsJson(session, counts);
+    json["modules"] = std::move(modules);
+    json["processes"] = std::move(processes);
+    json["threads"] = CpuThreadsJson(session);
     return json;
 }
 
 Json LockJson(const LockFacts& lock)
 {
     Json json = {{"address", lock.m_address}, {"pid", lock.m_pid}};
-    json.update(CallsJson(*lock.m_pKind, lock.m_calls));
+    json["kind"] = lock.m_pKind->m_pName;
+    json.update(FactsJson(lock.m_calls));
     json["threads"] = lock.m_tids;
     return json;
 }
@@ -68,9 +184,26 @@ Json NeverReturnedJson(const NeverReturned& call)
     return {{"pid", call.m_pid},
             {"tid", call.m_tid},
             {"kind", call.m_pKind->m_pName},
+            {"name", call.m_name},
             {"address", call.m_address},
             {"startTime", call.m_startTime},
             {"atLeastNs", call.m_atLeastNs}};
+}
+
+// By class; null for one that is off. The whole is null when the session does not tell.
+Json ThresholdsJson(const std::optional<Thresholds>& thresholds)
+{
+    if (!thresholds)
+    {
+        return nullptr;
+    }
+    Json json;
+    for (int i = 0; i < ZORV_CLASS_COUNT; ++i)
+    {
+        json[TraceClassName(static_cast<TraceClass>(i))] =
+            (*thresholds)[i] ? Json(*(*thresholds)[i]) : Json(nullptr);
+    }
+    return json;
 }
 
 Json AgentJson(const SessionFacts& session)
@@ -85,6 +218,7 @@ Json AgentJson(const SessionFacts& session)
     }
     return {{"lostTraceRecords", session.m_log.m_lostTraceRecords},
             {"lostSampleRecords", session.m_log.m_lostSampleRecords},
+            {"timerOverruns", session.m_log.m_timerOverruns},
             {"logErrorLines", session.m_log.m_errorLines},
             {"firstLogError", session.m_log.m_firstError},
             {"firstLogErrorFile", session.m_log.m_firstErrorFile},
@@ -100,8 +234,8 @@ std::string ReportJson(const SessionFacts& session)
     Json neverReturned = Json::array();
     for (const ProcessFacts& process : session.m_processes)
     {
-        processes.push_back(ProcessJson(process));
-        for (const NeverReturned& call : process.m_neverReturned)
+        processes.push_back(ProcessJson(session, process));
+        for (const NeverReturned& call : process.m_trace.m_neverReturned)
         {
             neverReturned.push_back(NeverReturnedJson(call));
         }
@@ -111,10 +245,12 @@ std::string ReportJson(const SessionFacts& session)
         locks.push_back(LockJson(lock));
     }
     Json json = {{"session", session.m_path}};
-    json["thresholdNs"] = session.m_thresholdNs ? Json(*session.m_thresholdNs) : Json(nullptr);
+    json["thresholdsNs"] = ThresholdsJson(session.m_settings.m_thresholds);
     json["processes"] = std::move(processes);
+    json["unrecorded"] = UnrecordedJson(session);
     json["locks"] = std::move(locks);
     json["neverReturned"] = std::move(neverReturned);
+    json["cpu"] = CpuJson(session);
     json["agent"] = AgentJson(session);
     // Names come from the program: bytes that are no UTF-8 are replaced rather than refused.
     return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";

@@ -1,18 +1,12 @@
 #include "Report/Report.h"
+#include "Report/TextParts.h"
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <iterator>
+#include <map>
 
 namespace qelix
 {
-namespace
-{
-
-constexpr std::size_t ZORV_NAMES_SHOWN = 4;    // threads named beside a lock
-constexpr std::size_t ZORV_BLOCKED_SHOWN = 50; // calls that never returned; the JSON form has all
-
-using Lines = std::back_insert_iterator<std::string>;
 
 std::string NameOr(const std::string& name, const char* pOtherwise)
 {
@@ -24,11 +18,17 @@ std::string Plural(uint64_t count, const char* pSingular, const char* pPlural)
     return fmt::format("{} {}", count, count == 1 ? pSingular : pPlural);
 }
 
+namespace
+{
+
+constexpr std::size_t ZORV_NAMES_SHOWN = 4;    // threads named beside a lock
+constexpr std::size_t ZORV_BLOCKED_SHOWN = 50; // calls that never returned; the JSON form has all
+
 const ThreadFacts* FindThread(const SessionFacts& session, int64_t pid, int32_t tid)
 {
     for (const ProcessFacts& process : session.m_processes)
     {
-        for (const ThreadFacts& thread : process.m_threads)
+        for (const ThreadFacts& thread : process.m_trace.m_threads)
         {
             if (process.m_pid == pid && thread.m_tid == tid)
             {
@@ -45,84 +45,66 @@ std::string ThreadLabel(const SessionFacts& session, int64_t pid, int32_t tid)
     return fmt::format("{} ({})", NameOr(pThread != nullptr ? pThread->m_name : "", "-"), tid);
 }
 
+uint64_t CountCalls(const TraceFacts& process)
+{
+    uint64_t count = 0;
+    for (const ThreadFacts& thread : process.m_threads)
+    {
+        for (const NamedCalls& calls : thread.m_calls)
+        {
+            count += calls.m_facts.m_calls;
+        }
+    }
+    return count;
+}
+
+std::size_t CountThreads(const ProcessFacts& process)
+{
+    return std::max(process.m_trace.m_threads.size(), process.m_samples.m_threads.size());
+}
+
+// What was too short to be recorded, and what was not asked for.
+void WriteThresholds(Lines out, const Thresholds& thresholds)
+{
+    std::map<uint64_t, std::string> classesOf;
+    std::string off;
+    for (int i = 0; i < ZORV_CLASS_COUNT; ++i)
+    {
+        const char* pName = TraceClassName(static_cast<TraceClass>(i));
+        std::string& list = thresholds[i] ? classesOf[*thresholds[i]] : off;
+        list += (list.empty() ? "" : ", ") + std::string(pName);
+    }
+    for (const auto& [threshold, classes] : classesOf)
+    {
+        if (threshold != 0)
+        {
+            fmt::format_to(out, "calls shorter than {} were not recorded: {}\n", DurationText(threshold),
+                           classes);
+        }
+    }
+    if (!off.empty())
+    {
+        fmt::format_to(out, "not traced: {}\n", off);
+    }
+}
+
 void WriteHead(Lines out, const SessionFacts& session)
 {
     uint64_t threads = 0;
     uint64_t calls = 0;
     for (const ProcessFacts& process : session.m_processes)
     {
-        threads += process.m_threads.size();
-        for (const ThreadFacts& thread : process.m_threads)
-        {
-            for (const auto& [pKind, facts] : thread.m_calls)
-            {
-                calls += facts.m_calls;
-            }
-        }
+        threads += CountThreads(process);
+        calls += CountCalls(process.m_trace);
     }
-    fmt::format_to(out, "session {}: {}, {}, {} recorded\n", PrintableText(session.m_path),
+    const uint64_t samples = SampleCount(session);
+    fmt::format_to(out, "session {}: {}, {}, {}{} recorded\n", PrintableText(session.m_path),
                    Plural(session.m_processes.size(), "process", "processes"),
-                   Plural(threads, "thread", "threads"), Plural(calls, "call", "calls"));
-    if (session.m_thresholdNs.value_or(0) != 0)
+                   Plural(threads, "thread", "threads"), Plural(calls, "call", "calls"),
+                   samples != 0 ? " and " + Plural(samples, "sample", "samples") : "");
+    if (session.m_settings.m_thresholds)
     {
-        fmt::format_to(out, "calls shorter than {} were not recorded\n", DurationText(*session.m_thresholdNs));
-    }
-}
-
-// A dash where no call of the row has a duration: none has returned, or the clock failed.
-std::string DurationOf(const CallFacts& facts, uint64_t nanoseconds)
-{
-    return facts.m_durations.m_count == 0 ? "-" : DurationText(nanoseconds);
-}
-
-constexpr const char* ZORV_CALL_ROW = "  {:<20} {:>8}  {:<16} {:>9} {:>9} {:>9} {:>9} {:>9}\n";
-
-void WriteCalls(Lines out, const ThreadFacts& thread)
-{
-    std::vector<std::pair<const CallKind*, const CallFacts*>> rows;
-    for (const auto& [pKind, facts] : thread.m_calls)
-    {
-        rows.emplace_back(pKind, &facts);
-    }
-    std::stable_sort(rows.begin(), rows.end(),
-                     [](const auto& a, const auto& b) { return a.second->m_totalNs > b.second->m_totalNs; });
-    std::string label = NameOr(thread.m_name, "-");
-    std::string tid = fmt::format("{}", thread.m_tid);
-    for (const auto& [pKind, pFacts] : rows)
-    {
-        const CallFacts& facts = *pFacts;
-        fmt::format_to(out, fmt::runtime(ZORV_CALL_ROW), label, tid, pKind->m_pName, facts.m_calls,
-                       DurationOf(facts, facts.m_totalNs), DurationOf(facts, facts.m_longestNs),
-                       DurationOf(facts, Percentile(facts.m_durations, 50)),
-                       DurationOf(facts, Percentile(facts.m_durations, 99)));
-        label.clear();
-        tid.clear();
-    }
-}
-
-void WriteProcess(Lines out, const ProcessFacts& process)
-{
-    fmt::format_to(out, "\nprocess {} {}{}\n", process.m_pid, NameOr(process.m_name, "-"),
-                   process.m_mpiRankId != 0 ? fmt::format(", rank {}", process.m_mpiRankId) : "");
-    const auto quiet = std::count_if(process.m_threads.begin(), process.m_threads.end(),
-                                     [](const ThreadFacts& thread) { return thread.m_calls.empty(); });
-    if (quiet < std::ssize(process.m_threads))
-    {
-        fmt::format_to(out, fmt::runtime(ZORV_CALL_ROW), "thread", "tid", "call", "calls", "total", "longest",
-                       "p50", "p99");
-    }
-    for (const ThreadFacts& thread : process.m_threads)
-    {
-        WriteCalls(out, thread);
-    }
-    if (quiet != 0)
-    {
-        fmt::format_to(out, "  {} without a recorded call\n", Plural(quiet, "thread", "threads"));
-    }
-    if (process.m_threads.empty())
-    {
-        fmt::format_to(out,
-                       "  no record: the process ended before its records were written, or is still running\n");
+        WriteThresholds(out, *session.m_settings.m_thresholds);
     }
 }
 
@@ -158,17 +140,17 @@ void WriteNeverReturned(Lines out, const SessionFacts& session)
     std::size_t count = 0;
     for (const ProcessFacts& process : session.m_processes)
     {
-        for (const NeverReturned& call : process.m_neverReturned)
+        for (const NeverReturned& call : process.m_trace.m_neverReturned)
         {
             if (count == 0)
             {
-                fmt::format_to(out, "\ncalls that never returned\n  {:>8} {:<28} {:<10} {:<18} {}\n", "process",
+                fmt::format_to(out, "\ncalls that never returned\n  {:>8} {:<28} {:<24} {:<18} {}\n", "process",
                                "thread", "call", "address", "lasted at least");
             }
             if (count++ < ZORV_BLOCKED_SHOWN)
             {
-                fmt::format_to(out, "  {:>8} {:<28} {:<10} {:<#18x} {}\n", call.m_pid,
-                               ThreadLabel(session, call.m_pid, call.m_tid), call.m_pKind->m_pName,
+                fmt::format_to(out, "  {:>8} {:<28} {:<24} {:<#18x} {}\n", call.m_pid,
+                               ThreadLabel(session, call.m_pid, call.m_tid), PrintableText(call.m_name),
                                call.m_address, DurationText(call.m_atLeastNs));
             }
         }
@@ -179,59 +161,36 @@ void WriteNeverReturned(Lines out, const SessionFacts& session)
     }
 }
 
-void WriteProcessCaution(Lines out, const ProcessFacts& process)
+const ProcessFacts* FindProcess(const SessionFacts& session, pid_t pid)
 {
-    if (process.m_damage)
-    {
-        fmt::format_to(out, "damaged: {}\n", DamageMessage(*process.m_damage));
-    }
-    else if (process.m_isEmpty)
-    {
-        fmt::format_to(out,
-                       "empty: {}; its process ended before the agent in it had started, or is still running\n",
-                       PrintableText(process.m_path));
-    }
-    if (process.m_unreadBytes != 0)
-    {
-        fmt::format_to(out, "end mark: {} has {} behind it that were not read\n", PrintableText(process.m_path),
-                       Plural(process.m_unreadBytes, "byte", "bytes"));
-    }
+    const auto found = std::find_if(session.m_processes.begin(), session.m_processes.end(),
+                                    [pid](const ProcessFacts& process) { return process.m_pid == pid; });
+    return found == session.m_processes.end() ? nullptr : &*found;
 }
 
-// What keeps this report from being the whole truth.
-void WriteCautions(Lines out, const SessionFacts& session)
+std::string TreeText(const SessionFacts& session, pid_t pid)
 {
+    const ProcessFacts* pProcess = FindProcess(session, pid);
     std::string text;
-    Lines lines(text);
-    if (session.m_processes.empty())
+    if (pProcess != nullptr)
     {
-        fmt::format_to(
-            lines, "no trace file: no process of the program loaded the agent (it may be linked statically, "
-                   "set-user-id or of another architecture)\n");
+        const uint64_t samples = pProcess->m_samples.m_samples;
+        text = fmt::format("{}: {}, {}, {}{}", NameOr(pProcess->m_name, "-"),
+                           Plural(CountThreads(*pProcess), "thread", "threads"),
+                           Plural(CountCalls(pProcess->m_trace), "call", "calls"),
+                           DurationText(pProcess->m_trace.m_totalNs),
+                           samples != 0 ? ", CPU " + DurationText(samples * session.m_periodNs) : "");
     }
-    for (const ProcessFacts& process : session.m_processes)
+    for (const UnrecordedProcess& process : session.m_tree.m_unrecorded)
     {
-        WriteProcessCaution(lines, process);
+        if (process.m_pid == pid)
+        {
+            text += fmt::format("{}{} without the agent: {}", pProcess == nullptr ? "" : "; then ",
+                                process.m_program.empty() ? "ran" : PrintableText(process.m_program) + " ran",
+                                process.m_reason);
+        }
     }
-    if (session.m_log.m_lostTraceRecords != 0)
-    {
-        fmt::format_to(lines, "lost: {} of calls that no memory could be had for\n",
-                       Plural(session.m_log.m_lostTraceRecords, "record", "records"));
-    }
-    if (session.m_log.m_errorLines != 0)
-    {
-        fmt::format_to(lines, "errors: {} in the agent's logs, the first in {}: {}\n",
-                       session.m_log.m_errorLines, PrintableText(session.m_log.m_firstErrorFile),
-                       PrintableText(session.m_log.m_firstError));
-    }
-    for (const AgentError& error : session.m_agentErrors)
-    {
-        fmt::format_to(lines, "{}\n", ExplainAgentError(error));
-    }
-    if (!text.empty())
-    {
-        fmt::format_to(out, "\n{}", text);
-    }
+    return text;
 }
 
 } // namespace
@@ -257,20 +216,41 @@ std::string DurationText(uint64_t nanoseconds)
     return fmt::format("{} ns", nanoseconds);
 }
 
+void WriteProcessTree(Lines out, const SessionFacts& session)
+{
+    std::vector<pid_t> recorded;
+    for (const ProcessFacts& process : session.m_processes)
+    {
+        recorded.push_back(static_cast<pid_t>(process.m_pid));
+    }
+    const std::vector<TreeRow> rows = TreeRows(session.m_tree, recorded);
+    if (rows.size() < 2)
+    {
+        return;
+    }
+    fmt::format_to(out, "\nprocesses\n");
+    for (const TreeRow& row : rows)
+    {
+        fmt::format_to(out, "  {:{}}{} {}\n", "", row.m_depth * 2, row.m_pid, TreeText(session, row.m_pid));
+    }
+}
+
 std::string ReportText(const SessionFacts& session)
 {
     std::string text;
     Lines out(text);
     WriteHead(out, session);
+    WriteProcessTree(out, session);
     for (const ProcessFacts& process : session.m_processes)
     {
-        if (!process.m_isEmpty)
+        if (!process.m_trace.m_isEmpty)
         {
-            WriteProcess(out, process);
+            WriteCalls(out, process);
         }
     }
     WriteLocks(out, session);
     WriteNeverReturned(out, session);
+    WriteCpu(out, session);
     WriteCautions(out, session);
     return text;
 }

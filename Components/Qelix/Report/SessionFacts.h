@@ -1,10 +1,14 @@
 // All that a report says of a session; the text and the JSON form print the same facts.
 #pragma once
 
+#include "Report/ProcessTree.h"
+#include "Report/SampleFacts.h"
 #include "Report/TraceFacts.h"
+#include "Session/AgentConfiguration.h"
 #include "Session/AgentReports.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,19 +16,39 @@
 namespace qelix
 {
 
+struct ProcessFacts
+{
+    int64_t m_pid = 0;
+    std::string m_name; // of its main thread
+    int32_t m_mpiRankId = 0;
+    TraceFacts m_trace;
+    ProcessSamples m_samples;
+    std::optional<Damage> m_mapDamage; // of the metadata file
+};
+
 struct SessionFacts
 {
     std::string m_path;
-    std::optional<uint64_t> m_thresholdNs; // shorter calls were not recorded
+    RecordedSettings m_settings;
+    uint64_t m_periodNs =
+        0; // CPU time that a sample stands for: the interval, or the tick where that is longer
+    std::shared_ptr<Symbolizer> m_pSymbolizer;
     std::vector<ProcessFacts> m_processes; // longest total first
-    std::vector<LockFacts> m_locks;        // the ten of the whole session
+    ProcessTree m_tree;
+    std::vector<LockFacts> m_locks; // the ten of the whole session
     std::vector<AgentError> m_agentErrors;
     AgentLogFacts m_log;
 };
 
 // Fails when the path is no session directory.
-SessionFacts ReadSessionFacts(const std::string& path);
+SessionFacts ReadSessionFacts(const std::string& path, const SampleView& view = {});
 
 bool IsDamaged(const SessionFacts& session);
+
+uint64_t SampleCount(const SessionFacts& session);
+
+// The calls of each class, in the order of the classes; those without a call are left out.
+std::vector<std::pair<TraceClass, CallFacts>> CallsByClass(const std::vector<NamedCalls>& calls);
+std::vector<std::pair<TraceClass, CallFacts>> CallsByClass(const TraceFacts& process);
 
 } // namespace qelix

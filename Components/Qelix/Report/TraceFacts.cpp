@@ -1,8 +1,12 @@
 #include "Report/TraceFacts.h"
 
 #include "Reader/RecordFile.h"
+#include "Report/ThreadNames.h"
 
 #include <algorithm>
+#include <fmt/format.h>
+#include <map>
+#include <sys/syscall.h>
 #include <tuple>
 #include <unordered_map>
 
@@ -26,30 +30,42 @@ struct LockKeyHash
     }
 };
 
-// A name that a thread was given at some time.
-struct NameFact
+struct CallKey
 {
-    int32_t m_tid; // -1: another thread gave it to the one that has this handle
-    uint64_t m_pthreadId;
-    uint64_t m_time;
-    std::string m_name;
+    const CallKind* m_pKind;
+    uint64_t m_function; // an address, or a system call's number
+    bool m_isNumber;
+    bool operator==(const CallKey&) const = default;
+};
+
+struct CallKeyHash
+{
+    std::size_t operator()(const CallKey& key) const
+    {
+        return std::hash<uint64_t>{}(key.m_function ^ (uint64_t{key.m_pKind->m_subType} << 56));
+    }
+};
+
+struct CallsOfKey
+{
+    uint64_t m_firstTime = 0; // what lay at the function's address is asked for this time
+    CallFacts m_facts;
+};
+
+struct GatheredThread
+{
+    std::unordered_map<CallKey, CallsOfKey, CallKeyHash> m_calls;
 };
 
 struct Gathering
 {
-    ProcessFacts m_process;
-    std::unordered_map<int32_t, ThreadFacts> m_threads;
+    TraceFacts m_process;
+    ProcessSymbols* m_pSymbols;
+    std::unordered_map<int32_t, GatheredThread> m_threads;
     std::unordered_map<LockKey, LockFacts, LockKeyHash> m_locks;
     std::vector<NameFact> m_names;
     uint64_t m_lastTime = 0;
 };
-
-ThreadFacts* ThreadOf(Gathering* pGathering, int32_t tid)
-{
-    ThreadFacts& thread = pGathering->m_threads[tid];
-    thread.m_tid = tid;
-    return &thread;
-}
 
 void NoteTime(Gathering* pGathering, uint64_t time)
 {
@@ -59,28 +75,14 @@ void NoteTime(Gathering* pGathering, uint64_t time)
     }
 }
 
-bool IsTimed(const ZorvUmtRecordHdr& hdr)
+std::string NameOfCall(ProcessSymbols* pSymbols, const CallKey& key, uint64_t time)
 {
-    return hdr.m_startTime != 0 && hdr.m_endTime != 0;
-}
-
-void AddCall(CallFacts* pFacts, const ZorvUmtRecordHdr& hdr)
-{
-    ++pFacts->m_calls;
-    if (hdr.m_endTime == ZORV_TIME_NOT_ENDED)
+    if (key.m_isNumber)
     {
-        ++pFacts->m_neverReturned;
-        return;
+        return key.m_function == SYS_futex ? "futex" : fmt::format("syscall({})", key.m_function);
     }
-    if (!IsTimed(hdr))
-    {
-        ++pFacts->m_untimed;
-        return;
-    }
-    const uint64_t duration = hdr.m_endTime - hdr.m_startTime;
-    pFacts->m_totalNs = SaturatingAdd(pFacts->m_totalNs, duration);
-    pFacts->m_longestNs = std::max(pFacts->m_longestNs, duration);
-    AddDuration(&pFacts->m_durations, duration);
+    const std::string name = CallName(pSymbols, key.m_function, time);
+    return name.starts_with("0x") ? fmt::format("{} {}", key.m_pKind->m_pName, name) : name;
 }
 
 void AddThreadOfLock(std::vector<int32_t>* pTids, int32_t tid)
@@ -92,10 +94,16 @@ void AddThreadOfLock(std::vector<int32_t>* pTids, int32_t tid)
     }
 }
 
-void TakeCall(Gathering* pGathering, const ZorvUmtRecordHdr& hdr, uint64_t address)
+void TakeCall(Gathering* pGathering, const ZorvUmtRecordHdr& hdr, uint64_t function, uint64_t address)
 {
     const CallKind* pKind = FindCallKind(hdr.m_recType, hdr.m_subType);
-    AddCall(&ThreadOf(pGathering, hdr.m_tid)->m_calls[pKind], hdr);
+    const CallKey key{pKind, function, (hdr.m_flags & ZORV_UMT_FLAG_SYSCALL_ID) != 0};
+    CallsOfKey& calls = pGathering->m_threads[hdr.m_tid].m_calls[key];
+    if (calls.m_facts.m_calls == 0)
+    {
+        calls.m_firstTime = hdr.m_startTime;
+    }
+    AddCall(&calls.m_facts, hdr);
     if (pKind->m_isLock)
     {
         LockFacts& lock = pGathering->m_locks[LockKey{address, pKind}];
@@ -106,7 +114,9 @@ void TakeCall(Gathering* pGathering, const ZorvUmtRecordHdr& hdr, uint64_t addre
     }
     if (hdr.m_endTime == ZORV_TIME_NOT_ENDED)
     {
-        pGathering->m_process.m_neverReturned.push_back({0, hdr.m_tid, pKind, address, hdr.m_startTime, 0});
+        pGathering->m_process.m_neverReturned.push_back(
+            {0, hdr.m_tid, pKind, NameOfCall(pGathering->m_pSymbols, key, hdr.m_startTime), address,
+             hdr.m_startTime, 0});
     }
     NoteTime(pGathering, hdr.m_startTime);
     NoteTime(pGathering, hdr.m_endTime);
@@ -118,12 +128,12 @@ struct RecordTaker
 
     void operator()(const PthreadRecord& call) const
     {
-        TakeCall(m_pGathering, call.m_hdr, call.m_body.m_lockAddress);
+        TakeCall(m_pGathering, call.m_hdr, call.m_body.m_funcVa, call.m_body.m_lockAddress);
     }
 
     void operator()(const SyscallRecord& call) const
     {
-        TakeCall(m_pGathering, call.m_hdr, 0);
+        TakeCall(m_pGathering, call.m_hdr, call.m_body.m_funcVa, 0);
     }
 
     void operator()(const TraceProcRecord& proc) const
@@ -133,7 +143,7 @@ struct RecordTaker
                                          std::string(RecordName(proc.m_body))});
         if (proc.m_hdr.m_tid > 0)
         {
-            ThreadOf(m_pGathering, proc.m_hdr.m_tid);
+            m_pGathering->m_threads[proc.m_hdr.m_tid];
         }
     }
 
@@ -145,55 +155,49 @@ struct RecordTaker
     template <typename T> void operator()(const T&) const {}
 };
 
-// Handles are used again after a thread's end: the one meant is the last that had it before the renaming.
-// The main thread's first record has no handle, so a name that others give to it can stay unresolved.
-void ResolveRenamed(std::vector<NameFact>* pNames)
+bool IsLonger(const NamedCalls& a, const NamedCalls& b)
 {
-    std::unordered_map<uint64_t, int32_t> tidOfHandle;
-    for (NameFact& name : *pNames) // by time
-    {
-        if (name.m_tid > 0)
-        {
-            tidOfHandle[name.m_pthreadId] = name.m_tid;
-        }
-        else if (const auto found = tidOfHandle.find(name.m_pthreadId); found != tidOfHandle.end())
-        {
-            name.m_tid = found->second;
-        }
-    }
+    return std::tie(b.m_facts.m_totalNs, a.m_pKind, a.m_name) <
+           std::tie(a.m_facts.m_totalNs, b.m_pKind, b.m_name);
 }
 
-void SettleNames(Gathering* pGathering)
+// One function can have had several addresses, and several objects can have a function of one name.
+std::vector<NamedCalls> NameCalls(ProcessSymbols* pSymbols, GatheredThread* pThread)
 {
-    std::vector<NameFact>& names = pGathering->m_names;
-    std::stable_sort(names.begin(), names.end(),
-                     [](const NameFact& a, const NameFact& b) { return a.m_time < b.m_time; });
-    ResolveRenamed(&names);
-    for (NameFact& name : names)
+    std::map<std::pair<const CallKind*, std::string>, CallFacts> byName;
+    for (auto& [key, calls] : pThread->m_calls)
     {
-        if (name.m_tid > 0)
-        {
-            ThreadOf(pGathering, name.m_tid)->m_name = std::move(name.m_name);
-        }
+        AddCalls(&byName[{key.m_pKind, NameOfCall(pSymbols, key, calls.m_firstTime)}], calls.m_facts);
     }
+    pThread->m_calls.clear();
+    std::vector<NamedCalls> named;
+    for (auto& [key, facts] : byName)
+    {
+        named.push_back({key.first, key.second, std::move(facts)});
+    }
+    std::sort(named.begin(), named.end(), IsLonger);
+    return named;
 }
 
 void SettleThreads(Gathering* pGathering)
 {
-    ProcessFacts& process = pGathering->m_process;
-    for (auto& [tid, thread] : pGathering->m_threads)
+    TraceFacts& process = pGathering->m_process;
+    std::unordered_map<int32_t, std::string> names = LastNames(std::move(pGathering->m_names));
+    for (const auto& [tid, name] : names)
     {
-        for (const auto& [pKind, calls] : thread.m_calls)
+        pGathering->m_threads[tid];
+    }
+    for (auto& [tid, gathered] : pGathering->m_threads)
+    {
+        ThreadFacts thread{tid, names[tid], NameCalls(pGathering->m_pSymbols, &gathered)};
+        for (const NamedCalls& calls : thread.m_calls)
         {
-            thread.m_totalNs = SaturatingAdd(thread.m_totalNs, calls.m_totalNs);
+            thread.m_totalNs = SaturatingAdd(thread.m_totalNs, calls.m_facts.m_totalNs);
         }
         process.m_totalNs = SaturatingAdd(process.m_totalNs, thread.m_totalNs);
-        if (tid == process.m_pid)
-        {
-            process.m_name = thread.m_name;
-        }
         process.m_threads.push_back(std::move(thread));
     }
+    process.m_name = names[static_cast<int32_t>(process.m_pid)];
     std::sort(process.m_threads.begin(), process.m_threads.end(),
               [](const ThreadFacts& a, const ThreadFacts& b)
               { return std::tuple(b.m_totalNs, a.m_tid) < std::tuple(a.m_totalNs, b.m_tid); });
@@ -201,7 +205,7 @@ void SettleThreads(Gathering* pGathering)
 
 void SettleLocks(Gathering* pGathering)
 {
-    ProcessFacts& process = pGathering->m_process;
+    TraceFacts& process = pGathering->m_process;
     for (auto& [key, lock] : pGathering->m_locks)
     {
         lock.m_pid = process.m_pid;
@@ -232,23 +236,32 @@ bool IsWorseLock(const LockFacts& a, const LockFacts& b)
            std::tuple(a.m_calls.m_totalNs, b.m_pid, b.m_address, b.m_pKind);
 }
 
-ProcessFacts ReadTraceFacts(const std::string& path)
+TraceClass ClassOf(const CallKind& kind)
+{
+    // The classes of system calls have the numbers of the records' sub-types.
+    static_assert(ZORV_CLASS_SLEEP == static_cast<int>(ZORV_SYSCALL_TYPE_SLEEP) &&
+                  ZORV_CLASS_SYSCALL == static_cast<int>(ZORV_SYSCALL_TYPE_OTHER));
+    return kind.m_recType == ZORV_UMT_RECORD_PTHREAD ? ZORV_CLASS_PTHREAD
+                                                     : static_cast<TraceClass>(kind.m_subType);
+}
+
+TraceFacts ReadTraceFacts(const std::string& path, ProcessSymbols* pSymbols)
 {
     Gathering gathering;
+    gathering.m_pSymbols = pSymbols;
     const auto pFile = OpenRecordFile(path);
     Record record;
     while (NextRecord(pFile.get(), &record))
     {
         std::visit(RecordTaker{&gathering}, record.m_body);
     }
-    ProcessFacts& process = gathering.m_process;
+    TraceFacts& process = gathering.m_process;
     process.m_path = path;
     process.m_isEmpty = !pFile->m_header.m_isPresent;
     process.m_pid = pFile->m_header.m_pid;
     process.m_mpiRankId = pFile->m_header.m_mpiRankId;
     process.m_damage = pFile->m_damage;
     process.m_unreadBytes = pFile->m_unreadBytes;
-    SettleNames(&gathering);
     SettleThreads(&gathering);
     SettleLocks(&gathering);
     SettleNeverReturned(&gathering);

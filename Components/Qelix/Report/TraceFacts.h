@@ -3,10 +3,11 @@
 
 #include "Reader/Damage.h"
 #include "Reader/RecordNames.h"
-#include "Report/DurationHistogram.h"
+#include "Report/CallFacts.h"
+#include "Session/TraceClasses.h"
+#include "Symbols/Symbolizer.h"
 
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,22 +15,19 @@
 namespace qelix
 {
 
-// The calls of one kind. Only those that returned, and whose times the clock could tell, have a duration.
-struct CallFacts
+// The calls of one function.
+struct NamedCalls
 {
-    uint64_t m_calls = 0;
-    uint64_t m_neverReturned = 0;
-    uint64_t m_untimed = 0;
-    uint64_t m_totalNs = 0;
-    uint64_t m_longestNs = 0;
-    DurationHistogram m_durations;
+    const CallKind* m_pKind = nullptr;
+    std::string m_name;
+    CallFacts m_facts;
 };
 
 struct ThreadFacts
 {
     int32_t m_tid = 0;
-    std::string m_name; // the last one it had; empty when no record tells
-    std::map<const CallKind*, CallFacts> m_calls;
+    std::string m_name;              // the last one it had; empty when no record tells
+    std::vector<NamedCalls> m_calls; // longest total first
     uint64_t m_totalNs = 0;
 };
 
@@ -47,12 +45,13 @@ struct NeverReturned
     int64_t m_pid = 0;
     int32_t m_tid = 0;
     const CallKind* m_pKind = nullptr;
+    std::string m_name;     // of the function
     uint64_t m_address = 0; // of a pthread call
     uint64_t m_startTime = 0;
     uint64_t m_atLeastNs = 0; // until the last time that its process recorded
 };
 
-struct ProcessFacts
+struct TraceFacts
 {
     std::string m_path; // of the trace file
     bool m_isEmpty = false;
@@ -67,7 +66,11 @@ struct ProcessFacts
     uint64_t m_unreadBytes = 0;
 };
 
-ProcessFacts ReadTraceFacts(const std::string& path);
+// Functions go by the names that pSymbols has for them.
+TraceFacts ReadTraceFacts(const std::string& path, ProcessSymbols* pSymbols);
+
+// The class that a kind of call was recorded for.
+TraceClass ClassOf(const CallKind& kind);
 
 // The longest total first; equal ones in the order of their addresses.
 bool IsWorseLock(const LockFacts& a, const LockFacts& b);

@@ -3,21 +3,35 @@
 #include "Session/Failure.h"
 #include "Session/SessionDirectory.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <fmt/ranges.h>
 #include <fstream>
-#include <string_view>
 
 namespace qelix
 {
 namespace
 {
 
-constexpr const char* ZORV_TRACE_KEY = "QELIX_TRACE_PTHREAD";
+constexpr const char* ZORV_INTERVAL_KEY = "QELIX_TIMER_INTERVAL";
+constexpr const char* ZORV_DEPTH_KEY = "QELIX_CALLSTACK_DEPTH";
 
 // The agent builds its file names in 4096 bytes: the path, a folder, and a name with host, thread and process.
 constexpr std::size_t ZORV_LONGEST_PATH = 3500;
+
+template <typename T>
+void TakeNumber(const std::string& line, const std::string& key, std::optional<T>* pNumber)
+{
+    T number;
+    const char* pDigits = line.data() + std::min(line.size(), key.size() + 1);
+    if (line.starts_with(key + "=") &&
+        std::from_chars(pDigits, line.data() + line.size(), number).ec == std::errc())
+    {
+        *pNumber = number;
+    }
+}
 
 } // namespace
 
@@ -50,13 +64,30 @@ void RequirePreloadablePath(const std::string& agentPath)
 
 std::string ConfigurationText(const AgentSettings& settings)
 {
-    std::string text;
+    std::string text = TraceLines(settings.m_thresholds);
     const auto add = [&text](const char* pKey, const auto& value)
     { text += fmt::format("{}={}\n", pKey, value); };
-    add(ZORV_TRACE_KEY, fmt::format("1:{}:0", settings.m_thresholdNs));
+    if (settings.m_sampling)
+    {
+        const SampleSettings& sampling = *settings.m_sampling;
+        add("QELIX_ENABLE_SAMPLING", 1);
+        add("QELIX_CALLSTACK_COLLECTION", 1); // without stacks the agent writes no samples
+        add("QELIX_PROFILING_SIGNAL_NUMBER", sampling.m_signal);
+        add(ZORV_DEPTH_KEY, sampling.m_depth);
+        add(ZORV_INTERVAL_KEY, sampling.m_intervalNs);
+        if (!sampling.m_events.empty())
+        {
+            add("QELIX_PMC_EVENTS", fmt::format("{}", fmt::join(sampling.m_events, ",")));
+            add("QELIX_ENCODED_EVENTS", fmt::format("{}", fmt::join(sampling.m_events, ",")));
+        }
+        add("QELIX_CPU_PROFILE_DIR", SampleFolder(settings.m_sessionPath));
+    }
     add("QELIX_PROFILE_CHILDREN", settings.m_profileChildren ? 1 : 0);
     add("QELIX_LAUNCH_PROCESS_ID", settings.m_launcherPid);
-    add("QELIX_UMT_DIR", TraceFolder(settings.m_sessionPath));
+    if (IsAnyClassOn(settings.m_thresholds))
+    {
+        add("QELIX_UMT_DIR", TraceFolder(settings.m_sessionPath));
+    }
     add("QELIX_METADATA_DIR", MetadataFolder(settings.m_sessionPath));
     add("QELIX_USERMODE_AGENT_PATH", settings.m_agentPath);
     add("QELIX_SHM_NAME", settings.m_blockName);
@@ -78,24 +109,19 @@ void WriteConfiguration(const AgentSettings& settings)
     }
 }
 
-std::optional<uint64_t> ReadThreshold(const std::string& sessionPath)
+RecordedSettings ReadSettings(const std::string& sessionPath)
 {
     std::ifstream file(ConfigurationFile(sessionPath));
-    const std::string prefix = std::string(ZORV_TRACE_KEY) + "=1:";
+    std::string text;
+    RecordedSettings settings;
     for (std::string line; std::getline(file, line);)
     {
-        if (!line.starts_with(prefix))
-        {
-            continue;
-        }
-        uint64_t threshold = 0;
-        const char* pDigits = line.data() + prefix.size();
-        if (std::from_chars(pDigits, line.data() + line.size(), threshold).ec == std::errc())
-        {
-            return threshold;
-        }
+        text += line + '\n';
+        TakeNumber(line, ZORV_INTERVAL_KEY, &settings.m_intervalNs);
+        TakeNumber(line, ZORV_DEPTH_KEY, &settings.m_depth);
     }
-    return std::nullopt;
+    settings.m_thresholds = ThresholdsIn(text);
+    return settings;
 }
 
 } // namespace qelix

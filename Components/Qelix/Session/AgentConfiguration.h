@@ -1,17 +1,27 @@
 // The agent's configuration file, and what the agent's reading of it asks of a launcher:
 //   - the value ends at the line's next '=', so no configured path may hold one; it ends at a newline too;
-//   - a key selects the first name of the agent's table that begins with it, so only whole names that no
-//     earlier name begins with do what they say (QELIX_TRACE_WAIT and QELIX_TRACE_IO do not);
+//   - a key selects the first name of the agent's table that begins with it (TraceClasses.h);
 //   - any trace key turns the trace stream on, even one that disables its class.
 #pragma once
+
+#include "Session/TraceClasses.h"
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace qelix
 {
+
+struct SampleSettings
+{
+    uint64_t m_intervalNs = 0; // of a thread's own CPU time
+    unsigned m_depth = 0;      // frames of the program
+    int m_signal = 0;
+    std::vector<uint64_t> m_events; // codes of the processor's counters
+};
 
 struct AgentSettings
 {
@@ -19,8 +29,9 @@ struct AgentSettings
     std::string m_agentPath;
     std::string m_blockName; // of the controller's shared memory
     pid_t m_launcherPid = 0; // the agent kills it after it has written an error code
-    uint64_t m_thresholdNs = 0;
+    Thresholds m_thresholds = DefaultThresholds();
     bool m_profileChildren = true;
+    std::optional<SampleSettings> m_sampling;
 };
 
 // Fails when the agent could not read the path back from its configuration. pWhat names the path for the
@@ -33,7 +44,14 @@ void RequirePreloadablePath(const std::string& agentPath);
 std::string ConfigurationText(const AgentSettings& settings);
 void WriteConfiguration(const AgentSettings& settings);
 
-// The threshold that a session was recorded with, if its configuration is there and says so.
-std::optional<uint64_t> ReadThreshold(const std::string& sessionPath);
+// What a session was recorded with, as far as its configuration is there and says so.
+struct RecordedSettings
+{
+    std::optional<Thresholds> m_thresholds;
+    std::optional<uint64_t> m_intervalNs; // of the samples
+    std::optional<uint32_t> m_depth;
+};
+
+RecordedSettings ReadSettings(const std::string& sessionPath);
 
 } // namespace qelix

@@ -1,5 +1,6 @@
 #include "Session/AgentReports.h"
 
+#include "Session/ProcessWatch.h"
 #include "Session/SessionDirectory.h"
 #include "ZorvUserModeTraceTypes.h"
 
@@ -54,15 +55,6 @@ std::string FirstLineOf(const std::string& path)
     return line;
 }
 
-// File names end in "_PID.err".
-pid_t PidInName(const std::string& path)
-{
-    const std::size_t underscore = path.rfind('_');
-    return underscore == std::string::npos
-               ? 0
-               : static_cast<pid_t>(strtol(path.c_str() + underscore + 1, nullptr, 10));
-}
-
 void AddCount(std::string_view line, std::string_view label, uint64_t* pSum)
 {
     if (const std::size_t at = line.find(label); at != std::string_view::npos)
@@ -71,11 +63,63 @@ void AddCount(std::string_view line, std::string_view label, uint64_t* pSum)
     }
 }
 
+// "INFO : PID : TID: TEXT"
+bool SplitInfoLine(std::string_view line, pid_t* pPid, std::string_view* pText)
+{
+    constexpr std::string_view prefix = "INFO : ";
+    if (!line.starts_with(prefix))
+    {
+        return false;
+    }
+    *pPid = static_cast<pid_t>(strtol(line.data() + prefix.size(), nullptr, 10));
+    const std::size_t tidAt = line.find(" : ", prefix.size());
+    const std::size_t textAt = tidAt == line.npos ? line.npos : line.find(": ", tidAt + 3);
+    if (textAt == line.npos)
+    {
+        return false;
+    }
+    *pText = line.substr(textAt + 2, line.find('\n') - textAt - 2);
+    return *pPid > 0;
+}
+
+void TakeExec(pid_t logPid, pid_t pid, std::string_view text, AgentLogFacts* pFacts)
+{
+    for (const std::string_view call : {"execve : ", "execvpe : ", "fexecve : "})
+    {
+        if (text.starts_with(call) && text.ends_with('.'))
+        {
+            text.remove_prefix(call.size());
+            text.remove_suffix(1);
+            pFacts->m_execs.push_back({logPid, pid, std::string(text)});
+            return;
+        }
+    }
+}
+
+// What the lines say of other processes than the one that has the log.
+void TakeInfoLine(const std::string& path, std::string_view line, AgentLogFacts* pFacts)
+{
+    pid_t pid;
+    std::string_view text;
+    if (!SplitInfoLine(line, &pid, &text))
+    {
+        return;
+    }
+    const pid_t logPid = PidInFileName(path);
+    if (text.ends_with(") is not sampled or traced.") && pid != logPid)
+    {
+        pFacts->m_leftOut[pid] = logPid;
+    }
+    TakeExec(logPid, pid, text, pFacts);
+}
+
 void TakeLogLine(const std::string& path, const char* pLine, AgentLogFacts* pFacts)
 {
     const std::string_view line = pLine;
+    TakeInfoLine(path, line, pFacts);
     AddCount(line, "Lost trace records count = ", &pFacts->m_lostTraceRecords);
     AddCount(line, "Lost sample records count = ", &pFacts->m_lostSampleRecords);
+    AddCount(line, "Timer overrun count (", &pFacts->m_timerOverruns);
     if (line.starts_with("ERROR : "))
     {
         if (pFacts->m_errorLines++ == 0)
@@ -96,7 +140,7 @@ std::vector<AgentError> ReadAgentErrors(const std::string& sessionPath)
         // Each process makes its file at the start; most stay empty.
         if (std::string code = FirstLineOf(path); !code.empty())
         {
-            errors.push_back({path, PidInName(path), std::move(code)});
+            errors.push_back({path, PidInFileName(path), std::move(code)});
         }
     }
     return errors;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -21,14 +22,25 @@ std::vector<AgentError> ReadAgentErrors(const std::string& sessionPath);
 // What happened and what to do, in words.
 std::string ExplainAgentError(const AgentError& error);
 
+// A process said that it was about to execute a file. Whether it did is not said.
+struct ExecFact
+{
+    pid_t m_logPid = 0; // whose log it stands in: a child of vfork(2) has its parent's
+    pid_t m_pid = 0;
+    std::string m_path;
+};
+
 struct AgentLogFacts
 {
     uint64_t m_logCount = 0;
     uint64_t m_lostTraceRecords = 0;
     uint64_t m_lostSampleRecords = 0;
+    uint64_t m_timerOverruns = 0; // expiries of sampling timers that no sample was made of
     uint64_t m_errorLines = 0;
     std::string m_firstError;     // the first such line
     std::string m_firstErrorFile; // where it stands
+    std::vector<ExecFact> m_execs;
+    std::map<pid_t, pid_t> m_leftOut; // forked children that were not to be recorded, with their parents
 };
 
 AgentLogFacts ReadAgentLogs(const std::string& sessionPath);

@@ -70,6 +70,11 @@ std::string ConfigurationFile(const std::string& session)
     return session + "/agent.conf";
 }
 
+std::string RecordFilePath(const std::string& session)
+{
+    return session + "/session.json";
+}
+
 std::string DefaultSessionName(const std::string& program, pid_t pid)
 {
     std::string name = fs::path(program).filename();
@@ -104,6 +109,7 @@ void RemoveSessionDirectory(const SessionDirectory& session)
 {
     std::error_code ignored;
     fs::remove(ConfigurationFile(session.m_path), ignored);
+    fs::remove(RecordFilePath(session.m_path), ignored);
     for (const char* pFolder : g_folders)
     {
         fs::remove_all(fs::path(session.m_path) / pFolder, ignored);

@@ -20,6 +20,7 @@ std::string TraceFolder(const std::string& session);    // .umt files
 std::string SampleFolder(const std::string& session);   // .ums files
 std::string MetadataFolder(const std::string& session); // .meta files
 std::string ConfigurationFile(const std::string& session);
+std::string RecordFilePath(const std::string& session); // what qelix notes of the run
 
 // "qelix-PROGRAM-PID"; what a configured path cannot hold is replaced in the program's name.
 std::string DefaultSessionName(const std::string& program, pid_t pid);

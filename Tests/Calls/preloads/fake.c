@@ -1,5 +1,6 @@
-// Stands in libc's place behind the agent: every interposed call, without doing anything. It notes the arguments that
-// arrive and answers with the result and the errno that the program has ordered. Nothing is mounted, killed or moved.
+// Stands in libc's place behind the agent: every interposed call, without doing anything. It notes the
+// arguments that arrive and answers with the result and the errno that the program has ordered. Nothing is
+// mounted, killed or moved.
 //
 // The object is linked against nothing and so has no symbol versions: it answers a look-up of any version.
 #define _GNU_SOURCE
@@ -49,7 +50,8 @@ const void* FakeAddress(const char* pName)
     return 0;
 }
 
-__attribute__((used, visibility("hidden"))) long FakeAnswer(unsigned number, const long* pArguments, const long* pStack)
+__attribute__((used, visibility("hidden"))) long FakeAnswer(unsigned number, const long* pArguments,
+                                                            const long* pStack)
 {
     g_fakeCall.m_pName = g_fakes[number].m_pName;
     ++g_fakeCall.m_count;
@@ -65,7 +67,7 @@ __attribute__((used, visibility("hidden"))) long FakeAnswer(unsigned number, con
     return g_fakeCall.m_result;
 }
 
-#define ENTRY_NUMBERED(name, number)                                                                                  \
+#define ENTRY_NUMBERED(name, number)                                                                           \
     __asm__(".text\n.globl " #name "\n.type " #name ",@function\n"                                             \
             ".hidden Fake_" #name "\n.globl Fake_" #name "\n" #name ":\nFake_" #name ":\n"                     \
             "movl $" #number ", %eax\n"                                                                        \

@@ -1,9 +1,9 @@
-// Preloaded ahead of the agent: whoever looks for the next definition of a name finds nothing, until AllowLookUps is
-// called. Look-ups through a handle, such as those of the agent's own wrappers, go on as usual, and so does the one
-// that opens these handles.
+// Preloaded ahead of the agent: whoever looks for the next definition of a name finds nothing, until
+// AllowLookUps is called. Look-ups through a handle, such as those of the agent's own wrappers, go on as usual,
+// and so does the one that opens these handles.
 //
-// Built twice, for dlsym and for dlvsym: each finds the real one of its kind through the other. The call goes on as a
-// jump: the loader judges RTLD_NEXT by the return address, which must stay the caller's.
+// Built twice, for dlsym and for dlvsym: each finds the real one of its kind through the other. The call goes
+// on as a jump: the loader judges RTLD_NEXT by the return address, which must stay the caller's.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <string.h>

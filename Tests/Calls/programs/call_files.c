@@ -14,7 +14,8 @@ static void NoteMode(const char* pPath)
 {
     struct stat status;
     int result = stat(pPath, &status);
-    Note("  mode of %s: %d %o, size %ld\n", pPath, result, result ? 0 : status.st_mode, result ? 0 : status.st_size);
+    Note("  mode of %s: %d %o, size %ld\n", pPath, result, result ? 0 : status.st_mode,
+         result ? 0 : status.st_size);
 }
 
 static void CallOpens(void)

@@ -9,7 +9,8 @@ static char g_static[64] = "remote bytes";
 
 static void CallMappings(int fd)
 {
-    char* pAnonymous = CALL_MAP(mmap, NULL, 4 * PAGE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    char* pAnonymous =
+        CALL_MAP(mmap, NULL, 4 * PAGE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     CALL_MAP(mmap, NULL, 0, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     CALL_MAP(mmap, NULL, PAGE, PROT_READ, MAP_PRIVATE, -1, 0);
     char* pFile = CALL_MAP(mmap64, NULL, PAGE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);

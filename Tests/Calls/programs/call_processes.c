@@ -33,14 +33,16 @@ static void CallWaitsForChildren(void)
     pid_t child = MakeChild(11);
     Note("  its own child %d, status %d\n", CALL_KIND(wait, &status) == child, WEXITSTATUS(status));
     child = MakeChild(12);
-    Note("  its own child %d, status %d\n", CALL_KIND(waitpid, child, &status, 0) == child, WEXITSTATUS(status));
+    Note("  its own child %d, status %d\n", CALL_KIND(waitpid, child, &status, 0) == child,
+         WEXITSTATUS(status));
     child = MakeChild(13);
     CALL(waitid, P_PID, (id_t)child, &info, WEXITED);
     Note("  its own child %d, status %d\n", info.si_pid == child, info.si_status);
     child = MakeChild(14);
     Note("  its own child %d, status %d\n", CALL_KIND(wait3, &status, 0, &usage) == child, WEXITSTATUS(status));
     child = MakeChild(15);
-    Note("  its own child %d, status %d\n", CALL_KIND(wait4, -1, &status, 0, &usage) == child, WEXITSTATUS(status));
+    Note("  its own child %d, status %d\n", CALL_KIND(wait4, -1, &status, 0, &usage) == child,
+         WEXITSTATUS(status));
     CALL(wait, &status);
     CALL(waitpid, -1, &status, 0x7777);
     CALL(waitid, 77, 0, &info, WEXITED);
@@ -48,8 +50,8 @@ static void CallWaitsForChildren(void)
     CALL(wait4, -1, &status, WNOHANG, &usage);
 }
 
-// A child ends here, also one that was told that it does not exist: without memory for the agent's records its fork
-// answers -1.
+// A child ends here, also one that was told that it does not exist: without memory for the agent's records its
+// fork answers -1.
 static void EndChild(pid_t parent, pid_t result, int status)
 {
     if (getpid() != parent)

@@ -1,5 +1,5 @@
-// Makes every interposed call that does no harm, with good and bad outcomes, and tells after all of them what came of
-// each. Runs in an empty directory. With an argument, waits for the end of its standard input first.
+// Makes every interposed call that does no harm, with good and bad outcomes, and tells after all of them what
+// came of each. Runs in an empty directory. With an argument, waits for the end of its standard input first.
 #include "every_call.h"
 #include <dlfcn.h>
 #include <stdarg.h>
@@ -16,7 +16,8 @@ static struct Text g_notes;
 static struct Text g_expected;
 static void* g_pLibc;
 
-static void __attribute__((format(printf, 2, 0))) Append(struct Text* pText, const char* pFormat, va_list arguments)
+static void __attribute__((format(printf, 2, 0)))
+Append(struct Text* pText, const char* pFormat, va_list arguments)
 {
     size_t room = sizeof(pText->m_bytes) - pText->m_length;
     int length = vsnprintf(pText->m_bytes + pText->m_length, room, pFormat, arguments);

@@ -1,5 +1,5 @@
-// Calls every row through its name, with libc's place taken by the stand-in (preloads/fake.c), and says for each call
-// whether what arrived there and what came back are what was given.
+// Calls every row through its name, with libc's place taken by the stand-in (preloads/fake.c), and says for
+// each call whether what arrived there and what came back are what was given.
 //   faked outcomes    each call with each outcome
 //   faked lookups     each call twice while look-ups are forbidden, once after that
 // The program's own output goes past every name that is stood in for.
@@ -15,7 +15,7 @@
 #define UNTOUCHED 4242
 
 // The seventh argument is on the stack.
-#define CALL(class, name, shape)                                                                             \
+#define CALL(class, name, shape)                                                                               \
     extern long Call_##name(long, long, long, long, long, long, long) __asm__(#name);
 #include "calls.def"
 #undef CALL
@@ -81,8 +81,8 @@ static void MakeCall(const struct Row* pRow, int round)
     }
     long before = g_pFake->m_count;
     errno = UNTOUCHED;
-    long result = pRow->m_pCall(arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5],
-                                arguments[6]);
+    long result = pRow->m_pCall(arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
+                                arguments[5], arguments[6]);
     int error = errno;
     Say("%s round %d arrived %ld as %s arguments", pRow->m_pName, round, g_pFake->m_count - before,
         g_pFake->m_count == before ? "-" : g_pFake->m_pName);

@@ -31,7 +31,8 @@ static void CallFutex(int operation)
 // With errno as natively also where a record is parked and completed.
 static void CallAllOperations(void)
 {
-    static const int flags[] = {0, FUTEX_PRIVATE_FLAG, FUTEX_CLOCK_REALTIME, FUTEX_PRIVATE_FLAG | FUTEX_CLOCK_REALTIME};
+    static const int flags[] = {0, FUTEX_PRIVATE_FLAG, FUTEX_CLOCK_REALTIME,
+                                FUTEX_PRIVATE_FLAG | FUTEX_CLOCK_REALTIME};
     for (int operation = 0; operation < 16; ++operation)
     {
         for (unsigned i = 0; i < sizeof(flags) / sizeof(flags[0]); ++i)

@@ -95,10 +95,10 @@ static void PrepareWaitingCalls(void)
 
 // ---- the calls -------------------------------------------------------------------------------------------
 
-#define WAITING(name, ...)                                                                                   \
-    static long Wait_##name(void)                                                                            \
-    {                                                                                                        \
-        return (long)(__VA_ARGS__);                                                                          \
+#define WAITING(name, ...)                                                                                     \
+    static long Wait_##name(void)                                                                              \
+    {                                                                                                          \
+        return (long)(__VA_ARGS__);                                                                            \
     }
 #define READABLE (&(struct pollfd){g_empty[0], POLLIN, 0})
 

@@ -1,5 +1,6 @@
-// descriptors MODE: a program that does with descriptor numbers what it likes. Every mode works between its steps,
-// enough for the agent to write its file several times, and leaves files that hold only what the program wrote.
+// descriptors MODE: a program that does with descriptor numbers what it likes. Every mode works between its
+// steps, enough for the agent to write its file several times, and leaves files that hold only what the program
+// wrote.
 #include "process.h"
 #include <dirent.h>
 #include <linux/close_range.h>

@@ -7,16 +7,17 @@ static void Tell(const char* pWhat, int result, int error)
 {
     const char* pPreload = getenv("LD_PRELOAD");
     const char* pOther = getenv("ZORV_TEST_OTHER");
-    Say("%s %d errno %d preload %s other %s", pWhat, result, error, pPreload ? pPreload : "-", pOther ? pOther : "-");
+    Say("%s %d errno %d preload %s other %s", pWhat, result, error, pPreload ? pPreload : "-",
+        pOther ? pOther : "-");
 }
 
-#define CHANGE(what, call)                                                                                   \
-    do                                                                                                       \
-    {                                                                                                        \
-        errno = UNTOUCHED;                                                                                   \
-        int result_ = (call);                                                                                \
-        int error_ = errno;                                                                                  \
-        Tell(what, result_, error_);                                                                         \
+#define CHANGE(what, call)                                                                                     \
+    do                                                                                                         \
+    {                                                                                                          \
+        errno = UNTOUCHED;                                                                                     \
+        int result_ = (call);                                                                                  \
+        int error_ = errno;                                                                                    \
+        Tell(what, result_, error_);                                                                           \
     } while (0)
 
 int main(int count, char** ppArguments)

@@ -30,19 +30,18 @@ static char** EnvironmentOf(char* pText)
 
 static int Execl(const char* pFile, char** a)
 {
-    return execl(pFile, a[0], a[0] ? a[1] : NULL, a[0] && a[1] ? a[2] : NULL, NULL);
+    return execl(pFile, a[0], a[1], a[1] ? a[2] : NULL, NULL);
 }
 
 static int Execlp(const char* pFile, char** a)
 {
-    return execlp(pFile, a[0], a[0] ? a[1] : NULL, a[0] && a[1] ? a[2] : NULL, NULL);
+    return execlp(pFile, a[0], a[1], a[1] ? a[2] : NULL, NULL);
 }
 
 // The environment stands behind the terminating null, wherever that is.
 static int Execle(const char* pFile, char** a, char** e)
 {
-    return !a[0]   ? execle(pFile, NULL, e)
-           : !a[1] ? execle(pFile, a[0], NULL, e)
+    return !a[1]   ? execle(pFile, a[0], NULL, e)
            : !a[2] ? execle(pFile, a[0], a[1], NULL, e)
                    : execle(pFile, a[0], a[1], a[2], NULL, e);
 }

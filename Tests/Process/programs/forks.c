@@ -149,7 +149,7 @@ static int ForkAmongThreads(void)
     {
         Check(pthread_create(&threads[i], NULL, WorkUntilEnough, NULL) == 0, "create");
     }
-    for (int i = 0; i < 50; ++i)
+    for (int i = 0; i < 25; ++i)
     {
         pid_t child = fork();
         if (child == 0)

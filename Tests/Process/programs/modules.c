@@ -23,14 +23,14 @@ static void Tell(const char* pWhat, void* pHandle, int error)
         pPlace ? pPlace() : "-", error, message, dlerror() ? "another" : "none");
 }
 
-#define LOAD(what, call)                                                                                     \
-    do                                                                                                       \
-    {                                                                                                        \
-        dlerror();                                                                                           \
-        errno = UNTOUCHED;                                                                                   \
-        void* pHandle_ = (call);                                                                             \
-        int error_ = errno;                                                                                  \
-        Tell(what, pHandle_, error_);                                                                        \
+#define LOAD(what, call)                                                                                       \
+    do                                                                                                         \
+    {                                                                                                          \
+        dlerror();                                                                                             \
+        errno = UNTOUCHED;                                                                                     \
+        void* pHandle_ = (call);                                                                               \
+        int error_ = errno;                                                                                    \
+        Tell(what, pHandle_, error_);                                                                          \
     } while (0)
 
 static int Load(void)
@@ -115,12 +115,12 @@ static void TellMapping(const char* pWhat, void* pMapping, size_t size)
         (unsigned long)pMapping, size);
 }
 
-#define MAP(what, size, protection, flags, fd)                                                               \
-    do                                                                                                       \
-    {                                                                                                        \
-        errno = UNTOUCHED;                                                                                   \
-        void* pMapping_ = mmap(NULL, size, protection, flags, fd, 0);                                        \
-        TellMapping(what, pMapping_, size);                                                                  \
+#define MAP(what, size, protection, flags, fd)                                                                 \
+    do                                                                                                         \
+    {                                                                                                          \
+        errno = UNTOUCHED;                                                                                     \
+        void* pMapping_ = mmap(NULL, size, protection, flags, fd, 0);                                          \
+        TellMapping(what, pMapping_, size);                                                                    \
     } while (0)
 
 static int Map(void)
@@ -144,14 +144,8 @@ static int Map(void)
 }
 
 static const struct Mode g_modes[] = {
-    {"load", Load},
-    {"load_old", LoadOld},
-    {"load_apart", LoadApart},
-    {"load_apart_old", LoadApartOld},
-    {"fail", FailToLoad},
-    {"message", KeepMessage},
-    {"tokens", KeepTokens},
-    {"map", Map},
+    {"load", Load},       {"load_old", LoadOld},    {"load_apart", LoadApart}, {"load_apart_old", LoadApartOld},
+    {"fail", FailToLoad}, {"message", KeepMessage}, {"tokens", KeepTokens},    {"map", Map},
 };
 
 int main(int count, char** ppArguments)

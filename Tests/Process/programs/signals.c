@@ -1,4 +1,5 @@
-// signals CALL ACTION NUMBER: a handler, or something else, for a signal. Says "survived" with result and errno.
+// signals CALL ACTION NUMBER: a handler, or something else, for a signal. Says "survived" with result and
+// errno.
 #include "process.h"
 #include <signal.h>
 #include <sys/prctl.h>

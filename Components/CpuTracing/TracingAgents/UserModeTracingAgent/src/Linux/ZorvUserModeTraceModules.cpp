@@ -61,8 +61,10 @@ static bool IsTaken(const char* pPath)
     bool isRead =
         ZorvRawSyscall(SYS_read, fd, reinterpret_cast<long>(&header), sizeof(header)) == sizeof(header);
     ZorvRawSyscall(SYS_close, fd);
-    bool isElf = isRead && ZorvUmaStrncmp(reinterpret_cast<const char*>(header.e_ident), ELFMAG, SELFMAG) == 0;
-    return !isElf || (header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_machine == EM_X86_64);
+    if (!isRead || ZorvUmaStrncmp(reinterpret_cast<const char*>(header.e_ident), ELFMAG, SELFMAG) != 0)
+        return true;
+    return header.e_ident[EI_CLASS] == ELFCLASS64 &&
+           (header.e_version != EV_CURRENT || header.e_machine == EM_X86_64);
 }
 
 // In each directory the loader first looks for a build for this very processor. ld.so(8), glibc-hwcaps.
@@ -158,7 +160,7 @@ static bool ExpandOrigin(const struct link_map* pMap, const char* pFile, char* p
     size_t token = ZorvUmaStrncmp(pFile, "$ORIGIN", 7) == 0     ? 7
                    : ZorvUmaStrncmp(pFile, "${ORIGIN}", 9) == 0 ? 9
                                                                 : 0;
-    if (token == 0 || (pFile[token] != '/' && pFile[token] != '\0'))
+    if (token == 0 || pFile[token] != '/')
         return false;
     size_t directory = OriginOf(pMap, pPath);
     if (directory == 0)

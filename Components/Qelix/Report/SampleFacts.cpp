@@ -1,0 +1,176 @@
+#include "Report/SampleFacts.h"
+
+#include "Reader/RecordFile.h"
+#include "Reader/RecordNames.h"
+#include "Report/ThreadNames.h"
+
+#include <algorithm>
+#include <tuple>
+
+namespace qelix
+{
+namespace
+{
+
+constexpr uint32_t ZORV_EXTRA_FRAMES = 8; // that the agent records beyond the configured depth
+
+struct Gathering
+{
+    ProcessSamples m_process;
+    ProcessSymbols* m_pSymbols;
+    SampleView m_view;
+    std::unordered_map<int32_t, ThreadSamples> m_threads;
+    std::vector<NameFact> m_names;
+};
+
+void AddEvents(ThreadSamples* pThread, const std::vector<ZorvUmsEventData>& events)
+{
+    pThread->m_eventSums.resize(std::max(pThread->m_eventSums.size(), events.size()));
+    for (std::size_t i = 0; i < events.size(); ++i)
+    {
+        pThread->m_eventSums[i] += events[i].m_eventCount;
+    }
+}
+
+struct RecordTaker
+{
+    Gathering* m_pGathering;
+
+    void operator()(const SampleRecord& sample) const
+    {
+        const SampleView& view = m_pGathering->m_view;
+        ThreadSamples& thread = m_pGathering->m_threads[sample.m_hdr.m_tid];
+        const std::vector<uint32_t> functions = FunctionsOfStack(
+            m_pGathering->m_pSymbols, sample.m_callStack, sample.m_hdr.m_startTime, view.m_withAgentFrames);
+        AddStack(&thread, functions, view.m_withStacks);
+        AddEvents(&thread, sample.m_events);
+        if (view.m_depth != 0 && sample.m_callStack.size() >= view.m_depth + ZORV_EXTRA_FRAMES)
+        {
+            ++thread.m_truncated;
+        }
+    }
+
+    void operator()(const SampleProcRecord& proc) const
+    {
+        m_pGathering->m_names.push_back({proc.m_hdr.m_tid, proc.m_body.m_pthreadId, proc.m_hdr.m_startTime,
+                                         std::string(RecordName(proc.m_body))});
+        if (proc.m_hdr.m_tid > 0)
+        {
+            m_pGathering->m_threads[proc.m_hdr.m_tid];
+        }
+    }
+
+    void operator()(const SampleEventsRecord& events) const
+    {
+        m_pGathering->m_process.m_events = events.m_eventIds;
+    }
+
+    template <typename T> void operator()(const T&) const {}
+};
+
+void SettleThreads(Gathering* pGathering)
+{
+    ProcessSamples& process = pGathering->m_process;
+    std::unordered_map<int32_t, std::string> names = LastNames(std::move(pGathering->m_names));
+    for (auto& [tid, thread] : pGathering->m_threads)
+    {
+        thread.m_tid = tid;
+        thread.m_name = names[tid];
+        process.m_samples += thread.m_samples;
+        process.m_threads.push_back(std::move(thread));
+    }
+    process.m_name = names[static_cast<int32_t>(process.m_pid)];
+    std::sort(process.m_threads.begin(), process.m_threads.end(),
+              [](const ThreadSamples& a, const ThreadSamples& b)
+              { return std::tuple(b.m_samples, a.m_tid) < std::tuple(a.m_samples, b.m_tid); });
+}
+
+uint32_t ChildOf(StackTree* pTree, uint32_t parent, uint32_t function)
+{
+    if (pTree->m_nodes.empty())
+    {
+        pTree->m_nodes.push_back({});
+    }
+    const auto next = static_cast<uint32_t>(pTree->m_nodes.size());
+    const auto [at, isNew] = pTree->m_children.emplace(uint64_t{parent} << 32 | function, next);
+    if (isNew)
+    {
+        pTree->m_nodes.push_back({parent, function, 0});
+    }
+    return at->second;
+}
+
+} // namespace
+
+std::vector<uint32_t> FunctionsOfStack(ProcessSymbols* pSymbols, const std::vector<uint64_t>& stack,
+                                       uint64_t time, bool withAgentFrames)
+{
+    std::vector<uint32_t> functions;
+    const std::size_t own = FirstOwnFrame(pSymbols, stack, time);
+    for (std::size_t i = withAgentFrames ? 0 : own; i < stack.size(); ++i)
+    {
+        const uint64_t address = FrameAddress(pSymbols, stack, i, own, time);
+        const std::vector<uint32_t>& here = PlaceOf(pSymbols, address, time).m_functions;
+        functions.insert(functions.end(), here.begin(), here.end());
+    }
+    return functions;
+}
+
+void AddStack(ThreadSamples* pThread, const std::vector<uint32_t>& functions, bool withStacks)
+{
+    ++pThread->m_samples;
+    if (functions.empty())
+    {
+        return;
+    }
+    ++pThread->m_functions[functions.front()].m_self;
+    std::vector<uint32_t> once = functions;
+    std::sort(once.begin(), once.end());
+    once.erase(std::unique(once.begin(), once.end()), once.end());
+    for (const uint32_t function : once)
+    {
+        ++pThread->m_functions[function].m_total;
+    }
+    if (!withStacks)
+    {
+        return;
+    }
+    uint32_t node = 0;
+    for (auto function = functions.rbegin(); function != functions.rend(); ++function)
+    {
+        node = ChildOf(&pThread->m_stacks, node, *function);
+    }
+    ++pThread->m_stacks.m_nodes[node].m_self;
+}
+
+void AddFunctions(FunctionCounts* pCounts, const FunctionCounts& more)
+{
+    for (const auto& [function, count] : more)
+    {
+        FunctionCount& sum = (*pCounts)[function];
+        sum.m_self += count.m_self;
+        sum.m_total += count.m_total;
+    }
+}
+
+ProcessSamples ReadSampleFacts(const std::string& path, ProcessSymbols* pSymbols, const SampleView& view)
+{
+    Gathering gathering{{}, pSymbols, view, {}, {}};
+    const auto pFile = OpenRecordFile(path);
+    Record record;
+    while (NextRecord(pFile.get(), &record))
+    {
+        std::visit(RecordTaker{&gathering}, record.m_body);
+    }
+    ProcessSamples& process = gathering.m_process;
+    process.m_path = path;
+    process.m_isEmpty = !pFile->m_header.m_isPresent;
+    process.m_pid = pFile->m_header.m_pid;
+    process.m_mpiRankId = pFile->m_header.m_mpiRankId;
+    process.m_damage = pFile->m_damage;
+    process.m_unreadBytes = pFile->m_unreadBytes;
+    SettleThreads(&gathering);
+    return process;
+}
+
+} // namespace qelix

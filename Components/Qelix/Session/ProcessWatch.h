@@ -1,0 +1,35 @@
+// Who started whom. The agent's files do not say it; but each agent makes its log file when its process starts,
+// and at that moment the process is alive and the kernel knows its parent. A process that is gone again before
+// qelix gets to run is missed.
+#pragma once
+
+#include <map>
+#include <string>
+#include <sys/types.h>
+#include <thread>
+
+namespace qelix
+{
+
+struct ProcessWatch
+{
+    explicit ProcessWatch(
+        const std::string& sessionPath); // starts it; where the kernel refuses, nothing is seen
+    ProcessWatch(const ProcessWatch&) = delete;
+    ProcessWatch& operator=(const ProcessWatch&) = delete;
+    ~ProcessWatch();
+
+    // Ends the watch and hands out what it saw.
+    std::map<pid_t, pid_t> Finish();
+
+    int m_inotifyFd = -1;
+    int m_endFd = -1;
+    std::map<pid_t, pid_t> m_parentOf; // of the thread, until it has ended
+    std::thread m_thread;
+};
+
+// The id at the end of a name that an agent gave to one of its files, "..._PID.EXTENSION"; 0 when there is
+// none.
+pid_t PidInFileName(const std::string& path);
+
+} // namespace qelix

@@ -1,0 +1,248 @@
+// Names for addresses: from an ELF file that the build makes of SymbolSubject.cpp, and from module maps made by
+// hand.
+#include "FileBytes.h"
+#include "Symbols/Symbolizer.h"
+
+#include <cstring>
+#include <elf.h>
+#include <fmt/format.h>
+#include <fstream>
+#include <gtest/gtest.h>
+
+using namespace qelix;
+
+namespace
+{
+
+// The address that the file's own symbol has, read without the library under test.
+uint64_t AddressOf(const std::string& path, const std::string& name)
+{
+    std::ifstream file(path, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(file)), {});
+    const auto at = [&bytes]<typename T>(T* pValue, std::size_t offset)
+    { std::memcpy(pValue, bytes.data() + offset, sizeof(T)); };
+    Elf64_Ehdr header;
+    at(&header, 0);
+    for (unsigned i = 0; i < header.e_shnum; ++i)
+    {
+        Elf64_Shdr section;
+        at(&section, header.e_shoff + i * sizeof(section));
+        if (section.sh_type != SHT_SYMTAB)
+        {
+            continue;
+        }
+        Elf64_Shdr strings;
+        at(&strings, header.e_shoff + section.sh_link * sizeof(strings));
+        for (uint64_t offset = section.sh_offset; offset < section.sh_offset + section.sh_size;
+             offset += sizeof(Elf64_Sym))
+        {
+            Elf64_Sym symbol;
+            at(&symbol, offset);
+            if (name == bytes.data() + strings.sh_offset + symbol.st_name)
+            {
+                return symbol.st_value;
+            }
+        }
+    }
+    ADD_FAILURE() << path << " has no symbol " << name;
+    return 0;
+}
+
+ModuleMap MapOf(std::vector<Mapping> mappings)
+{
+    ModuleMap map;
+    for (Mapping& mapping : mappings)
+    {
+        AddMapping(&map, std::move(mapping));
+    }
+    SettleMap(&map);
+    return map;
+}
+
+// The subject as if it were mapped at BASE; its code segment's page begins at CodePage().
+constexpr uint64_t BASE = 0x7f0000000000;
+
+struct SymbolsTest : testing::Test
+{
+    std::string m_subject = SYMBOL_SUBJECT;
+    Symbolizer m_symbolizer;
+    ProcessSymbols m_process;
+
+    void SetUp() override
+    {
+        Use(m_subject);
+    }
+
+    void Use(const std::string& path)
+    {
+        const auto pFile = OpenSymbolFile(path);
+        ASSERT_TRUE(pFile->m_isReadable) << path;
+        const CodeSegment& segment = pFile->m_segments.at(0);
+        m_process =
+            SymbolsOf(&m_symbolizer,
+                      MapOf({{BASE + segment.m_address, BASE + segment.m_address + segment.m_size, 1, path}}));
+    }
+
+    std::vector<std::string> NamesAt(uint64_t address)
+    {
+        std::vector<std::string> names;
+        for (const uint32_t id : PlaceOf(&m_process, address, 1).m_functions)
+        {
+            names.push_back(m_symbolizer.m_functions[id].m_name);
+        }
+        return names;
+    }
+};
+
+} // namespace
+
+TEST_F(SymbolsTest, AFunctionGoesByItsNameFromItsFirstByteOn)
+{
+    const uint64_t plain = BASE + AddressOf(m_subject, "SubjectPlain");
+    EXPECT_EQ(CallName(&m_process, plain, 1), "SubjectPlain");
+    EXPECT_EQ(CallName(&m_process, plain + 1, 1), "SubjectPlain");
+}
+
+TEST_F(SymbolsTest, OfTheNamesOfOneAddressThePlainestIsTaken)
+{
+    EXPECT_EQ(CallName(&m_process, BASE + AddressOf(m_subject, "__subject_alias64"), 1), "subject_alias");
+}
+
+TEST_F(SymbolsTest, NamesOfCxxAreDemangled)
+{
+    EXPECT_EQ(CallName(&m_process, BASE + AddressOf(m_subject, "_ZN7subject7OverlayEiPKc"), 1),
+              "subject::Overlay(int, char const*)");
+    EXPECT_EQ(Demangled("_Z"), "_Z");
+    EXPECT_EQ(Demangled("plain"), "plain");
+}
+
+TEST_F(SymbolsTest, InlinedFunctionsStandInsideTheOneThatHoldsThem)
+{
+    // The subject marks the address of its inlined loop with a label.
+    const std::vector<std::string> names = NamesAt(BASE + AddressOf(m_subject, "subject_inlined_here"));
+    // What no other file can link to has its short name alone.
+    EXPECT_EQ(names, (std::vector<std::string>{"subject::Inner(int)", "Outer", "SubjectInlining"}));
+}
+
+TEST_F(SymbolsTest, AnAddressWithoutASymbolIsModuleAndOffset)
+{
+    const ModuleMap map = MapOf({{0x1000, 0x3000, 1, "/nonexistent/lib/libgone.so.1"}});
+    m_process = SymbolsOf(&m_symbolizer, map);
+    EXPECT_EQ(CallName(&m_process, 0x1234, 1), "libgone.so.1+0x234");
+    EXPECT_EQ(NamesAt(0x1234), std::vector<std::string>{"libgone.so.1+0x234"});
+}
+
+TEST_F(SymbolsTest, AStrippedFileHasTheNamesThatItExports)
+{
+    Use(SYMBOL_SUBJECT_STRIPPED);
+    const uint64_t plain = BASE + AddressOf(m_subject, "SubjectPlain");
+    EXPECT_EQ(CallName(&m_process, plain, 1), "SubjectPlain");
+    const uint64_t hidden = AddressOf(m_subject, "_ZL13SubjectHiddeni");
+    EXPECT_EQ(CallName(&m_process, BASE + hidden, 1), fmt::format("libSymbolSubjectStripped.so+{:#x}", hidden));
+}
+
+TEST_F(SymbolsTest, WhatTheStrippedFileLacksComesFromTheSeparateDebugFile)
+{
+    // The same file, with a link to a debug file that lies in ".debug" beside it.
+    Use(SYMBOL_SUBJECT_LINKED);
+    EXPECT_EQ(CallName(&m_process, BASE + AddressOf(m_subject, "_ZL13SubjectHiddeni"), 1),
+              "SubjectHidden(int)");
+    EXPECT_EQ(NamesAt(BASE + AddressOf(m_subject, "subject_inlined_here")).front(), "subject::Inner(int)");
+}
+
+TEST_F(SymbolsTest, AnAddressInNoMappingHasNoName)
+{
+    EXPECT_EQ(CallName(&m_process, 0x10, 1), "0x10");
+    EXPECT_EQ(NamesAt(0x10), std::vector<std::string>{"[no module]"});
+}
+
+TEST(ModuleMap, AMapThatIsListedAgainIsNotAChange)
+{
+    const ModuleMap map =
+        MapOf({{0x1000, 0x2000, 1, "/a"}, {0x5000, 0x6000, 1, "/b"}, {0x1000, 0x2000, 9, "/a"}});
+    EXPECT_TRUE(map.m_isStable);
+    ASSERT_EQ(map.m_mappings.size(), 2u);
+    EXPECT_EQ(FindMapping(map, 0x1fff, 5)->m_path, "/a");
+    EXPECT_EQ(FindMapping(map, 0x2000, 5), nullptr);
+    EXPECT_EQ(FindMapping(map, 0xfff, 5), nullptr);
+    EXPECT_EQ(FindMapping(map, 0x5000, 0)->m_path, "/b");
+}
+
+TEST(ModuleMap, TwoFilesAtOnePlaceAreToldApartByTime)
+{
+    const ModuleMap map = MapOf({{0x1000, 0x3000, 10, "/first"}, {0x2000, 0x4000, 20, "/second"}});
+    EXPECT_FALSE(map.m_isStable);
+    EXPECT_EQ(FindMapping(map, 0x2800, 15)->m_path, "/first");
+    EXPECT_EQ(FindMapping(map, 0x2800, 25)->m_path, "/second");
+    EXPECT_EQ(FindMapping(map, 0x2800, 5)->m_path, "/first") << "seen only later, and nothing was seen before";
+    EXPECT_EQ(FindMapping(map, 0x3800, 5)->m_path, "/second");
+}
+
+TEST(ModuleMap, NeighboursOfOneFileAreOneMapping)
+{
+    const ModuleMap map =
+        MapOf({{0x1000, 0x2000, 1, "/a"}, {0x2000, 0x3000, 1, "/a"}, {0x3000, 0x4000, 1, "/b"}});
+    ASSERT_EQ(map.m_mappings.size(), 2u);
+    EXPECT_EQ(map.m_mappings[0].m_end, 0x3000u);
+}
+
+TEST(ModuleMap, IsReadFromAMetadataFileUpToItsDamage)
+{
+    const TestFolder folder;
+    FileBytes file;
+    file.MetadataHeader().Mmap(0x1000, 0x2000, "/lib/a.so").U16(0).U16(99);
+    const ModuleMap map = ReadModuleMap(folder.Write("metadata_host_42.meta", file));
+    ASSERT_EQ(map.m_mappings.size(), 1u);
+    EXPECT_EQ(map.m_mappings[0].m_path, "/lib/a.so");
+    EXPECT_TRUE(map.m_damage.has_value());
+    EXPECT_TRUE(ReadModuleMap("").m_mappings.empty());
+}
+
+// ---- hidden frames ---------------------------------------------------------------------------------------
+
+namespace
+{
+
+// An agent that is no file, and the subject, which has code like that of libc's return from a signal handler.
+struct HiddenFramesTest : SymbolsTest
+{
+    static constexpr uint64_t AGENT = 0x1000;
+    uint64_t m_signalReturn = 0;
+    uint64_t m_plain = 0;
+
+    void SetUp() override
+    {
+        SymbolsTest::SetUp();
+        ModuleMap map = m_process.m_map;
+        AddMapping(&map, {AGENT, AGENT + 0x1000, 1, "/x/libZorUserModeTracingAgent.so"});
+        SettleMap(&map);
+        m_process = SymbolsOf(&m_symbolizer, map);
+        m_signalReturn = BASE + AddressOf(m_subject, "subject_signal_return");
+        m_plain = BASE + AddressOf(m_subject, "SubjectPlain");
+    }
+};
+
+} // namespace
+
+TEST_F(HiddenFramesTest, TheHandlerAndTheSignalsDeliveryAreSkipped)
+{
+    const std::vector<uint64_t> stack = {AGENT + 1, AGENT + 2, AGENT + 3, m_signalReturn, m_plain, m_plain + 2};
+    EXPECT_EQ(FirstOwnFrame(&m_process, stack, 1), 4u);
+    EXPECT_EQ(FrameAddress(&m_process, stack, 4, 4, 1), m_plain) << "what was interrupted stands there exactly";
+    EXPECT_EQ(FrameAddress(&m_process, stack, 5, 4, 1), m_plain + 1) << "a return address lies behind the call";
+    EXPECT_EQ(FrameAddress(&m_process, stack, 3, 4, 1), m_signalReturn);
+}
+
+TEST_F(HiddenFramesTest, AgentFramesThatTheProgramCalledStay)
+{
+    const std::vector<uint64_t> stack = {AGENT + 1, m_signalReturn, AGENT + 9, m_plain};
+    EXPECT_EQ(FirstOwnFrame(&m_process, stack, 1), 2u);
+}
+
+TEST_F(HiddenFramesTest, AStackWithoutAHandlerLosesNothing)
+{
+    EXPECT_EQ(FirstOwnFrame(&m_process, {m_plain, m_plain}, 1), 0u);
+    EXPECT_EQ(FirstOwnFrame(&m_process, {m_signalReturn, m_plain}, 1), 0u);
+    EXPECT_EQ(FirstOwnFrame(&m_process, {AGENT, AGENT + 1}, 1), 2u);
+    EXPECT_EQ(FirstOwnFrame(&m_process, {}, 1), 0u);
+}
