@@ -91,7 +91,8 @@ def measure_cost(context):
             agent.floors = {"bare handler": rows["bare handler"]}
             agent.target = Target(f"<= {MOST_COST_RATIO:g} x bare handler",
                                   agent.ratios()["bare handler"] <= MOST_COST_RATIO)
-            agent.note = f"{sizes[-1]:.0f} bytes a sample, lost {sum(losses)} of {len(losses) * count * (REPETITIONS + 1):,}"
+            taken = len(losses) * count * (REPETITIONS + 1)
+            agent.note = f"{sizes[-1]:.0f} bytes a sample, lost {sum(losses)} of {taken:,}"
         yield from rows.values()
 
 

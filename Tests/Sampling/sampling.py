@@ -9,6 +9,7 @@ from pathlib import Path
 import records
 from session import AGENT, HOST, Run, Session
 
+AGENT_NAME = AGENT.name
 SIGNAL = 44
 TICK_NS = 4_000_000
 NEVER = 0  # a timer that does not fire: the program queues its signals itself, and their number is exact
@@ -162,6 +163,3 @@ class Places:
         """The names of the modules, innermost first, neighbours of a kind taken together."""
         names = [self.module(address) for address in sample.stack]
         return [name for i, name in enumerate(names) if i == 0 or name != names[i - 1]]
-
-
-AGENT_NAME = AGENT.name

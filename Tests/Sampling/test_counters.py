@@ -283,5 +283,6 @@ def test_a_refused_counter_says_why_and_the_program_runs_on(counted_session):
     run = counted_session.run_sampler("burn 50", "lock 10", **counting(counted_session, ZORV_TEST_CPU_TYPE="97\n"))
     assert run.status == 3
     assert run.err.decode() == f"Qelix : Failed to initialize the constructor for pid ({run.pid}).\n"
-    assert errors(run)[0][1].startswith("Failed to configure core pmc collection agent - configureCpuPmcEvent failed : ")
+    assert errors(run)[0][1].startswith(
+        "Failed to configure core pmc collection agent - configureCpuPmcEvent failed : ")
     assert run.error_path.read_bytes() == b""

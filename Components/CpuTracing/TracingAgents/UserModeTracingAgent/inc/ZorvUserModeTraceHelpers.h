@@ -208,6 +208,7 @@ struct ZorvThreadState
     const void* m_pAppendFrame; // stack frame between the reservation and the publication of a trace record
     bool m_isDying;             // the process is about to end: nothing is allocated or freed any more
     bool m_isUnwinding;         // what the thread calls now is the unwinder's doing
+    bool m_holdsTurn;           // over a fork(2)
     bool m_canUnwind;           // the unwinder's first use on this thread is behind it
     bool m_mayAllocate;         // set in a scope: no handler of the program has interrupted its allocator here
 };
@@ -220,6 +221,7 @@ struct ZorvAgentScope
 {
     sigset_t m_signals;
     int m_cancelState;
+    int m_cancelType;
     int m_errno;
 };
 

@@ -24,6 +24,9 @@ void ZorvUmsOpenUnwinder(ZorvUmaProfileInfo* pProfileInfo);
 void ZorvUmsPrepareThread();
 // In a forked child: the turn to unwind may be held by a thread that does not exist here.
 void ZorvUmsForgetTurn();
+// In the parent, before and behind a fork(2): nobody is inside the unwinder meanwhile.
+void ZorvUmsHoldTurnForFork();
+void ZorvUmsEndHoldForFork();
 
 // Stops the calling thread's counters and closes them; failures are logged under the caller's name.
 void ZorvUmsFiniThreadCounters(ZorvUmaProfileInfo* pProfileInfo, const char* pFunction);

@@ -310,7 +310,7 @@ extern "C" __attribute__((constructor)) void ZorvUmaInit()
         // between a vfork and its exec, or over a dlerror of the program.
         if (ZorvUmaGetenv("QELIX_SESSION_DIR") != nullptr)
             ZorvUmaResolveWrappers();
-        pthread_atfork(nullptr, nullptr, StopInForkedChild);
+        pthread_atfork(ZorvUmsHoldTurnForFork, ZorvUmsEndHoldForFork, StopInForkedChild);
         ZorvUmaAtexit(ZorvUmaExitHandler);
         if (!ZorvUmaInitProcess(pProfileInfo))
             ZorvUmaFprintf(stderr, "Qelix : Failed to initialize the constructor for pid (%d).\n",

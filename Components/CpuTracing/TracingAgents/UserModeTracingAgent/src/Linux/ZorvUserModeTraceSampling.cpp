@@ -15,6 +15,7 @@
 
 #include <cerrno>
 #include <dlfcn.h>
+#include <ucontext.h>
 
 namespace
 {
@@ -23,6 +24,7 @@ constexpr char UNWINDER[] = "libunwind.so.8";
 constexpr uint64_t NS_PER_SECOND = 1000000000ULL;
 constexpr uint32_t EXTRA_FRAMES = 8;       // the handler's and the signal delivery's own
 constexpr uint32_t LARGEST_RECORD = 32767; // smaller than a buffer, and than what 16 bits can say
+constexpr int SET_UP_ATTEMPTS = 20;        // a thread that cannot unwind would be sampled never
 constexpr int TURN_YIELDS = 20;
 constexpr int TURN_SLEEPS = 50;
 constexpr long TURN_SLEEP_NS = 100000;
@@ -87,6 +89,19 @@ void ZorvUmsForgetTurn()
     GiveTurnBack();
 }
 
+// Around a fork: the child inherits the unwinder's lock as it is.
+void ZorvUmsHoldTurnForFork()
+{
+    t_zorvState.m_holdsTurn = g_pBacktrace != nullptr && TakeTurn();
+}
+
+void ZorvUmsEndHoldForFork()
+{
+    if (t_zorvState.m_holdsTurn)
+        GiveTurnBack();
+    t_zorvState.m_holdsTurn = false;
+}
+
 // Frames found, or a negative value when the turn did not come. The unwinder's own calls are not recorded.
 static int Unwind(void** ppFrames, int size)
 {
@@ -117,7 +132,8 @@ void ZorvUmsPrepareThread()
     if (g_pBacktrace == nullptr || pThreadInfo == nullptr || pThreadInfo->m_pUmsCsBuf == nullptr)
         return;
     bool wasStopped = pThreadInfo->m_stopCollection;
-    t_zorvState.m_canUnwind = Unwind(pThreadInfo->m_pUmsCsBuf, static_cast<int>(EXTRA_FRAMES)) >= 0;
+    for (int attempt = 0; attempt < SET_UP_ATTEMPTS && !t_zorvState.m_canUnwind; attempt++)
+        t_zorvState.m_canUnwind = Unwind(pThreadInfo->m_pUmsCsBuf, static_cast<int>(EXTRA_FRAMES)) >= 0;
     pThreadInfo->m_stopCollection = wasStopped;
 }
 
@@ -360,8 +376,14 @@ extern "C" void ZorvUmsCaptureSampleRecord(ZorvUmaProfileInfo* pProfileInfo)
 {
     ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
     if (pProfileInfo == nullptr || pThreadInfo == nullptr || pThreadInfo->m_pUmsCsBuf == nullptr ||
-        !t_zorvState.m_canUnwind || ZorvUmaIsCollectionStopped(pProfileInfo) || ZorvUmaIsPauseSet(pProfileInfo))
+        ZorvUmaIsCollectionStopped(pProfileInfo) || ZorvUmaIsPauseSet(pProfileInfo))
         return;
+    if (!t_zorvState.m_canUnwind)
+    {
+        if (g_pBacktrace != nullptr)
+            __atomic_add_fetch(&pProfileInfo->m_umsData.m_lostRecordCount, 1, __ATOMIC_SEQ_CST);
+        return;
+    }
     void** ppFrames = pThreadInfo->m_pUmsCsBuf;
     int count = Unwind(ppFrames, FramesWanted(pProfileInfo));
     if (count < 0)
@@ -382,20 +404,30 @@ extern "C" void ZorvUmsCaptureSampleRecord(ZorvUmaProfileInfo* pProfileInfo)
     __atomic_add_fetch(&pBuffer->m_dataLen, size, __ATOMIC_SEQ_CST);
 }
 
-extern "C" void ZorvUmsSignalHandler(int, siginfo_t* pSigInfo, void*)
+// An alternate stack is made for small handlers: unwinding on it would write over what lies below.
+static bool IsOnAlternateStack(const void* pUContext)
 {
-    if (pSigInfo == nullptr || pSigInfo->si_code != SI_TIMER)
+    auto pContext = static_cast<const ucontext_t*>(pUContext);
+    return pContext != nullptr && (pContext->uc_stack.ss_flags & SS_ONSTACK) != 0;
+}
+
+extern "C" void ZorvUmsSignalHandler(int, siginfo_t* pSigInfo, void* pUContext)
+{
+    if (pSigInfo == nullptr || pSigInfo->si_code != SI_TIMER || IsOnAlternateStack(pUContext))
         return;
     auto pProfileInfo = static_cast<ZorvUmaProfileInfo*>(pSigInfo->si_value.sival_ptr);
     if (pProfileInfo == nullptr)
         return;
     int savedErrno = errno;
     // A cancellation waits: it would take the unwinder's lock along, and reading the counters is a point of it.
+    int cancelType;
     int cancelState;
+    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &cancelType);
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
     __atomic_add_fetch(&pProfileInfo->m_timerOverrunCnt, static_cast<uint64_t>(pSigInfo->si_overrun),
                        __ATOMIC_SEQ_CST);
     ZorvUmsCaptureSampleRecord(pProfileInfo);
     pthread_setcancelstate(cancelState, &cancelState);
+    pthread_setcanceltype(cancelType, &cancelType); // last, as in ZorvUmaLeaveAgent
     errno = savedErrno;
 }

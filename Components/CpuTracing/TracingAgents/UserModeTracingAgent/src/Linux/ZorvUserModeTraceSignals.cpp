@@ -166,6 +166,13 @@ static bool IsWaitingFutex(unsigned long operation)
     return plain <= FUTEX_WAIT_REQUEUE_PI && (g_waitingFutexOps >> plain & 1U) != 0;
 }
 
+// The reset of every signal, by its number: the kernel's structure begins with the handler.
+static bool ResetsArmedSignal(long number, unsigned long sig, unsigned long action)
+{
+    return number == SYS_rt_sigaction && action != 0 && IsArmedSignal(static_cast<int>(sig)) &&
+           !IsRealHandler(*reinterpret_cast<const __sighandler_t*>(action));
+}
+
 template <ZorvEntryPoint* pEntry, typename, typename> struct RawSyscall
 {
     static __attribute__((noinline)) long Futex(void* pReal, unsigned long a1, unsigned long a2,
@@ -193,6 +200,8 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct RawSyscall
             return -1;
         if (number == SYS_futex && IsWaitingFutex(a2))
             return Futex(pReal, a1, a2, a3, a4, a5, a6);
+        if (ZORV_UNLIKELY(ResetsArmedSignal(number, a1, a2)))
+            return 0;
         if (ZORV_UNLIKELY(number == SYS_exit || number == SYS_exit_group))
             ZorvUmaFiniDyingProcess();
         return ZorvCallReal<long>(pReal, number, a1, a2, a3, a4, a5, a6);
