@@ -49,6 +49,7 @@ FakeFiles::FakeFiles(bool isPassing)
 
 uint64_t FakeFiles::Open(const Call& call)
 {
+    const std::lock_guard guard(m_lock); // two threads may ask for their first counter at once
     const std::string path = call.Arg<const char*>(0);
     m_opened.push_back(path);
     const auto found = m_files.find(path);

@@ -70,6 +70,7 @@ private:
     uint64_t Open(const faults::Call& call);
 
     bool m_isPassing;
+    std::mutex m_lock;
     faults::Replace m_open;
 };
 
