@@ -408,7 +408,12 @@ extern "C" void ZorvUmsCaptureSampleRecord(ZorvUmaProfileInfo* pProfileInfo)
 static bool IsOnAlternateStack(const void* pUContext)
 {
     auto pContext = static_cast<const ucontext_t*>(pUContext);
-    return pContext != nullptr && (pContext->uc_stack.ss_flags & SS_ONSTACK) != 0;
+    if (pContext == nullptr)
+        return false;
+    // The kernel notes the stack, not whether the thread runs on it.
+    auto begin = reinterpret_cast<uintptr_t>(pContext->uc_stack.ss_sp);
+    auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    return here - begin < pContext->uc_stack.ss_size;
 }
 
 extern "C" void ZorvUmsSignalHandler(int, siginfo_t* pSigInfo, void* pUContext)
