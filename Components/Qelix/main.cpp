@@ -51,9 +51,15 @@ void RequireCommand(const CLI::App& app, const std::vector<std::string>& argumen
                                      [&](const CLI::App* pCommand) { return pCommand->check_name(first); });
     if (!first.starts_with('-') && !isKnown)
     {
+        std::vector<std::string> names;
+        for (const CLI::App* pCommand : commands)
+        {
+            names.push_back(pCommand->get_name());
+        }
         throw Failure(
-            ZORV_STATUS_OWN_FAILURE, "{}; the commands are run, report, dump and export: see qelix --help",
-            first.empty() ? "a command is missing" : fmt::format("there is no command \"{}\"", first));
+            ZORV_STATUS_OWN_FAILURE, "{}; the commands are {}: see qelix --help",
+            first.empty() ? "a command is missing" : fmt::format("there is no command \"{}\"", first),
+            fmt::join(names, ", "));
     }
 }
 

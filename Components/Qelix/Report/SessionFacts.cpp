@@ -1,5 +1,6 @@
 #include "Report/SessionFacts.h"
 
+#include "Report/ProcessFiles.h"
 #include "Session/Failure.h"
 #include "Session/ProcessWatch.h"
 #include "Session/SessionDirectory.h"
@@ -17,41 +18,6 @@ namespace
 {
 
 constexpr std::size_t ZORV_LOCKS_SHOWN = 10;
-
-// The files of one process: their names end alike.
-struct ProcessFiles
-{
-    std::string m_trace;
-    std::string m_sample;
-    std::string m_metadata;
-};
-
-std::string NameBehindKind(const std::string& path)
-{
-    const std::string name = std::filesystem::path(path).stem();
-    return name.substr(name.find('_') + 1);
-}
-
-std::map<std::string, ProcessFiles> FilesOfProcesses(const std::string& session)
-{
-    std::map<std::string, ProcessFiles> files;
-    for (const std::string& path : FilesIn(TraceFolder(session), ".umt"))
-    {
-        files[NameBehindKind(path)].m_trace = path;
-    }
-    for (const std::string& path : FilesIn(SampleFolder(session), ".ums"))
-    {
-        files[NameBehindKind(path)].m_sample = path;
-    }
-    for (const std::string& path : FilesIn(MetadataFolder(session), ".meta"))
-    {
-        if (const auto process = files.find(NameBehindKind(path)); process != files.end())
-        {
-            process->second.m_metadata = path;
-        }
-    }
-    return files;
-}
 
 // Only the worst locks are kept, so that a session of many processes needs the memory of one.
 void KeepWorstLocks(SessionFacts* pSession, TraceFacts* pProcess)

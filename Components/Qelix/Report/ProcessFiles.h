@@ -1,0 +1,21 @@
+// Which files of a session belong to one process.
+#pragma once
+
+#include <map>
+#include <string>
+
+namespace qelix
+{
+
+// Paths; empty where the process has no such file.
+struct ProcessFiles
+{
+    std::string m_trace;
+    std::string m_sample;
+    std::string m_metadata;
+};
+
+// By what the names of a process's files have in common. Each is read with OpenRecordFile, as a stream.
+std::map<std::string, ProcessFiles> FilesOfProcesses(const std::string& session);
+
+} // namespace qelix
