@@ -206,10 +206,14 @@ struct ZorvThreadState
     uint32_t m_lostCount;       // trace records lost by this thread
     uint32_t m_agentDepth;      // nesting of ZorvUmaEnterAgent
     const void* m_pAppendFrame; // stack frame between the reservation and the publication of a trace record
+    const void* m_pLoaderFrame; // stack frame of a call that may hold the loader's locks
+    uintptr_t m_stackBegin;     // lowest address of the stack; 0 where it may grow
     bool m_isDying;             // the process is about to end: nothing is allocated or freed any more
     bool m_isUnwinding;         // what the thread calls now is the unwinder's doing
     bool m_holdsTurn;           // over a fork(2)
     bool m_canUnwind;           // the unwinder's first use on this thread is behind it
+    bool m_hasMissedTurn;       // the thread's last sample has waited for its turn in vain
+    bool m_isSignalUnwanted;    // the program believes to have blocked the profiling signal
     bool m_mayAllocate;         // set in a scope: no handler of the program has interrupted its allocator here
 };
 // constinit: an access that might have to construct would call a function first.

@@ -311,7 +311,7 @@ ssize_t ZorvUmaWriteOwnFile(int fd, const void* pBuf, size_t count)
     sigset_t pending;
     sigemptyset(&sizeSignal);
     sigaddset(&sizeSignal, SIGXFSZ);
-    pthread_sigmask(SIG_BLOCK, &sizeSignal, &before);
+    ZorvRawSigmask(SIG_BLOCK, &sizeSignal, &before);
     sigpending(&pending);
 
     ssize_t written = ZorvUmaWrite(fd, pBuf, count);
@@ -324,7 +324,7 @@ ssize_t ZorvUmaWriteOwnFile(int fd, const void* pBuf, size_t count)
         ZorvRawSyscall(SYS_rt_sigtimedwait, reinterpret_cast<long>(&sizeSignal), 0,
                        reinterpret_cast<long>(&now), _NSIG / 8);
     }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    ZorvRawSigmask(SIG_SETMASK, &before, nullptr);
     errno = savedErrno;
     return written;
 }

@@ -42,7 +42,7 @@ void ZorvUmaEnterAgent(ZorvAgentScope* pScope)
     {
         sigset_t all;
         sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &pScope->m_signals);
+        ZorvRawSigmask(SIG_SETMASK, &all, &pScope->m_signals);
         pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &pScope->m_cancelType);
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &pScope->m_cancelState);
         // A handler of the program runs with its own signal blocked, and may have interrupted the allocator.
@@ -59,7 +59,7 @@ void ZorvUmaLeaveAgent(const ZorvAgentScope* pScope)
     {
         // The mask first: a thread cancelled at once would run its cleanup with every signal blocked.
         int ignored;
-        pthread_sigmask(SIG_SETMASK, &pScope->m_signals, nullptr);
+        ZorvRawSigmask(SIG_SETMASK, &pScope->m_signals, nullptr);
         pthread_setcancelstate(pScope->m_cancelState, &ignored);
         // The type last: libc ends a thread with a pending asynchronous cancellation in either call, but only
         // in this one with the result of a cancelled thread.

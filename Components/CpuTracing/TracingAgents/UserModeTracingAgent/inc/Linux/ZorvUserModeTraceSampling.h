@@ -22,6 +22,8 @@ extern "C"
 void ZorvUmsOpenUnwinder(ZorvUmaProfileInfo* pProfileInfo);
 // The unwinder's first use on a thread allocates: it happens in the thread's set-up, never in the handler.
 void ZorvUmsPrepareThread();
+// Behind a dlopen(3) that gave this handle: lets the unwinder know the modules that came.
+void ZorvUmsFollowLoader(void* pHandle);
 // In a forked child: the turn to unwind may be held by a thread that does not exist here.
 void ZorvUmsForgetTurn();
 // In the parent, before and behind a fork(2): nobody is inside the unwinder meanwhile.

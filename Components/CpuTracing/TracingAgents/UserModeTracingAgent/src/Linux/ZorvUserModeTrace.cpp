@@ -11,6 +11,7 @@
 #include "ZorvUserModeTraceInterposers.h"
 #include "ZorvUserModeTraceLog.h"
 #include "ZorvUserModeTraceSampling.h"
+#include "ZorvUserModeTraceSignals.h"
 #include "ZorvUserModeTraceWriter.h"
 
 #include <cerrno>
@@ -317,6 +318,7 @@ extern "C" __attribute__((constructor)) void ZorvUmaInit()
                            ZorvUmaGetPid());
     }
     ZorvUmaLeaveAgent(&scope);
+    ZorvUmsAdmitSignal();
 }
 
 // ---- end of the process ----------------------------------------------------------------------------------
@@ -326,7 +328,8 @@ static void FiniAtExit()
 {
     sigset_t blocked;
     bool wasDying = t_zorvState.m_isDying;
-    if (pthread_sigmask(SIG_SETMASK, nullptr, &blocked) == 0 && sigisemptyset(&blocked) == 0)
+    ZorvRawSigmask(SIG_SETMASK, nullptr, &blocked);
+    if (sigisemptyset(&blocked) == 0)
         t_zorvState.m_isDying = true;
     ZorvUmaFiniProcess(ZorvUmaGetProfileInfo(), false);
     t_zorvState.m_isDying = wasDying;
@@ -617,19 +620,6 @@ static void EndUnannouncedThread(void*)
     ZorvUmaLeaveAgent(&scope);
 }
 
-// A thread is created with its creator's mask, and programs block every signal over that: their workers would
-// be sampled never. The signal is the agent's; the program has no handler for it and no use for its mask.
-static void AdmitProfilingSignal(const ZorvUmaProfileInfo* pProfileInfo)
-{
-    const ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
-    if (!pProfileInfo->m_umsConfig.m_enable || pThreadInfo == nullptr || pThreadInfo->m_timerId == nullptr)
-        return;
-    sigset_t profiling;
-    sigemptyset(&profiling);
-    sigaddset(&profiling, pProfileInfo->m_umsConfig.m_timerSignalNum);
-    pthread_sigmask(SIG_UNBLOCK, &profiling, nullptr);
-}
-
 static bool BeginThread(ZorvUmaProfileInfo* pProfileInfo)
 {
     ZorvAgentScope scope;
@@ -642,7 +632,7 @@ static bool BeginThread(ZorvUmaProfileInfo* pProfileInfo)
         ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmtPthreadCreateWrapper",
                     "Failed to initialize the thread (%d).", ZorvUmaGetTid());
     ZorvUmaLeaveAgent(&scope);
-    AdmitProfilingSignal(pProfileInfo);
+    ZorvUmsAdmitSignal();
     return hasRecord;
 }
 

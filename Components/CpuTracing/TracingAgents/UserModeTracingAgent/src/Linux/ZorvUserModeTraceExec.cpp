@@ -9,6 +9,7 @@
 #include "ZorvUserModeTraceInterposers.h"
 #include "ZorvUserModeTraceLog.h"
 #include "ZorvUserModeTraceSampling.h"
+#include "ZorvUserModeTraceSignals.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -223,8 +224,12 @@ static char* const* ArgvForPython(const ZorvUmaProfileInfo* pProfileInfo, const 
 template <typename... P> static int ReplaceImage(void* pReal, P... arguments)
 {
     bool wasArmed = ZorvUmsSuspendForExec();
+    if (wasArmed)
+        ZorvUmsBeginMaskInheritance();
     int result = ZorvCallReal<int>(pReal, arguments...);
     ZorvUmsResumeAfterExec(wasArmed);
+    if (wasArmed)
+        ZorvUmsEndMaskInheritance();
     return result;
 }
 

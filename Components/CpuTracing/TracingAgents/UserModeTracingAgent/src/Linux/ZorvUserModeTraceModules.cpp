@@ -7,7 +7,9 @@
 #include "ZorvAgentUtils.h"
 #include "ZorvRawSyscall.h"
 #include "ZorvUserModeTraceInterposers.h"
+#include "ZorvUserModeTraceLoader.h"
 #include "ZorvUserModeTraceLog.h"
+#include "ZorvUserModeTraceSampling.h"
 
 #include <cerrno>
 #include <dlfcn.h>
@@ -234,10 +236,16 @@ static void* OpenLikeNative(const Opening& opening, const void* pCaller)
 
 static void* OpenAndList(const Opening& opening, const void* pCaller, const char* pFunction)
 {
+    const void* pBefore = ZorvUmsEnterLoader(__builtin_frame_address(0));
     void* pHandle = OpenLikeNative(opening, pCaller);
+    ZorvUmsLeaveLoader(pBefore);
     int savedErrno = errno;
     if (pHandle != nullptr)
+    {
+        if (!opening.m_hasSpace) // the unwinder sees its own name space only
+            ZorvUmsFollowLoader(pHandle);
         ListModules(pFunction);
+    }
     errno = savedErrno;
     return pHandle;
 }

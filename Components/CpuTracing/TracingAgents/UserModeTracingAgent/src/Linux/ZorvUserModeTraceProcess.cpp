@@ -7,6 +7,7 @@
 #include "ZorvRawSyscall.h"
 #include "ZorvUserModeTraceInterposers.h"
 #include "ZorvUserModeTraceLog.h"
+#include "ZorvUserModeTraceSignals.h"
 
 #include <cerrno>
 #include <pty.h>
@@ -81,6 +82,7 @@ static bool SetUpChild(const ForkOrder& order)
     if (hasRecords && order.m_profileChildren)
         ZorvUmaInitProcess(pProfileInfo);
     ZorvUmaLeaveAgent(&scope);
+    ZorvUmsAdmitSignal();
     return hasRecords;
 }
 

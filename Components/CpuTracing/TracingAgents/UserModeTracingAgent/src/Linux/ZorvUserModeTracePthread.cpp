@@ -4,6 +4,7 @@
 // system calls. Arguments, result and errno are the program's.
 
 #include "ZorvUserModeTraceInterposers.h"
+#include "ZorvUserModeTraceSignals.h"
 
 #include <cerrno>
 
@@ -70,8 +71,10 @@ static int CreateWrapped(ZorvUmaProfileInfo* pProfileInfo, void* pReal, pthread_
     errno = savedErrno;
 
     auto pCreate = reinterpret_cast<CreateFunction>(pReal);
+    ZorvUmsBeginMaskInheritance();
     int result = pWrapperArg != nullptr ? pCreate(pThread, pAttr, ZorvUmtPthreadCreateWrapper, pWrapperArg)
                                         : pCreate(pThread, pAttr, pStartRoutine, pArg);
+    ZorvUmsEndMaskInheritance();
     if (ZorvUmtIsEventEnabled(pProfileInfo, ZORV_UMT_EVENT_PTHREAD))
     {
         call.m_value = static_cast<uint64_t>(*pThread);

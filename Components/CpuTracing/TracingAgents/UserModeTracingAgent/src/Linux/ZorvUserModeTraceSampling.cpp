@@ -2,16 +2,16 @@
 // handler allocates nothing, looks nothing up and takes no lock while the record fits. What else touches the
 // thread's sample buffer does so with every signal blocked, so the handler never finds it half changed.
 //
-// The unwinder has a lock of its own, held while it walks the loader's list; the loader's lock may be held by
-// the very thread that is sampled (a callback of dl_iterate_phdr, a dlopen). Two such threads would wait for
-// each other for ever. So only one thread unwinds at a time, and a thread waits for its turn only for a moment:
-// else its sample is lost, and counted.
+// The unwinder has a lock of its own. So only one thread unwinds at a time, and a thread waits for its turn
+// only for a moment: else its sample is lost, and counted. The loader's list comes without the loader's lock.
 
 #include "ZorvUserModeTraceSampling.h"
 #include "ZorvPerfPmcCollect.h"
 #include "ZorvRawSyscall.h"
 #include "ZorvUserModeTrace.h"
+#include "ZorvUserModeTraceLoader.h"
 #include "ZorvUserModeTraceLog.h"
+#include "ZorvUserModeTraceSignals.h"
 
 #include <cerrno>
 #include <dlfcn.h>
@@ -28,6 +28,7 @@ constexpr int SET_UP_ATTEMPTS = 20;        // a thread that cannot unwind would 
 constexpr int TURN_YIELDS = 20;
 constexpr int TURN_SLEEPS = 50;
 constexpr long TURN_SLEEP_NS = 100000;
+constexpr size_t UNWINDING_STACK = 16384; // bytes that the handler and the unwinder may need
 
 using Backtrace = int (*)(void** ppBuffer, int size);
 
@@ -46,17 +47,20 @@ void ZorvUmsOpenUnwinder(ZorvUmaProfileInfo* pProfileInfo)
         return;
     g_isUnwinderSought = true; // a forked child keeps what its parent has found
     // Local scope: in the program's scope it would take over the unwinding of C++ exceptions.
+    void* pLoaded = ZorvUmaOpenObject(UNWINDER, RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
     void* pHandle = ZorvUmaOpenObject(UNWINDER, RTLD_NOW | RTLD_LOCAL);
     if (pHandle != nullptr)
         g_pBacktrace = reinterpret_cast<Backtrace>(dlsym(pHandle, "unw_backtrace"));
-    if (g_pBacktrace == nullptr)
+    if (g_pBacktrace != nullptr)
+        ZorvUmsListModules(pHandle, pLoaded != nullptr);
+    else
         ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to open %s, no samples are written.", UNWINDER);
 }
 
-static bool TakeTurn()
+static bool TakeTurn(int sleeps)
 {
     pid_t own = ZorvUmaCachedTid();
-    for (int attempt = 0; attempt < TURN_YIELDS + TURN_SLEEPS; attempt++)
+    for (int attempt = 0; attempt < TURN_YIELDS + sleeps; attempt++)
     {
         pid_t holder = 0;
         if (__atomic_compare_exchange_n(&g_unwindingTid, &holder, own, false, __ATOMIC_ACQUIRE,
@@ -92,7 +96,7 @@ void ZorvUmsForgetTurn()
 // Around a fork: the child inherits the unwinder's lock as it is.
 void ZorvUmsHoldTurnForFork()
 {
-    t_zorvState.m_holdsTurn = g_pBacktrace != nullptr && TakeTurn();
+    t_zorvState.m_holdsTurn = g_pBacktrace != nullptr && TakeTurn(TURN_SLEEPS);
 }
 
 void ZorvUmsEndHoldForFork()
@@ -102,18 +106,43 @@ void ZorvUmsEndHoldForFork()
     t_zorvState.m_holdsTurn = false;
 }
 
+void ZorvUmsFollowLoader(void* pHandle)
+{
+    if (g_pBacktrace == nullptr)
+        return;
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    if (TakeTurn(TURN_SLEEPS))
+    {
+        ZorvUmsListModule(pHandle);
+        GiveTurnBack();
+    }
+    ZorvUmaLeaveAgent(&scope);
+}
+
+static bool HasStackForUnwinding()
+{
+    auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    uintptr_t begin = t_zorvState.m_stackBegin;
+    return begin == 0 || here < begin || here - begin >= UNWINDING_STACK;
+}
+
 // Frames found, or a negative value when the turn did not come. The unwinder's own calls are not recorded.
 static int Unwind(void** ppFrames, int size)
 {
+    if (!HasStackForUnwinding() || ZorvUmsIsUnwindingUnsafe())
+        return -1;
     int count = -1;
     ZorvUmaSetStopCollection(true);
-    if (TakeTurn())
+    // Signals that come faster than turns do must not all wait: their thread would do nothing else.
+    if (TakeTurn(t_zorvState.m_hasMissedTurn ? 0 : TURN_SLEEPS))
     {
         t_zorvState.m_isUnwinding = true;
         count = g_pBacktrace(ppFrames, size);
         t_zorvState.m_isUnwinding = false;
         GiveTurnBack();
     }
+    t_zorvState.m_hasMissedTurn = count < 0;
     ZorvUmaSetStopCollection(false);
     return count;
 }
@@ -125,15 +154,32 @@ static int FramesWanted(const ZorvUmaProfileInfo* pProfileInfo)
     return static_cast<int>(wanted < room ? wanted : room);
 }
 
+// The stack of a thread has its size for life; a process's first one grows, also where a child inherits it.
+static void FindStack()
+{
+    pthread_attr_t attributes;
+    void* pBegin = nullptr;
+    size_t size = 0;
+    if (ZorvUmaGetTid() == ZorvUmaGetPid() || pthread_getattr_np(pthread_self(), &attributes) != 0)
+        return;
+    if (pthread_attr_getstack(&attributes, &pBegin, &size) == 0)
+        t_zorvState.m_stackBegin = reinterpret_cast<uintptr_t>(pBegin);
+    pthread_attr_destroy(&attributes);
+}
+
 void ZorvUmsPrepareThread()
 {
     ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
     t_zorvState.m_canUnwind = false;
     if (g_pBacktrace == nullptr || pThreadInfo == nullptr || pThreadInfo->m_pUmsCsBuf == nullptr)
         return;
+    FindStack();
     bool wasStopped = pThreadInfo->m_stopCollection;
     for (int attempt = 0; attempt < SET_UP_ATTEMPTS && !t_zorvState.m_canUnwind; attempt++)
+    {
+        t_zorvState.m_hasMissedTurn = false;
         t_zorvState.m_canUnwind = Unwind(pThreadInfo->m_pUmsCsBuf, static_cast<int>(EXTRA_FRAMES)) >= 0;
+    }
     pThreadInfo->m_stopCollection = wasStopped;
 }
 
@@ -355,6 +401,29 @@ void ZorvUmsResumeAfterExec(bool wasArmed)
 
 // ---- the handler -----------------------------------------------------------------------------------------
 
+// libc's own signal for cancellations; sigfillset(3) and sigaddset(3) leave it out.
+static void MaskCancellations(int how)
+{
+    const uint64_t cancellation = 1ULL << (__SIGRTMIN - 1);
+    ZorvRawSyscall(SYS_rt_sigprocmask, how, reinterpret_cast<long>(&cancellation), 0, sizeof(cancellation));
+}
+
+// Reading is a point of cancellation, which has to wait until the record is whole. The type is left alone until
+// the end: libc's read(2) would wait for a cancellation that is under way in a thread of the deferred type, and
+// the handler that gets it under way may be what this one has interrupted.
+static void ReadCounters(ZorvPerfPmcData* pData)
+{
+    int state;
+    int type;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    MaskCancellations(SIG_UNBLOCK);
+    ZorvReadPerfEvent(ZORV_PMC_TYPE_CORE, pData);
+    MaskCancellations(SIG_BLOCK);
+    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);
+    pthread_setcancelstate(state, &state);
+    pthread_setcanceltype(type, &type); // last, as in ZorvUmaLeaveAgent
+}
+
 static void FillSample(const ZorvUmaProfileInfo* pProfileInfo, char* pBody, void* const* ppFrames,
                        uint32_t count)
 {
@@ -369,7 +438,7 @@ static void FillSample(const ZorvUmaProfileInfo* pProfileInfo, char* pBody, void
         return;
     auto pEvents = reinterpret_cast<ZorvUmsEventInfo*>(pStack + sizeof(void*) * count);
     *pEvents = {events, 0};
-    ZorvReadPerfEvent(ZORV_PMC_TYPE_CORE, reinterpret_cast<ZorvPerfPmcData*>(pEvents + 1));
+    ReadCounters(reinterpret_cast<ZorvPerfPmcData*>(pEvents + 1));
 }
 
 extern "C" void ZorvUmsCaptureSampleRecord(ZorvUmaProfileInfo* pProfileInfo)
@@ -424,15 +493,11 @@ extern "C" void ZorvUmsSignalHandler(int, siginfo_t* pSigInfo, void* pUContext)
     if (pProfileInfo == nullptr)
         return;
     int savedErrno = errno;
-    // A cancellation waits: it would take the unwinder's lock along, and reading the counters is a point of it.
-    int cancelType;
-    int cancelState;
-    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &cancelType);
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    // A cancellation waits: it would take the unwinder's lock along. The return from the signal opens it again.
+    if (pUContext != nullptr)
+        MaskCancellations(SIG_BLOCK);
     __atomic_add_fetch(&pProfileInfo->m_timerOverrunCnt, static_cast<uint64_t>(pSigInfo->si_overrun),
                        __ATOMIC_SEQ_CST);
     ZorvUmsCaptureSampleRecord(pProfileInfo);
-    pthread_setcancelstate(cancelState, &cancelState);
-    pthread_setcanceltype(cancelType, &cancelType); // last, as in ZorvUmaLeaveAgent
     errno = savedErrno;
 }

@@ -1,5 +1,6 @@
 // Calls that reach into the agent's own state: the profiling signal, a thread's name, and raw system calls.
 
+#include "ZorvUserModeTraceSignals.h"
 #include "ZorvUserModeTraceInterposers.h"
 #include "ZorvUserModeTraceProcess.h"
 
@@ -12,7 +13,7 @@ extern "C" __sighandler_t __sysv_signal(int sig, __sighandler_t handler) noexcep
 
 // ---- sigaction, signal -----------------------------------------------------------------------------------
 
-static bool IsProfilingSignal(int sig)
+bool ZorvUmsIsProfilingSignal(int sig)
 {
     const ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
     // While no signal is configured its number is 0, which is no signal at all.
@@ -58,9 +59,9 @@ using OtherCall = ZorvGatedCall<ZorvDirectPattern, pEntry,
 
 // A program that resets every signal must not die of a timer that it does not know of: while this process
 // samples, the handler stays and the program is told that its call was done.
-static bool IsArmedSignal(int sig)
+bool ZorvUmsIsArmedSignal(int sig)
 {
-    return IsProfilingSignal(sig) && ZorvUmaGetProfileInfo()->m_umsConfig.m_enable;
+    return ZorvUmsIsProfilingSignal(sig) && ZorvUmaGetProfileInfo()->m_umsConfig.m_enable;
 }
 
 // libc refuses a number that is none, and the two that it keeps for itself, before it looks at the action.
@@ -83,9 +84,9 @@ template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct Guar
 {
     static int Call(int sig, const struct sigaction* pAction, struct sigaction* pOldAction)
     {
-        if (ZORV_UNLIKELY(IsProfilingSignal(sig) && InstallsHandler(pAction)))
+        if (ZORV_UNLIKELY(ZorvUmsIsProfilingSignal(sig) && InstallsHandler(pAction)))
             RefuseSignal(sig);
-        if (ZORV_UNLIKELY(IsArmedSignal(sig) && pAction != nullptr && !InstallsHandler(pAction)))
+        if (ZORV_UNLIKELY(ZorvUmsIsArmedSignal(sig) && pAction != nullptr && !InstallsHandler(pAction)))
             return PretendReset(sig, pOldAction);
         if (IsProgramsSignal(sig) && InstallsHandler(pAction) && (pAction->sa_flags & SA_NODEFER) != 0)
             ZorvUmaExpectNestedHandlers();
@@ -97,9 +98,9 @@ template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct Guar
 {
     static __sighandler_t Call(int sig, __sighandler_t handler)
     {
-        if (ZORV_UNLIKELY(IsProfilingSignal(sig) && IsRealHandler(handler)))
+        if (ZORV_UNLIKELY(ZorvUmsIsProfilingSignal(sig) && IsRealHandler(handler)))
             RefuseSignal(sig);
-        if (ZORV_UNLIKELY(IsArmedSignal(sig) && !IsRealHandler(handler)))
+        if (ZORV_UNLIKELY(ZorvUmsIsArmedSignal(sig) && !IsRealHandler(handler)))
             return PretendReset(sig, nullptr) == 0 ? SIG_DFL : SIG_ERR;
         return OtherCall<pEntry, Detail, Pointer>::Call(sig, handler);
     }
@@ -120,6 +121,40 @@ template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct Guar
 };
 
 ZORV_INTERPOSE_SINGLE(GuardedSysvSignal, void, ZorvInterposeSysvSignal, __sysv_signal, 2, Zero)
+
+// The System V calls, which also hold a signal back. They leave no record.
+template <ZorvEntryPoint* pEntry, typename, typename> struct GuardedSigset
+{
+    static __sighandler_t Call(int sig, __sighandler_t handler)
+    {
+        void* pReal = ZorvRealOf(pEntry);
+        if (pReal == nullptr)
+            return SIG_ERR;
+        bool takesSignal = IsRealHandler(handler) && handler != SIG_HOLD;
+        if (ZORV_UNLIKELY(ZorvUmsIsProfilingSignal(sig) && takesSignal))
+            RefuseSignal(sig);
+        if (ZORV_LIKELY(!ZorvUmsIsArmedSignal(sig) || takesSignal))
+            return ZorvCallReal<__sighandler_t>(pReal, sig, handler);
+        bool wasHeld = t_zorvState.m_isSignalUnwanted;
+        t_zorvState.m_isSignalUnwanted = handler == SIG_HOLD;
+        return wasHeld ? SIG_HOLD : SIG_DFL;
+    }
+};
+
+ZORV_INTERPOSE_SINGLE(GuardedSigset, void, ZorvInterposeSigset, sigset, 2, Zero)
+
+template <ZorvEntryPoint* pEntry, typename, typename> struct GuardedSigignore
+{
+    static int Call(int sig)
+    {
+        void* pReal = ZorvRealOf(pEntry);
+        if (pReal == nullptr)
+            return -1;
+        return ZorvUmsIsArmedSignal(sig) ? PretendReset(sig, nullptr) : ZorvCallReal<int>(pReal, sig);
+    }
+};
+
+ZORV_INTERPOSE_SINGLE(GuardedSigignore, void, ZorvInterposeSigignore, sigignore, 1, AllOnes)
 
 // ---- prctl -----------------------------------------------------------------------------------------------
 
@@ -169,7 +204,7 @@ static bool IsWaitingFutex(unsigned long operation)
 // The reset of every signal, by its number: the kernel's structure begins with the handler.
 static bool ResetsArmedSignal(long number, unsigned long sig, unsigned long action)
 {
-    return number == SYS_rt_sigaction && action != 0 && IsArmedSignal(static_cast<int>(sig)) &&
+    return number == SYS_rt_sigaction && action != 0 && ZorvUmsIsArmedSignal(static_cast<int>(sig)) &&
            !IsRealHandler(*reinterpret_cast<const __sighandler_t*>(action));
 }
 

@@ -1,7 +1,10 @@
 // Interposers of the system calls, expanded from their table: the class of a row says how it is timed.
 
+#include "ZorvRawSyscall.h"
 #include "ZorvUserModeTraceInterposers.h"
+#include "ZorvUserModeTraceSignals.h"
 
+#include <cerrno>
 #include <mqueue.h>
 #include <poll.h>
 #include <sys/epoll.h>
@@ -74,15 +77,57 @@ struct Other
     static constexpr ZorvCallClass CLASS = {ZORV_SYSCALL_TYPE_OTHER, ZORV_UMT_EVENT_SYSCALL};
 };
 
+template <typename ClassOfCall, long number> struct UnwinderCall
+{
+    using Class = ClassOfCall;
+    static constexpr long NUMBER = number;
+};
+
 } // namespace
 
 template <ZorvEntryPoint* pEntry, typename Class, typename Pointer>
 using OfClass = ZorvGatedCall<typename Class::Pattern, pEntry, Class::CLASS, Pointer>;
 
+// The unwinder tests memory through a pipe. libc's calls are points of cancellation, and a cancellation that is
+// under way waits, in the handler of the profiling signal, for the handler below it.
+template <ZorvEntryPoint* pEntry, typename Class, typename Pointer> struct OfUnwinder;
+template <ZorvEntryPoint* pEntry, typename Class, typename R, typename... P>
+struct OfUnwinder<pEntry, Class, R (*)(P...)>
+{
+    static R Call(P... arguments)
+    {
+        if (ZORV_LIKELY(!t_zorvState.m_isUnwinding))
+            return OfClass<pEntry, typename Class::Class, R (*)(P...)>::Call(arguments...);
+        long result = ZorvRawSyscall(Class::NUMBER, (long)arguments...);
+        if (result >= 0)
+            return static_cast<R>(result);
+        errno = static_cast<int>(-result);
+        return -1;
+    }
+};
+
+// A wait for signals never takes the agent's own: the program would be told of a signal that nobody sent it.
+template <ZorvEntryPoint* pEntry, typename Class, typename Pointer> struct OfSignals;
+template <ZorvEntryPoint* pEntry, typename Class, typename... P>
+struct OfSignals<pEntry, Class, int (*)(const sigset_t*, P...)>
+{
+    static int Call(const sigset_t* pSet, P... arguments)
+    {
+        sigset_t programs;
+        return OfClass<pEntry, Class, int (*)(const sigset_t*, P...)>::Call(
+            ZorvUmsProgramsSignals(pSet, &programs), arguments...);
+    }
+};
+
 #define ZORV_SYSCALL(class, call, name, count)                                                                 \
     ZORV_INTERPOSE_SINGLE(OfClass, class, ZorvInterpose##call, name, count, AllOnes)
 #define ZORV_SYSCALL_OR(class, call, name, count, failure)                                                     \
     ZORV_INTERPOSE_SINGLE(OfClass, class, ZorvInterpose##call, name, count, failure)
+#define ZORV_SYSCALL_OF_SIGNALS(class, call, name, count)                                                      \
+    ZORV_INTERPOSE_SINGLE(OfSignals, class, ZorvInterpose##call, name, count, AllOnes)
+#define ZORV_SYSCALL_OF_UNWINDER(class, call, name, count)                                                     \
+    using UnwinderCall##call = UnwinderCall<class, SYS_##name>;                                                \
+    ZORV_INTERPOSE_SINGLE(OfUnwinder, UnwinderCall##call, ZorvInterpose##call, name, count, AllOnes)
 #define ZORV_SYSCALL_VERSIONED(class, call, name, count, oldVersion, newVersion)                               \
     ZORV_INTERPOSE_VERSIONED(OfClass, class, ZorvInterpose##call, name, count, oldVersion, newVersion, AllOnes)
 #include "ZorvUserModeTraceSyscall.def"

@@ -1,0 +1,25 @@
+// The modules of the process as the unwinder asks for them, without the loader's lock.
+#pragma once
+
+#include "ZorvUserModeTraceHelpers.h"
+
+// Makes the first list; until then the unwinder asks the loader itself. pUnwinder: handle of the unwinder's
+// object. wasLoaded: the program had it before the agent opened it.
+void ZorvUmsListModules(void* pUnwinder, bool wasLoaded);
+
+// Makes the list anew where it lacks the module that dlopen(3) gave; it has that one's dependencies then, too.
+// The caller holds the turn to unwind, in no signal handler and with every signal blocked. No lock of the
+// loader is taken for a module that is listed: in a forked child nobody may hold it any more.
+void ZorvUmsListModule(void* pHandle);
+
+// The calling thread is about to enter the loader, or has left it: it may hold the loader's locks in between.
+// Gives what Leave wants back.
+const void* ZorvUmsEnterLoader(const void* pFrame);
+void ZorvUmsLeaveLoader(const void* pBefore);
+
+// Whether the address lies in the unwinder's object.
+bool ZorvUmsIsUnwinder(const void* pCode);
+// In a signal handler: whether unwinding here could wait for ever. It could where the thread holds a lock of
+// the loader, and another one, which holds the unwinder's lock because the program unwinds by itself, waits for
+// that.
+bool ZorvUmsIsUnwindingUnsafe();
