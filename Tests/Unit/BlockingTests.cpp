@@ -97,6 +97,40 @@ TEST_P(Blocking, TheParallelRegionIsRecorded)
     EXPECT_EQ(Records()[0].m_parId, 4711u);
 }
 
+// ---- functions in place of the agent's -------------------------------------------------------------------
+
+#ifndef ZORV_FAULTS_OFF_THE_PATH
+TEST_P(Blocking, ABufferOfAnotherCacheIsCompletedAndWithdrawn)
+{
+    if (!IsParked())
+    {
+        return;
+    }
+    ZorvUmaBuffer other{};
+    Replace cache("ZorvUmtCachePthreadRecord",
+                  [&](const Call&)
+                  {
+                      other.m_cacheLen = 64;
+                      return reinterpret_cast<uint64_t>(&other);
+                  });
+    std::vector<uint64_t> completed;
+    Replace capture("ZorvUmtCapturePthreadRecord",
+                    [&](const Call& call)
+                    {
+                        completed.push_back(call.Arg<uint64_t>(7));
+                        return 0;
+                    });
+    CallEntry(GetParam());
+    EXPECT_EQ(completed, std::vector<uint64_t>{reinterpret_cast<uint64_t>(&other)});
+    EXPECT_EQ(other.m_cacheLen, 0u);
+
+    EnableEvent(ZORV_UMT_EVENT_PTHREAD, 500);
+    CallEntry(GetParam());
+    EXPECT_EQ(completed.size(), 1u) << "shorter than the threshold";
+    EXPECT_EQ(other.m_cacheLen, 0u);
+}
+#endif
+
 // ---- the threshold ---------------------------------------------------------------------------------------
 
 TEST_P(Blocking, ADurationEqualToTheThresholdIsRecorded)

@@ -158,8 +158,12 @@ template <typename Calls> static inline void BeginParked(ZorvTracedCall* pCall)
     StartTiming<Calls>(pCall);
     uint32_t lostBefore = t_zorvState.m_lostCount;
     // What anyone else appends from here on shows as a difference: the provisional record is gone then.
-    pCall->m_appendCount = t_zorvState.m_appendCount + 1;
+    uint32_t appendedBefore = t_zorvState.m_appendCount;
+    pCall->m_appendCount = appendedBefore + 1;
     pCall->m_pCacheBuf = Park<Calls>(pCall);
+    // A function that stands in for the agent's keeps no count.
+    if (!std::is_same_v<Calls, ZorvDirectCalls> && t_zorvState.m_appendCount == appendedBefore)
+        pCall->m_appendCount = appendedBefore;
     if (ZORV_UNLIKELY(pCall->m_pCacheBuf == nullptr))
         pCall->m_lostByCache = t_zorvState.m_lostCount - lostBefore;
     *pErrno = savedErrno;
