@@ -92,12 +92,13 @@ void ZorvUmaMarkMemory()
 {
     if (g_pOwnMark == nullptr)
     {
-        auto size = static_cast<size_t>(PATH_SIZE);
-        void* pPage = ZorvUmaMmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (pPage == MAP_FAILED)
+        constexpr long size = 4096;
+        long page =
+            ZorvRawSyscall(SYS_mmap, 0, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (page < 0)
             return;
-        ZorvRawSyscall(SYS_madvise, reinterpret_cast<long>(pPage), static_cast<long>(size), MADV_WIPEONFORK);
-        g_pOwnMark = static_cast<uint32_t*>(pPage);
+        ZorvRawSyscall(SYS_madvise, page, size, MADV_WIPEONFORK);
+        g_pOwnMark = reinterpret_cast<uint32_t*>(page);
     }
     *g_pOwnMark = 1;
 }

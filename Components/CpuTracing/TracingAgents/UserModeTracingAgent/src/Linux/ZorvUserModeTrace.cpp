@@ -50,6 +50,12 @@ static void SleepStep()
 
 // ---- the process record ----------------------------------------------------------------------------------
 
+// Whether the process is meant to be recorded; else nothing is looked up before it is called.
+static bool HasLauncher()
+{
+    return ZorvUmaGetenv("QELIX_SESSION_DIR") != nullptr;
+}
+
 extern "C" ZorvUmaProfileInfo* ZorvUmaGetProfileInfo()
 {
     return __atomic_load_n(&g_pProfileInfo, __ATOMIC_ACQUIRE);
@@ -70,7 +76,7 @@ extern "C" ZorvUmaProfileInfo* ZorvUmaAllocateProfileInfo()
         ZorvUmaFprintf(stderr, "Failed to find the handles.\n");
         return nullptr;
     }
-    if (!ZorvUmaHasEssentials())
+    if (HasLauncher() && !ZorvUmaHasEssentials())
         return nullptr;
     auto pProfileInfo = static_cast<ZorvUmaProfileInfo*>(ZorvUmaMalloc(sizeof(ZorvUmaProfileInfo)));
     if (pProfileInfo == nullptr)
@@ -294,6 +300,30 @@ static void StopInForkedChild()
     ZorvUmaSetStopCollection(true);
 }
 
+// Whether libc itself answers look-ups. An object that does so in its place is shown each one when it is due.
+static bool IsLibcAsked()
+{
+    auto pLibc = static_cast<const struct link_map*>(g_handlers.m_pLibcHandle);
+    for (void* pLookUp : {reinterpret_cast<void*>(&dlsym), reinterpret_cast<void*>(&dlvsym)})
+    {
+        Dl_info place;
+        if (dladdr(pLookUp, &place) == 0 || reinterpret_cast<ElfW(Addr)>(place.dli_fbase) != pLibc->l_addr)
+            return false;
+    }
+    return true;
+}
+
+// A later first look-up could come in a signal handler, between a vfork and its exec, or over a dlerror of the
+// program.
+static void ResolveInAdvance()
+{
+    if (!IsLibcAsked())
+        return;
+    ZorvUmtResolveInterposers();
+    if (HasLauncher())
+        ZorvUmaResolveWrappers();
+}
+
 extern "C" __attribute__((constructor)) void ZorvUmaInit()
 {
     if (g_isConstructed)
@@ -306,11 +336,7 @@ extern "C" __attribute__((constructor)) void ZorvUmaInit()
     ZorvUmaProfileInfo* pProfileInfo = ZorvUmaAllocateProfileInfo();
     if (pProfileInfo != nullptr && ZorvUmaAllocateThreadInfo(pProfileInfo) != nullptr)
     {
-        ZorvUmtResolveInterposers();
-        // A process that a launcher has started: from here on a first look-up could come in a signal handler,
-        // between a vfork and its exec, or over a dlerror of the program.
-        if (ZorvUmaGetenv("QELIX_SESSION_DIR") != nullptr)
-            ZorvUmaResolveWrappers();
+        ResolveInAdvance();
         pthread_atfork(ZorvUmsHoldTurnForFork, ZorvUmsEndHoldForFork, StopInForkedChild);
         ZorvUmaAtexit(ZorvUmaExitHandler);
         if (!ZorvUmaInitProcess(pProfileInfo))
