@@ -190,12 +190,13 @@ extern "C" char** ZorvUmaUpdateArgs(const ZorvUmaProfileInfo* pProfileInfo, char
             ZORV_LOG_AS((pProfileInfo)->m_logFd, level, pFunction, __VA_ARGS__);                               \
     } while (false)
 
-// The environment with the agent in it: the caller's own where it is there already or cannot be put in.
+// The environment with the agent in it: the caller's own, null included, where it is there already or cannot be
+// put in.
 static char* const* EnvWithAgent(const ZorvUmaProfileInfo* pProfileInfo, const char* pFunction,
                                  const char* pPath, char* const* ppEnv)
 {
     const char* pAgentPath = AgentPath(pProfileInfo);
-    if (pAgentPath == nullptr || ppEnv == nullptr)
+    if (pAgentPath == nullptr)
         return ppEnv;
     int index = -1;
     int length = -1;
