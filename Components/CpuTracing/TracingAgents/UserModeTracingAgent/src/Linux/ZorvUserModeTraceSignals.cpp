@@ -58,7 +58,7 @@ using OtherCall = ZorvGatedCall<ZorvDirectPattern, pEntry,
                                 ZorvCallClass{ZORV_SYSCALL_TYPE_OTHER, ZORV_UMT_EVENT_SYSCALL}, Pointer>;
 
 // A program that resets every signal must not die of a timer that it does not know of: while this process
-// samples, the handler stays and the program is told that its call was done.
+// samples, the handler stays and the program is told that its call was done. It may ignore the signal.
 bool ZorvUmsIsArmedSignal(int sig)
 {
     return ZorvUmsIsProfilingSignal(sig) && ZorvUmaGetProfileInfo()->m_umsConfig.m_enable;
@@ -70,24 +70,24 @@ static bool IsProgramsSignal(int sig)
     return sig > 0 && sig < _NSIG && (sig < __SIGRTMIN || sig >= SIGRTMIN);
 }
 
-static ZORV_COLD int PretendReset(int sig, struct sigaction* pOldAction)
-{
-    struct sigaction current = {};
-    if (ZorvUmaSigAction(sig, nullptr, &current) != 0)
-        return -1;
-    if (pOldAction != nullptr)
-        *pOldAction = {}; // what the program had before: the default
-    return 0;
-}
-
 template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct GuardedSigaction
 {
+    // The call is made, and asks only.
+    static ZORV_COLD int Pretend(int sig, struct sigaction* pOldAction)
+    {
+        struct sigaction current = {};
+        int result = OtherCall<pEntry, Detail, Pointer>::Call(sig, nullptr, &current);
+        if (result == 0 && pOldAction != nullptr)
+            *pOldAction = {}; // what the program had before: the default
+        return result;
+    }
+
     static int Call(int sig, const struct sigaction* pAction, struct sigaction* pOldAction)
     {
         if (ZORV_UNLIKELY(ZorvUmsIsProfilingSignal(sig) && InstallsHandler(pAction)))
             RefuseSignal(sig);
-        if (ZORV_UNLIKELY(ZorvUmsIsArmedSignal(sig) && pAction != nullptr && !InstallsHandler(pAction)))
-            return PretendReset(sig, pOldAction);
+        if (ZORV_UNLIKELY(ZorvUmsIsArmedSignal(sig) && pAction != nullptr && pAction->sa_handler == SIG_DFL))
+            return Pretend(sig, pOldAction);
         if (IsProgramsSignal(sig) && InstallsHandler(pAction) && (pAction->sa_flags & SA_NODEFER) != 0)
             ZorvUmaExpectNestedHandlers();
         return OtherCall<pEntry, Detail, Pointer>::Call(sig, pAction, pOldAction);
@@ -100,8 +100,8 @@ template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct Guar
     {
         if (ZORV_UNLIKELY(ZorvUmsIsProfilingSignal(sig) && IsRealHandler(handler)))
             RefuseSignal(sig);
-        if (ZORV_UNLIKELY(ZorvUmsIsArmedSignal(sig) && !IsRealHandler(handler)))
-            return PretendReset(sig, nullptr) == 0 ? SIG_DFL : SIG_ERR;
+        if (ZORV_UNLIKELY(ZorvUmsIsArmedSignal(sig) && handler == SIG_DFL))
+            return SIG_DFL;
         return OtherCall<pEntry, Detail, Pointer>::Call(sig, handler);
     }
 };
@@ -122,7 +122,7 @@ template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct Guar
 
 ZORV_INTERPOSE_SINGLE(GuardedSysvSignal, void, ZorvInterposeSysvSignal, __sysv_signal, 2, Zero)
 
-// The System V calls, which also hold a signal back. They leave no record.
+// The System V call, which also holds a signal back. It leaves no record.
 template <ZorvEntryPoint* pEntry, typename, typename> struct GuardedSigset
 {
     static __sighandler_t Call(int sig, __sighandler_t handler)
@@ -133,7 +133,7 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct GuardedSigset
         bool takesSignal = IsRealHandler(handler) && handler != SIG_HOLD;
         if (ZORV_UNLIKELY(ZorvUmsIsProfilingSignal(sig) && takesSignal))
             RefuseSignal(sig);
-        if (ZORV_LIKELY(!ZorvUmsIsArmedSignal(sig) || takesSignal))
+        if (ZORV_LIKELY(!ZorvUmsIsArmedSignal(sig) || (handler != SIG_DFL && handler != SIG_HOLD)))
             return ZorvCallReal<__sighandler_t>(pReal, sig, handler);
         bool wasHeld = t_zorvState.m_isSignalUnwanted;
         t_zorvState.m_isSignalUnwanted = handler == SIG_HOLD;
@@ -142,19 +142,6 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct GuardedSigset
 };
 
 ZORV_INTERPOSE_SINGLE(GuardedSigset, void, ZorvInterposeSigset, sigset, 2, Zero)
-
-template <ZorvEntryPoint* pEntry, typename, typename> struct GuardedSigignore
-{
-    static int Call(int sig)
-    {
-        void* pReal = ZorvRealOf(pEntry);
-        if (pReal == nullptr)
-            return -1;
-        return ZorvUmsIsArmedSignal(sig) ? PretendReset(sig, nullptr) : ZorvCallReal<int>(pReal, sig);
-    }
-};
-
-ZORV_INTERPOSE_SINGLE(GuardedSigignore, void, ZorvInterposeSigignore, sigignore, 1, AllOnes)
 
 // ---- prctl -----------------------------------------------------------------------------------------------
 
@@ -205,7 +192,7 @@ static bool IsWaitingFutex(unsigned long operation)
 static bool ResetsArmedSignal(long number, unsigned long sig, unsigned long action)
 {
     return number == SYS_rt_sigaction && action != 0 && ZorvUmsIsArmedSignal(static_cast<int>(sig)) &&
-           !IsRealHandler(*reinterpret_cast<const __sighandler_t*>(action));
+           *reinterpret_cast<const __sighandler_t*>(action) == SIG_DFL;
 }
 
 template <ZorvEntryPoint* pEntry, typename, typename> struct RawSyscall
