@@ -179,20 +179,14 @@ static bool OpenAsCaller(const Opening& opening, const void* pCaller, char* pPat
     struct link_map* pMap = ModuleOf(pCaller);
     if (pMap == nullptr)
         return false;
-    bool isFound;
-    if (pFile[0] == '$')
-        isFound = ExpandOrigin(pMap, pFile, pPath);
-    else
-    {
-        // An object that is loaded under this name is taken before any directory is looked at.
-        *ppHandle = Open(opening, pFile, RTLD_NOLOAD);
-        if (*ppHandle != nullptr)
-            return true;
-        isFound = FindOnCallersPath(pMap, pFile, pPath);
-    }
-    if (isFound)
+    bool isToken = pFile[0] == '$';
+    if (!(isToken ? ExpandOrigin(pMap, pFile, pPath) : FindOnCallersPath(pMap, pFile, pPath)))
+        return false;
+    // An object that is loaded under this name is taken before any directory is looked at.
+    *ppHandle = isToken ? nullptr : Open(opening, pFile, RTLD_NOLOAD);
+    if (*ppHandle == nullptr)
         *ppHandle = Open(opening, pPath, 0); // also a failure is that of this file
-    return isFound;
+    return true;
 }
 
 // Whether the loader's answer depends on who asks.
