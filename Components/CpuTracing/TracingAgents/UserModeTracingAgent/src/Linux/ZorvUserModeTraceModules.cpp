@@ -334,6 +334,18 @@ static void* MapTraced(ZorvUmaProfileInfo* pProfileInfo, void* pReal, void* pAdd
     return pMapping;
 }
 
+// A thread without a record is not counted: the block may be unmapped under it, unless it holds the end up.
+static bool IsStopSet(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (t_zorvState.m_pInfo != nullptr)
+        return ZorvUmaIsStopSet(pProfileInfo);
+    if (!ZorvUmaBeginStreamUse(pProfileInfo))
+        return true;
+    bool isSet = ZorvUmaIsStopSet(pProfileInfo);
+    ZorvUmaEndStreamUse(pProfileInfo);
+    return isSet;
+}
+
 template <ZorvEntryPoint* pEntry, typename, typename> struct Map
 {
     static void* Call(void* pAddr, size_t size, int protection, int flags, int fd, off_t offset)
@@ -343,7 +355,7 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct Map
         if (pReal == nullptr)
             return MAP_FAILED;
         if (pProfileInfo == nullptr || !pProfileInfo->m_isProcessInitialized || pProfileInfo->m_isFlush ||
-            (t_zorvState.m_pInfo != nullptr && ZorvUmaIsStopSet(pProfileInfo)))
+            IsStopSet(pProfileInfo))
             return ZorvCallReal<void*>(pReal, pAddr, size, protection, flags, fd, offset);
 
         void* pMapping = MapTraced(pProfileInfo, pReal, pAddr, size, protection, flags, fd, offset);
