@@ -157,6 +157,15 @@ ZORV_EXPORT(ZorvUmtCaptureSysCallRecord, void(ZorvUmaProfileInfo*, uint64_t, uin
                                               uint16_t, uint64_t, ZorvUmaBuffer*));
 ZORV_EXPORT(ZorvUmaAllocateCsBuf, bool(ZorvUmaProfileInfo*));
 
+// modules, and programs that are started
+ZORV_EXPORT(fnWriteProcessMaps, bool(pid_t, int));
+ZORV_EXPORT(fnWriteMmapRecord, bool(uint64_t, uint64_t, uint64_t, int, const char*, int, pid_t));
+ZORV_EXPORT(ZorvUmaIsAgentAppended, bool(const ZorvUmaProfileInfo*, char* const*, int*, int*));
+ZORV_EXPORT(ZorvUmaUpdateEnv, char**(const ZorvUmaProfileInfo*, char* const*, int, int));
+ZORV_EXPORT(ZorvUmaIsPythonInterpreter, bool(const ZorvUmaProfileInfo*, const char*));
+ZORV_EXPORT(ZorvPythonLibPath, bool(const char*));
+ZORV_EXPORT(ZorvUmaUpdateArgs, char**(const ZorvUmaProfileInfo*, char* const*));
+
 #undef ZORV_EXPORT
 
 } // namespace agent
