@@ -29,6 +29,9 @@ protected:
                          EXPECT_EQ(call.Arg<int>(1), 6);
                          return m_nextHandle == 0 ? 0 : m_nextHandle++;
                      });
+        // This program's stands ahead of the agent, so it is the one to be called.
+        Replace lookUp("dlsym",
+                       [](const Call& call) { return call.Arg<void*>(0) == RTLD_NEXT ? 0 : call.PassOn(); });
         dl_phdr_info info{};
         info.dlpi_name = pName;
         return fnLibLoadCallback(&info, sizeof info, pHandlers);

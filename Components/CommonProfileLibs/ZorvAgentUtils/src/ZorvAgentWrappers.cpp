@@ -227,9 +227,18 @@ void* ZorvUmaOpenObject(const char* pName, int flags)
     return pOpen == nullptr ? nullptr : pOpen(pName, flags);
 }
 
+// Through what an object ahead of the agent puts in the place of dlopen(3), where there is one.
 void* ZorvUmaOpenLoadedObject(const char* pName)
 {
-    return ZorvUmaOpenObject(pName, RTLD_NOW | RTLD_NOLOAD);
+    constexpr int mode = RTLD_NOW | RTLD_NOLOAD;
+    void* pOpen = dlsym(RTLD_DEFAULT, "dlopen");
+    Dl_info place;
+    Dl_info own;
+    if (pOpen == nullptr || dladdr(pOpen, &place) == 0 ||
+        dladdr(reinterpret_cast<void*>(&ZorvUmaOpenLoadedObject), &own) == 0 ||
+        place.dli_fbase == own.dli_fbase)
+        return ZorvUmaOpenObject(pName, mode);
+    return reinterpret_cast<void* (*)(const char*, int)>(pOpen)(pName, mode);
 }
 
 extern "C" int fnLibLoadCallback(struct dl_phdr_info* pInfo, size_t, void* pData)
