@@ -231,6 +231,14 @@ TEST_F(Exec, AtMostTheGivenLengthIsCopied)
     EXPECT_STREQ(ppNew[2], "LD_PRELOAD=/opt/agent.so");
 }
 
+TEST_F(Exec, OfALengthOfZeroOnlyTheNewEntryComes)
+{
+    Vector env({"A=1"});
+    char** ppNew = ZorvUmaUpdateEnv(m_pInfo, env, 0, -1);
+    ASSERT_NE(ppNew, nullptr);
+    EXPECT_STREQ(ppNew[0], "LD_PRELOAD=/opt/agent.so");
+}
+
 TEST_F(Exec, AnOldEntryWithoutAnEqualSignLeavesTheSlotUnfilled)
 {
     Vector env({"A=1", "LD_PRELOAD", "B=2"});

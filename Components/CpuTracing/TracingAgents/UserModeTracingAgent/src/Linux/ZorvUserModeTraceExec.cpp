@@ -93,9 +93,9 @@ extern "C" char** ZorvUmaUpdateEnv(const ZorvUmaProfileInfo* pProfileInfo, char*
                                    int ldPreloadIdx)
 {
     const char* pAgentPath = AgentPath(pProfileInfo);
-    if (pAgentPath == nullptr || ppEnv == nullptr || envLen < 1)
-        return nullptr;
     bool isNew = ldPreloadIdx == -1;
+    if (pAgentPath == nullptr || ppEnv == nullptr || envLen < (isNew ? 0 : 1))
+        return nullptr;
     char** ppNew = AllocateVector(static_cast<size_t>(envLen) + (isNew ? 1 : 0));
     if (ppNew == nullptr)
         return nullptr;
