@@ -25,13 +25,19 @@ static bool IsFlagOn(const char* pValue)
     return pValue[0] == '1';
 }
 
-// The value without one trailing newline, as an owned copy.
-static char* DuplicatePath(char* pValue)
+// The value without one trailing newline, in its place.
+static char* TrimPath(char* pValue)
 {
     size_t length = ZorvUmaStrlen(pValue);
     if (length > 0 && pValue[length - 1] == '\n')
         pValue[length - 1] = '\0';
-    return ZorvUmaStrdup(pValue);
+    return pValue;
+}
+
+// A copy of it for the life of the process.
+static char* DuplicatePath(char* pValue)
+{
+    return ZorvUmaStrdup(TrimPath(pValue));
 }
 
 // At most ZORV_UMS_MAX_EVENTS numbers; the rest of a longer list is left out. Returns how many were stored.
@@ -156,10 +162,8 @@ static bool ApplyEncodedEvents(ZorvUmaProfileInfo* pProfileInfo, char* pValue)
 // The path of a directory key is needed for the opening at once; only the row says whether it is kept.
 static bool ApplyTraceDir(ZorvUmaProfileInfo* pProfileInfo, char* pValue)
 {
-    char* pDir = DuplicatePath(pValue);
-    bool isOpen = ZorvUmaInitDataWriting(&pProfileInfo->m_umtData, pDir, "trace", "umt", pProfileInfo->m_logFd);
-    ZorvUmaFree(pDir);
-    return isOpen;
+    return ZorvUmaInitDataWriting(&pProfileInfo->m_umtData, TrimPath(pValue), "trace", "umt",
+                                  pProfileInfo->m_logFd);
 }
 
 static bool ApplyProfileDir(ZorvUmaProfileInfo* pProfileInfo, char* pValue)
