@@ -1,9 +1,12 @@
 #include "Commands/Commands.h"
-#include "Report/FoldedStacks.h"
+#include "Export/Formats.h"
 #include "Session/Failure.h"
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
+#include <fmt/ranges.h>
 #include <memory>
+#include <unistd.h>
 
 namespace qelix
 {
@@ -13,53 +16,197 @@ namespace
 struct ExportFormat
 {
     const char* m_pName;
-    SampleView m_view;
-    void (*m_write)(const SessionFacts& session, const TextSink& sink);
+    const char* m_pWhat;
+    bool m_isText;
+    bool m_needsSamples;
+    Compression m_compression;                                // of its own accord
+    void (*m_write)(SessionStream* pStream, Output* pOutput); // null: it has a road of its own
 };
 
-constexpr ExportFormat g_formats[] = {{"folded", {.m_withStacks = true}, WriteFoldedStacks}};
+constexpr ExportFormat g_formats[] = {
+    {"folded", "stacks, a line each, for flame graph tools", true, true, ZORV_COMPRESS_NONE, WriteFolded},
+    {"speedscope", "JSON for speedscope", true, false, ZORV_COMPRESS_NONE, WriteSpeedscope},
+    {"pprof", "profile for pprof", false, false, ZORV_COMPRESS_GZIP, WritePprof},
+    {"chrome", "trace events as JSON, for chrome://tracing and others", true, false, ZORV_COMPRESS_NONE,
+     WriteChromeTrace},
+    {"perfetto", "trace for Perfetto", false, false, ZORV_COMPRESS_NONE, WritePerfetto},
+    {"firefox", "JSON for the Firefox profiler", true, false, ZORV_COMPRESS_NONE, WriteFirefox},
+    {"sqlite", "SQLite database", false, false, ZORV_COMPRESS_NONE, nullptr},
+    {"csv", "tables of comma-separated values", true, false, ZORV_COMPRESS_NONE, nullptr},
+    {"json", "a JSON object a line", true, false, ZORV_COMPRESS_NONE, WriteJsonLines},
+};
 
 struct ExportOptions
 {
-    std::string m_format;
-    std::string m_session;
+    std::string m_first;  // FORMAT, or DIR when the format was given by its option
+    std::string m_second; // DIR
+    std::string m_to;
+    std::string m_file;
+    std::string m_compress;
+    std::string m_table = "calls";
+    bool m_isPartitioned = false;
     bool m_withAgentFrames = false;
+    std::vector<std::string> m_classes;
+    std::string m_time;
+    ExportFilter m_filter;
 };
 
-std::string CheckFormat(const std::string& name)
+const ExportFormat& FormatOf(const std::string& name)
 {
-    std::string known;
+    std::vector<std::string> known;
     for (const ExportFormat& format : g_formats)
     {
         if (name == format.m_pName)
         {
-            return "";
+            return format;
         }
-        known += (known.empty() ? "" : ", ") + std::string(format.m_pName);
+        known.emplace_back(format.m_pName);
     }
-    return fmt::format("there is no format \"{}\"; the formats are {}", name, known);
+    throw Failure(ZORV_STATUS_OWN_FAILURE, "there is no format \"{}\"; the formats are {}", name,
+                  fmt::join(known, ", "));
 }
 
-int Export(const ExportOptions& options)
+Compression CompressionOf(const ExportOptions& options, const ExportFormat& format)
 {
+    if (options.m_compress == "gzip" || (options.m_compress.empty() && options.m_file.ends_with(".gz")))
+    {
+        return ZORV_COMPRESS_GZIP;
+    }
+    if (options.m_compress == "zstd" || (options.m_compress.empty() && options.m_file.ends_with(".zst")))
+    {
+        return ZORV_COMPRESS_ZSTD;
+    }
+    if (options.m_compress == "none")
+    {
+        return ZORV_COMPRESS_NONE;
+    }
+    return options.m_isPartitioned ? ZORV_COMPRESS_ZSTD : format.m_compression;
+}
+
+void RequireFile(const ExportOptions& options, const char* pWhat)
+{
+    if (options.m_file.empty())
+    {
+        throw Failure(ZORV_STATUS_OWN_FAILURE, "{} cannot go to standard output; add -o FILE", pWhat);
+    }
+}
+
+// What can be seen to be wrong before the session is read.
+void CheckOptions(const ExportOptions& options, const ExportFormat& format)
+{
+    const bool isCsv = options.m_isPartitioned && std::string(format.m_pName) == "csv";
+    if (options.m_isPartitioned && !isCsv)
+    {
+        throw Failure(ZORV_STATUS_OWN_FAILURE, "only csv can be partitioned");
+    }
+    if (isCsv || std::string(format.m_pName) == "sqlite")
+    {
+        RequireFile(options, isCsv ? "a folder of partitions" : "a database");
+    }
+    std::error_code error;
+    if (isCsv && std::filesystem::exists(options.m_file, error))
+    {
+        throw Failure(ZORV_STATUS_OWN_FAILURE, "{} exists; name a folder that does not, in -o", options.m_file);
+    }
+    const bool isText = format.m_isText && CompressionOf(options, format) == ZORV_COMPRESS_NONE;
+    if (options.m_file.empty() && !isText && isatty(STDOUT_FILENO) != 0)
+    {
+        throw Failure(ZORV_STATUS_OWN_FAILURE, "{} is binary and would garble the terminal; add -o FILE",
+                      format.m_pName);
+    }
+}
+
+void RequireRecords(const SessionStream& stream, const ExportFormat& format)
+{
+    uint64_t samples = 0;
+    uint64_t calls = 0;
+    for (const SurveyedProcess& process : stream.m_survey.m_processes)
+    {
+        for (const auto& [tid, thread] : process.m_threads)
+        {
+            samples += thread.m_samples;
+            calls += thread.m_calls;
+        }
+    }
+    if (samples == 0 && format.m_needsSamples)
+    {
+        throw Failure(ZORV_STATUS_DAMAGED, "{} has no samples to export; record with qelix run --sample",
+                      stream.m_survey.m_path);
+    }
+    if (samples == 0 && calls == 0)
+    {
+        throw Failure(ZORV_STATUS_DAMAGED, "{} has no records of the processes and threads that were asked for",
+                      stream.m_survey.m_path);
+    }
+}
+
+void Write(SessionStream* pStream, const ExportOptions& options, const ExportFormat& format)
+{
+    const Compression compression = CompressionOf(options, format);
+    if (options.m_isPartitioned || std::string(format.m_pName) == "sqlite")
+    {
+        UnfinishedPath path(options.m_file);
+        options.m_isPartitioned ? WriteCsvPartitions(pStream, path.m_newPath, compression)
+                                : WriteSqlite(pStream, path.m_newPath);
+        KeepPath(&path);
+        return;
+    }
+    const auto pOutput = OpenOutput(options.m_file, compression);
+    format.m_write != nullptr ? format.m_write(pStream, pOutput.get())
+                              : WriteCsvTable(pStream, options.m_table, pOutput.get());
+    CloseOutput(pOutput.get());
+}
+
+int Export(ExportOptions options)
+{
+    const bool isNamed = !options.m_to.empty();
+    const std::string session = isNamed ? options.m_first : options.m_second;
+    if (session.empty() || (isNamed && !options.m_second.empty()))
+    {
+        throw Failure(ZORV_STATUS_OWN_FAILURE, "say what to export, and as what: qelix export FORMAT DIR");
+    }
+    const ExportFormat& format = FormatOf(isNamed ? options.m_to : options.m_first);
+    CheckOptions(options, format);
+    options.m_filter.m_classes = ParseClasses(options.m_classes);
+    if (!options.m_time.empty())
+    {
+        ParseTimeRange(options.m_time, &options.m_filter);
+    }
+    const auto pStream = OpenStream(session, options.m_filter, options.m_withAgentFrames);
+    RequireRecords(*pStream, format);
+    Write(pStream.get(), options, format);
+    for (const Damage& damage : pStream->m_survey.m_damages)
+    {
+        PrintNote(DamageMessage(damage));
+    }
+    return pStream->m_survey.m_damages.empty() ? 0 : ZORV_STATUS_DAMAGED;
+}
+
+std::string FormatsAsText()
+{
+    std::string text = "Formats:\n";
     for (const ExportFormat& format : g_formats)
     {
-        if (options.m_format != format.m_pName)
-        {
-            continue;
-        }
-        SampleView view = format.m_view;
-        view.m_withAgentFrames = options.m_withAgentFrames;
-        const SessionFacts session = ReadSessionFacts(options.m_session, view);
-        if (SampleCount(session) == 0)
-        {
-            throw Failure(ZORV_STATUS_DAMAGED, "{} has no samples to export; record with qelix run --sample",
-                          options.m_session);
-        }
-        format.m_write(session, PrintOut);
-        return IsDamaged(session) ? ZORV_STATUS_DAMAGED : 0;
+        text += fmt::format("  {:<12}{}\n", format.m_pName, format.m_pWhat);
     }
-    return ZORV_STATUS_OWN_FAILURE; // not reached: the command line knows the formats
+    return text;
+}
+
+void AddFilterOptions(CLI::App* pExport, ExportOptions* pOptions)
+{
+    pExport->add_option("--thread", pOptions->m_filter.m_threads, "Only threads of this name (a pattern) or id")
+        ->type_name("NAME");
+    pExport
+        ->add_option("--process", pOptions->m_filter.m_processes,
+                     "Only processes of this name (a pattern) or id")
+        ->type_name("NAME");
+    pExport->add_option("--class", pOptions->m_classes, "Only calls of these classes; cpu stands for samples")
+        ->delimiter(',')
+        ->type_name("CLASS,...");
+    pExport->add_option("--time", pOptions->m_time, "Only what lies in this range, since the first record")
+        ->type_name("FROM..TO");
+    pExport->add_flag("--agent-frames", pOptions->m_withAgentFrames,
+                      "Show the frames of the agent's signal handler too");
 }
 
 } // namespace
@@ -68,17 +215,26 @@ void AddExportCommand(CLI::App* pApp, int* pStatus)
 {
     const auto pOptions = std::make_shared<ExportOptions>();
     CLI::App* pExport =
-        pApp->add_subcommand("export", "Print what a session holds in a form that other tools read");
-    pExport
-        ->add_option("--to", pOptions->m_format, "folded: a line for each stack, as flame graph tools read it")
-        ->required()
-        ->type_name("FORMAT")
-        ->check(CheckFormat);
-    pExport->add_option("DIR", pOptions->m_session, "Session directory, as qelix run has made it")
-        ->required()
+        pApp->add_subcommand("export", "Hand what a session holds to other tools, in a form that they read");
+    pExport->add_option("FORMAT", pOptions->m_first, "One of those below")->required()->type_name("");
+    pExport->add_option("DIR", pOptions->m_second, "Session directory, as qelix run has made it")
         ->type_name("");
-    pExport->add_flag("--agent-frames", pOptions->m_withAgentFrames,
-                      "Show the frames of the agent's signal handler too");
+    pExport->add_option("--to", pOptions->m_to, "The format, when it does not stand before DIR")
+        ->type_name("FORMAT");
+    pExport->add_option("-o,--output", pOptions->m_file, "Where to; standard output without it")
+        ->type_name("FILE");
+    pExport
+        ->add_option("--compress", pOptions->m_compress,
+                     "none, gzip or zstd; without it FILE's ending .gz or .zst decides")
+        ->check(CLI::IsMember({"none", "gzip", "zstd"}))
+        ->type_name("HOW");
+    pExport->add_option("--table", pOptions->m_table, "Of csv: calls, samples or threads")
+        ->check(CLI::IsMember(CsvTables()))
+        ->type_name("NAME");
+    pExport->add_flag("--partition", pOptions->m_isPartitioned,
+                      "Of csv: a folder of all tables, compressed, a file for each process under rank=N");
+    AddFilterOptions(pExport, pOptions.get());
+    pExport->footer(FormatsAsText());
     pExport->callback([pOptions, pStatus] { *pStatus = Export(*pOptions); });
 }
 

@@ -5,16 +5,22 @@
 
 namespace qelix
 {
-namespace
-{
 
 // A frame ends at ';' and a stack at its last blank, so a name may hold no ';' and no line break.
-std::string FrameText(const std::string& name)
+std::string FoldedFrame(const std::string& name)
 {
     std::string text = PrintableText(name);
     std::replace(text.begin(), text.end(), ';', ':');
     return text;
 }
+
+std::string FoldedLabel(const std::string& name, int64_t id)
+{
+    return fmt::format("{} ({})", name.empty() ? "-" : FoldedFrame(name), id);
+}
+
+namespace
+{
 
 std::string FramesOf(const SessionFacts& session, const StackTree& tree, uint32_t node)
 {
@@ -26,14 +32,9 @@ std::string FramesOf(const SessionFacts& session, const StackTree& tree, uint32_
     std::string text;
     for (auto function = functions.rbegin(); function != functions.rend(); ++function)
     {
-        text += ';' + FrameText(session.m_pSymbolizer->m_functions[*function].m_name);
+        text += ';' + FoldedFrame(session.m_pSymbolizer->m_functions[*function].m_name);
     }
     return text;
-}
-
-std::string Label(const std::string& name, int64_t id)
-{
-    return fmt::format("{} ({})", name.empty() ? "-" : FrameText(name), id);
 }
 
 } // namespace
@@ -45,7 +46,7 @@ void WriteFoldedStacks(const SessionFacts& session, const TextSink& sink)
         for (const ThreadSamples& thread : process.m_samples.m_threads)
         {
             const std::string prefix =
-                Label(process.m_name, process.m_pid) + ';' + Label(thread.m_name, thread.m_tid);
+                FoldedLabel(process.m_name, process.m_pid) + ';' + FoldedLabel(thread.m_name, thread.m_tid);
             const std::vector<StackNode>& nodes = thread.m_stacks.m_nodes;
             for (uint32_t node = 1; node < nodes.size(); ++node)
             {

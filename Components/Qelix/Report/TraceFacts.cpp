@@ -75,14 +75,9 @@ void NoteTime(Gathering* pGathering, uint64_t time)
     }
 }
 
-std::string NameOfCall(ProcessSymbols* pSymbols, const CallKey& key, uint64_t time)
+std::string NameOfKey(ProcessSymbols* pSymbols, const CallKey& key, uint64_t time)
 {
-    if (key.m_isNumber)
-    {
-        return key.m_function == SYS_futex ? "futex" : fmt::format("syscall({})", key.m_function);
-    }
-    const std::string name = CallName(pSymbols, key.m_function, time);
-    return name.starts_with("0x") ? fmt::format("{} {}", key.m_pKind->m_pName, name) : name;
+    return NameOfCall(pSymbols, *key.m_pKind, key.m_function, key.m_isNumber, time);
 }
 
 void AddThreadOfLock(std::vector<int32_t>* pTids, int32_t tid)
@@ -115,7 +110,7 @@ void TakeCall(Gathering* pGathering, const ZorvUmtRecordHdr& hdr, uint64_t funct
     if (hdr.m_endTime == ZORV_TIME_NOT_ENDED)
     {
         pGathering->m_process.m_neverReturned.push_back(
-            {0, hdr.m_tid, pKind, NameOfCall(pGathering->m_pSymbols, key, hdr.m_startTime), address,
+            {0, hdr.m_tid, pKind, NameOfKey(pGathering->m_pSymbols, key, hdr.m_startTime), address,
              hdr.m_startTime, 0});
     }
     NoteTime(pGathering, hdr.m_startTime);
@@ -167,7 +162,7 @@ std::vector<NamedCalls> NameCalls(ProcessSymbols* pSymbols, GatheredThread* pThr
     std::map<std::pair<const CallKind*, std::string>, CallFacts> byName;
     for (auto& [key, calls] : pThread->m_calls)
     {
-        AddCalls(&byName[{key.m_pKind, NameOfCall(pSymbols, key, calls.m_firstTime)}], calls.m_facts);
+        AddCalls(&byName[{key.m_pKind, NameOfKey(pSymbols, key, calls.m_firstTime)}], calls.m_facts);
     }
     pThread->m_calls.clear();
     std::vector<NamedCalls> named;
@@ -234,6 +229,17 @@ bool IsWorseLock(const LockFacts& a, const LockFacts& b)
 {
     return std::tuple(b.m_calls.m_totalNs, a.m_pid, a.m_address, a.m_pKind) <
            std::tuple(a.m_calls.m_totalNs, b.m_pid, b.m_address, b.m_pKind);
+}
+
+std::string NameOfCall(ProcessSymbols* pSymbols, const CallKind& kind, uint64_t function, bool isNumber,
+                       uint64_t time)
+{
+    if (isNumber)
+    {
+        return function == SYS_futex ? "futex" : fmt::format("syscall({})", function);
+    }
+    const std::string name = CallName(pSymbols, function, time);
+    return name.starts_with("0x") ? fmt::format("{} {}", kind.m_pName, name) : name;
 }
 
 TraceClass ClassOf(const CallKind& kind)

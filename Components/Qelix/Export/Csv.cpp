@@ -1,0 +1,188 @@
+// Tables of comma-separated values. Every row names its process and thread, so that a file can be read without
+// the others.
+#include "Export/Formats.h"
+
+#include "Report/FoldedStacks.h"
+
+#include <filesystem>
+#include <fmt/format.h>
+#include <functional>
+#include <map>
+
+namespace qelix
+{
+namespace
+{
+
+struct TableWriter
+{
+    SessionStream* m_pStream;
+    Output* m_pOutput;
+    std::map<int32_t, std::string> m_heads; // the columns that say which thread it was
+};
+
+struct Table
+{
+    const char* m_pName;
+    const char* m_pColumns; // behind those of the thread
+    void (*m_write)(TableWriter* pWriter, const SurveyedProcess& process);
+};
+
+// Only a text with a comma, a quotation mark or a line break needs marks around it.
+std::string CsvText(const std::string& text)
+{
+    const std::string printable = PrintableText(text);
+    if (printable.find_first_of(",\"") == std::string::npos)
+    {
+        return printable;
+    }
+    std::string quoted = "\"";
+    for (const char c : printable)
+    {
+        quoted += c == '"' ? "\"\"" : std::string(1, c);
+    }
+    return quoted + '"';
+}
+
+std::map<int32_t, std::string> HeadsOfThreads(const SurveyedProcess& process)
+{
+    std::map<int32_t, std::string> heads;
+    for (const auto& [tid, thread] : process.m_threads)
+    {
+        heads[tid] =
+            fmt::format("{},{},{},{}", process.m_pid, CsvText(process.m_name), tid, CsvText(thread.m_name));
+    }
+    return heads;
+}
+
+void WriteThreads(TableWriter* pWriter, const SurveyedProcess& process)
+{
+    for (const auto& [tid, thread] : process.m_threads)
+    {
+        Put(pWriter->m_pOutput, fmt::format("{},{}\n", pWriter->m_heads[tid], tid == process.m_pid ? 1 : 0));
+    }
+}
+
+void WriteCalls(TableWriter* pWriter, const SurveyedProcess& process)
+{
+    SessionStream* pStream = pWriter->m_pStream;
+    std::vector<std::string> names;
+    const auto write = [&](const StreamedCall& call)
+    {
+        while (names.size() < pStream->m_names.m_names.size())
+        {
+            names.push_back(CsvText(pStream->m_names.m_names[names.size()]));
+        }
+        Put(pWriter->m_pOutput,
+            fmt::format("{},{},{},{},{},{},{},{},{},{}\n", pWriter->m_heads[call.m_tid],
+                        TraceClassName(call.m_class), call.m_pKind->m_pName, names[call.m_name], call.m_start,
+                        HasReturned(call) ? std::to_string(call.m_end) : "",
+                        IsTimed(call) ? std::to_string(call.m_end - call.m_start) : "",
+                        call.m_object == 0 ? "" : fmt::format("{:#x}", call.m_object), call.m_result,
+                        call.m_region));
+    };
+    StreamRecords(pStream, process, {write, nullptr});
+}
+
+// Functions of a stack in one field, outermost first.
+std::string StackAsCsv(const SessionStream& stream, uint32_t stack)
+{
+    std::string text;
+    for (const uint32_t function : FunctionsOfStack(stream.m_stacks, stack))
+    {
+        text += (text.empty() ? "" : ";") + FoldedFrame(stream.m_symbolizer.m_functions[function].m_name);
+    }
+    return CsvText(text);
+}
+
+void WriteSamples(TableWriter* pWriter, const SurveyedProcess& process)
+{
+    SessionStream* pStream = pWriter->m_pStream;
+    const auto write = [&](const StreamedSample& sample)
+    {
+        std::string function;
+        std::string module;
+        if (sample.m_stack != 0)
+        {
+            const PlacedFrame& frame = pStream->m_stacks.m_frames[sample.m_stack];
+            const CodePlace& place = *pStream->m_stacks.m_places[frame.m_place].m_pPlace;
+            const Function& innermost = pStream->m_symbolizer.m_functions[place.m_functions.front()];
+            function = CsvText(innermost.m_name);
+            module = CsvText(innermost.m_module);
+        }
+        Put(pWriter->m_pOutput,
+            fmt::format("{},{},{},{},{},{}\n", pWriter->m_heads[sample.m_tid], sample.m_time, sample.m_core,
+                        function, module, StackAsCsv(*pStream, sample.m_stack)));
+    };
+    StreamRecords(pStream, process, {nullptr, write});
+}
+
+constexpr const char* ZORV_THREAD_COLUMNS = "pid,process,tid,thread";
+constexpr Table g_tables[] = {
+    {"calls", "class,kind,function,start_ns,end_ns,duration_ns,object,result,region", WriteCalls},
+    {"samples", "time_ns,core,function,module,stack", WriteSamples},
+    {"threads", "is_main", WriteThreads},
+};
+
+void WriteRows(const Table& table, SessionStream* pStream, const SurveyedProcess& process, Output* pOutput)
+{
+    TableWriter writer{pStream, pOutput, HeadsOfThreads(process)};
+    table.m_write(&writer, process);
+}
+
+std::string Columns(const Table& table)
+{
+    return fmt::format("{},{}\n", ZORV_THREAD_COLUMNS, table.m_pColumns);
+}
+
+const char* EndingOf(Compression compression)
+{
+    return compression == ZORV_COMPRESS_GZIP   ? ".csv.gz"
+           : compression == ZORV_COMPRESS_ZSTD ? ".csv.zst"
+                                               : ".csv";
+}
+
+} // namespace
+
+std::vector<std::string> CsvTables()
+{
+    std::vector<std::string> names;
+    for (const Table& table : g_tables)
+    {
+        names.emplace_back(table.m_pName);
+    }
+    return names;
+}
+
+void WriteCsvTable(SessionStream* pStream, const std::string& name, Output* pOutput)
+{
+    for (const Table& table : g_tables)
+    {
+        if (name == table.m_pName)
+        {
+            Put(pOutput, Columns(table));
+            for (const SurveyedProcess& process : pStream->m_survey.m_processes)
+            {
+                WriteRows(table, pStream, process, pOutput);
+            }
+        }
+    }
+}
+
+void WriteCsvPartitions(SessionStream* pStream, const std::string& path, Compression compression)
+{
+    for (const SurveyedProcess& process : pStream->m_survey.m_processes)
+    {
+        for (const Table& table : g_tables)
+        {
+            const std::string folder = fmt::format("{}/{}/rank={}", path, table.m_pName, process.m_rank);
+            std::filesystem::create_directories(folder);
+            const auto pOutput = OpenOutput(folder + '/' + process.m_key + EndingOf(compression), compression);
+            Put(pOutput.get(), Columns(table));
+            WriteRows(table, pStream, process, pOutput.get());
+            CloseOutput(pOutput.get());
+        }
+    }
+}
+
+} // namespace qelix

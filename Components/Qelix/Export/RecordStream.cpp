@@ -1,0 +1,185 @@
+#include "Export/RecordStream.h"
+
+#include "Reader/RecordFile.h"
+#include "Report/TraceFacts.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <map>
+
+namespace qelix
+{
+namespace
+{
+
+struct CalledFunction
+{
+    uint64_t m_function;
+    const CallKind* m_pKind;
+    bool m_isNumber;
+    auto operator<=>(const CalledFunction&) const = default;
+};
+
+struct ProcessStream
+{
+    SessionStream* m_pStream;
+    const RecordSink* m_pSink;
+    ProcessSymbols m_symbols;
+    const SurveyedProcess& m_process;
+    uint64_t m_from;
+    uint64_t m_to;
+    std::map<CalledFunction, uint32_t> m_known; // names of functions, only while the map is stable
+};
+
+uint32_t NameOfFunction(ProcessStream* pProcess, const CalledFunction& called, uint64_t time)
+{
+    const bool isStable = pProcess->m_symbols.m_map.m_isStable;
+    if (const auto found = pProcess->m_known.find(called); isStable && found != pProcess->m_known.end())
+    {
+        return found->second;
+    }
+    const std::string name =
+        NameOfCall(&pProcess->m_symbols, *called.m_pKind, called.m_function, called.m_isNumber, time);
+    return pProcess->m_known[called] = NameId(&pProcess->m_pStream->m_names, name);
+}
+
+bool IsWantedSpan(const ProcessStream& process, uint64_t start, uint64_t end)
+{
+    return end >= process.m_from && start <= process.m_to;
+}
+
+struct RecordTaker
+{
+    ProcessStream* m_pProcess;
+
+    void Call(const ZorvUmtRecordHdr& hdr, uint64_t function, uint64_t object, int64_t result,
+              uint64_t region) const
+    {
+        const CallKind* pKind = FindCallKind(hdr.m_recType, hdr.m_subType);
+        const TraceClass traceClass = ClassOf(*pKind);
+        if (!m_pProcess->m_pStream->m_filter.m_classes[traceClass] ||
+            !m_pProcess->m_process.m_threads.contains(hdr.m_tid) ||
+            !IsWantedSpan(*m_pProcess, hdr.m_startTime, hdr.m_endTime))
+        {
+            return;
+        }
+        const CalledFunction called{function, pKind, (hdr.m_flags & ZORV_UMT_FLAG_SYSCALL_ID) != 0};
+        m_pProcess->m_pSink->m_onCall({pKind, traceClass, NameOfFunction(m_pProcess, called, hdr.m_startTime),
+                                       hdr.m_tid, hdr.m_startTime, hdr.m_endTime, object, result, region});
+    }
+
+    void operator()(const PthreadRecord& call) const
+    {
+        Call(call.m_hdr, call.m_body.m_funcVa, call.m_body.m_lockAddress, call.m_body.m_retValue,
+             call.m_body.m_parId);
+    }
+
+    void operator()(const SyscallRecord& call) const
+    {
+        Call(call.m_hdr, call.m_body.m_funcVa, 0, static_cast<int64_t>(call.m_body.m_sysValue),
+             call.m_body.m_parId);
+    }
+
+    void operator()(const SampleRecord& sample) const
+    {
+        const ZorvUmsRecordHdr& hdr = sample.m_hdr;
+        if (!m_pProcess->m_process.m_threads.contains(hdr.m_tid) ||
+            !IsWantedSpan(*m_pProcess, hdr.m_startTime, hdr.m_startTime))
+        {
+            return;
+        }
+        SessionStream* pStream = m_pProcess->m_pStream;
+        const uint32_t stack = StackId(&pStream->m_stacks, &m_pProcess->m_symbols, sample.m_callStack,
+                                       hdr.m_startTime, pStream->m_withAgentFrames);
+        m_pProcess->m_pSink->m_onSample(
+            {hdr.m_tid, stack, hdr.m_startTime, sample.m_body.m_parId, hdr.m_coreId, &sample.m_events});
+    }
+
+    template <typename T> void operator()(const T&) const {}
+};
+
+void StreamFile(ProcessStream* pProcess, const std::string& path)
+{
+    if (path.empty())
+    {
+        return;
+    }
+    const auto pFile = OpenRecordFile(path); // the survey has noted its damage
+    Record record;
+    while (NextRecord(pFile.get(), &record))
+    {
+        std::visit(RecordTaker{pProcess}, record.m_body);
+    }
+}
+
+uint64_t TimeBehind(uint64_t first, uint64_t distance)
+{
+    return distance > UINT64_MAX - first ? UINT64_MAX : first + distance;
+}
+
+} // namespace
+
+uint32_t NameId(NameTable* pTable, const std::string& name)
+{
+    const auto [at, isNew] = pTable->m_ids.emplace(name, static_cast<uint32_t>(pTable->m_names.size()));
+    if (isNew)
+    {
+        pTable->m_names.push_back(name);
+    }
+    return at->second;
+}
+
+std::unique_ptr<SessionStream> OpenStream(const std::string& path, const ExportFilter& filter,
+                                          bool withAgentFrames)
+{
+    auto pStream = std::make_unique<SessionStream>();
+    pStream->m_survey = SurveySession(path);
+    pStream->m_filter = filter;
+    pStream->m_withAgentFrames = withAgentFrames;
+    NarrowSurvey(filter, &pStream->m_survey);
+    return pStream;
+}
+
+std::string LabelOf(const std::string& name, int64_t id)
+{
+    return fmt::format("{} ({})", name.empty() ? "-" : PrintableText(name), id);
+}
+
+void StreamRecords(SessionStream* pStream, const SurveyedProcess& process, const RecordSink& sink)
+{
+    const ExportFilter& filter = pStream->m_filter;
+    const uint64_t first = pStream->m_survey.m_span.m_first;
+    ProcessStream stream{pStream,
+                         &sink,
+                         SymbolsOf(&pStream->m_symbolizer, ReadModuleMap(process.m_files.m_metadata)),
+                         process,
+                         filter.m_fromNs == 0 ? 0 : TimeBehind(first, filter.m_fromNs),
+                         TimeBehind(first, filter.m_toNs),
+                         {}};
+    if (filter.m_classes[ZORV_SELECT_SAMPLES] && sink.m_onSample)
+    {
+        StreamFile(&stream, process.m_files.m_sample);
+    }
+    if (sink.m_onCall)
+    {
+        StreamFile(&stream, process.m_files.m_trace);
+    }
+}
+
+TimeSpan PlacedSpan(const StreamedCall& call, const SurveyedProcess& process)
+{
+    if (!HasReturned(call))
+    {
+        const uint64_t start = call.m_start != 0 ? call.m_start : process.m_span.m_last;
+        return {start, std::max(start, process.m_span.m_last)};
+    }
+    if (IsTimed(call))
+    {
+        return {call.m_start, call.m_end};
+    }
+    const uint64_t known = std::max(call.m_start, call.m_end);
+    const uint64_t time = known != 0 ? known : process.m_span.m_first;
+    return {time, time};
+}
+
+} // namespace qelix
