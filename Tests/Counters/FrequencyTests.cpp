@@ -1,7 +1,10 @@
 // Ticks of the time-stamp counter in one second, with a counter of the test's own.
 #include "CounterSupport.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <linux/perf_event.h>
 #include <unistd.h>
 
 using namespace agent;
@@ -51,6 +54,14 @@ protected:
         return status;
     }
 
+    uint64_t ReadFormat(size_t counter) const
+    {
+        perf_event_attr attributes{};
+        const std::vector<uint8_t>& bytes = m_counters.m_opened[counter].m_attributes;
+        memcpy(&attributes, bytes.data(), std::min(sizeof attributes, bytes.size()));
+        return attributes.read_format;
+    }
+
     uint64_t m_frequency = 77;
 };
 
@@ -60,6 +71,37 @@ TEST_F(Frequency, IsTheDifferenceOfTwoReadings)
     EXPECT_EQ(m_frequency, 3500000000u);
     ASSERT_EQ(m_counters.m_opened.size(), 1u);
     EXPECT_EQ(m_counters.m_opened[0].m_group, -1);
+    EXPECT_EQ(ReadFormat(0), 15u) << "as for every counter";
+}
+
+// What a kernel does that wants room for a group's layout where the group bit is set.
+TEST_F(Frequency, OfACounterThatIsNotReadAsAGroupIsMeasuredAlone)
+{
+    m_counters.m_openResults = {COUNTER_FD, COUNTER_FD};
+    long reads = 0;
+    Replace read("ZorvUmaRead",
+                 [&](const Call& call) -> uint64_t
+                 {
+                     if (call.Arg<int>(0) != COUNTER_FD)
+                     {
+                         return call.PassOn();
+                     }
+                     if (++reads == 1)
+                     {
+                         errno = ENOSPC;
+                         return ~uint64_t{0};
+                     }
+                     const uint64_t count = reads == 2 ? 5 : 25;
+                     memcpy(call.Arg<void*>(1), &count, sizeof count);
+                     return 32;
+                 });
+    Replace close("ZorvUmaClose",
+                  [&](const Call& call) -> uint64_t
+                  { return call.Arg<int>(0) == COUNTER_FD ? 0 : call.PassOn(); });
+    EXPECT_EQ(ZorvGetP0FreqFromPerf(&m_frequency), 0);
+    EXPECT_EQ(m_frequency, 20u);
+    ASSERT_EQ(m_counters.m_opened.size(), 2u);
+    EXPECT_EQ(ReadFormat(1), 7u);
 }
 
 TEST_F(Frequency, OfZeroFails)

@@ -702,25 +702,40 @@ static void SleepOneSecond()
     while (result == EINTR);
 }
 
+// The ticks of one second, 0 for none; whether the kernel refused to read the format into a lone counter's
+// room.
+static uint64_t CountOneSecond(uint64_t readFormat, bool* pIsRefused)
+{
+    int fd = OpenMsrCounter(ZORV_PERF_EVENT_TSC, -1, readFormat);
+    if (fd < 0)
+        return 0;
+    startPERFPmcCounting(fd);
+    uint64_t first = 0;
+    uint64_t second = 0;
+    errno = 0;
+    bool isRead = ReadLoneCounter(fd, &first);
+    *pIsRefused = !isRead && errno == ENOSPC;
+    if (!*pIsRefused)
+    {
+        SleepOneSecond();
+        isRead = ReadLoneCounter(fd, &second) && isRead;
+    }
+    stopPERFPmcCounting(fd);
+    ZorvUmaClose(fd);
+    return isRead ? second - first : 0;
+}
+
 extern "C" int ZorvGetP0FreqFromPerf(uint64_t* p0Freq)
 {
     if (p0Freq == nullptr)
         return -1;
     *p0Freq = 0;
-    // Without the group bit: the kernel refuses to read a group's layout into the 32 bytes of a lone counter.
-    int fd = OpenMsrCounter(ZORV_PERF_EVENT_TSC, -1, READ_FORMAT_ALONE);
-    if (fd < 0)
+    bool isRefused = false;
+    uint64_t ticks = CountOneSecond(READ_FORMAT_GROUP, &isRefused);
+    if (isRefused) // kernels want room for a whole group where the group bit is set
+        ticks = CountOneSecond(READ_FORMAT_ALONE, &isRefused);
+    if (ticks == 0)
         return -1;
-    startPERFPmcCounting(fd);
-    uint64_t first = 0;
-    uint64_t second = 0;
-    bool isRead = ReadLoneCounter(fd, &first);
-    SleepOneSecond();
-    isRead = ReadLoneCounter(fd, &second) && isRead;
-    stopPERFPmcCounting(fd);
-    ZorvUmaClose(fd);
-    if (!isRead || second == first)
-        return -1;
-    *p0Freq = second - first;
+    *p0Freq = ticks;
     return 0;
 }
