@@ -166,21 +166,23 @@ struct ZorvUmaProfileInfo
     uint64_t m_timerOverrunCnt;
     pid_t m_pid;
     bool m_isProcessInitialized;
+};
+using ZorvUmaProfileInfoT = ZorvUmaProfileInfo;
 
-    // Kept for safety at the end of the process; not part of the shared shape above.
-    bool m_hasWriterThread;
-    bool m_hasSemaphore;
-    bool m_isFinalised;      // the finalising thread has closed everything
+// What the agent keeps beside the process record. The record is a shared shape: others build one of their own,
+// and nothing may lie behind its last member.
+struct ZorvProcessState
+{
     pid_t m_finalisingTid;   // 0 until finalisation has begun
+    bool m_isFinalised;      // the finalising thread has closed everything
+    bool m_isWriterDone;     // the writer has said its last line
+    bool m_isPauseSeen;      // the pause flag as the writer has last acted on it
+    bool m_keepsStorage;     // a thread did not leave its buffer change: nothing may be freed
     uint32_t m_threadCount;  // threads that own a per-thread record
     uint32_t m_streamUsers;  // threads inside a buffer change or a log line of their own
     uint32_t m_writerSignal; // futex word that ends the writer's rest
     long m_cpuCount;         // configured CPUs, 0: not asked
-    bool m_isWriterDone;     // the writer has said its last line
-    bool m_isPauseSeen;      // the pause flag as the writer has last acted on it
-    bool m_keepsStorage;     // a thread did not leave its buffer change: nothing may be freed
 };
-using ZorvUmaProfileInfoT = ZorvUmaProfileInfo;
 
 struct ZorvUmaPerThreadInfo
 {
@@ -190,9 +192,6 @@ struct ZorvUmaPerThreadInfo
     ZorvUmaBuffer* m_pUmtBuf;
     timer_t m_timerId;
     bool m_stopCollection;
-
-    // What a signal handler of the program records while it interrupts an append of this thread goes here.
-    ZorvUmaBuffer* m_pUmtSpareBuf;
 };
 using ZorvUmaPerThreadInfoT = ZorvUmaPerThreadInfo;
 
@@ -200,6 +199,8 @@ using ZorvUmaPerThreadInfoT = ZorvUmaPerThreadInfo;
 struct ZorvThreadState
 {
     ZorvUmaPerThreadInfo* m_pInfo;
+    // What a signal handler of the program records while it interrupts an append of this thread goes here.
+    ZorvUmaBuffer* m_pUmtSpareBuf;
     int* m_pErrno;              // where libc keeps this thread's errno
     pid_t m_tid;                // 0 until asked for; forgotten in a forked child
     uint32_t m_appendCount;     // provisional and complete trace records written by this thread
@@ -236,6 +237,9 @@ struct ZorvAgentScope
 void ZorvUmaEnterAgent(ZorvAgentScope* pScope);
 void ZorvUmaLeaveAgent(const ZorvAgentScope* pScope);
 
+// The state of the process's own record; one that is shared by all others.
+ZorvProcessState* ZorvUmaStateOf(const ZorvUmaProfileInfo* pProfileInfo);
+
 // A thread that is about to touch queues, lists or the log says so; false once finalisation is closing them.
 bool ZorvUmaBeginStreamUse(ZorvUmaProfileInfo* pProfileInfo);
 void ZorvUmaEndStreamUse(ZorvUmaProfileInfo* pProfileInfo);
@@ -271,9 +275,9 @@ ZorvUmaBuffer* ZorvUmtMapNewBuffer(ZorvUmaData* pData);
 // Frees, unless the process is about to end anyway and its thread may be inside the allocator.
 void ZorvUmaRelease(void* pMemory);
 
-// Whether the process is another one than the record's: a child that fork(2)'s interposer has not seen.
-bool ZorvUmaIsForeign(const ZorvUmaProfileInfo* pProfileInfo);
-// Of such a child: whether it shares its parent's memory (vfork(2)), so that what it changes is its parent's.
+// Whether the process is another one than that of the records: a child that fork(2)'s interposer has not seen.
+bool ZorvUmaIsForeign();
+// Whether it is such a child and shares its parent's memory (vfork(2)): what it changes is its parent's.
 bool ZorvUmaSharesMemory();
 void ZorvUmaMarkMemory(); // as this process's own
 // A handler may run with its own signal open from now on: an empty mask no longer says that there is none.

@@ -359,17 +359,18 @@ extern "C" bool ZorvUmaWriteBuffer(ZorvUmaData* pData, int logFd)
 static bool IsHeldByOther(const ZorvUmaBuffer* pBuffer)
 {
     const ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
-    if (pProfileInfo == nullptr || pProfileInfo->m_finalisingTid == 0)
+    const ZorvProcessState* pState = ZorvUmaStateOf(pProfileInfo);
+    if (pProfileInfo == nullptr || pState->m_finalisingTid == 0)
         return false;
-    if (pProfileInfo->m_keepsStorage)
+    if (pState->m_keepsStorage)
         return true;
     if (pBuffer->m_state != ZORV_UMA_BUFFER_STATE_IN_USE)
         return false;
     const ZorvUmaPerThreadInfo* pOwn = t_zorvState.m_pInfo;
     if (pOwn != nullptr &&
-        (pBuffer == pOwn->m_pUmtBuf || pBuffer == pOwn->m_pUmsBuf || pBuffer == pOwn->m_pUmtSpareBuf))
+        (pBuffer == pOwn->m_pUmtBuf || pBuffer == pOwn->m_pUmsBuf || pBuffer == t_zorvState.m_pUmtSpareBuf))
         return false;
-    return __atomic_load_n(&pProfileInfo->m_threadCount, __ATOMIC_SEQ_CST) > (pOwn != nullptr ? 1U : 0U);
+    return __atomic_load_n(&pState->m_threadCount, __ATOMIC_SEQ_CST) > (pOwn != nullptr ? 1U : 0U);
 }
 
 // True when the storage is gone, false when another thread keeps it.

@@ -68,10 +68,18 @@ void ZorvUmaLeaveAgent(const ZorvAgentScope* pScope)
     errno = pScope->m_errno;
 }
 
+ZorvProcessState* ZorvUmaStateOf(const ZorvUmaProfileInfo* pProfileInfo)
+{
+    static ZorvProcessState ownState;
+    static ZorvProcessState othersState;
+    return pProfileInfo == __atomic_load_n(&g_pProfileInfo, __ATOMIC_ACQUIRE) ? &ownState : &othersState;
+}
+
 bool ZorvUmaBeginStreamUse(ZorvUmaProfileInfo* pProfileInfo)
 {
-    __atomic_add_fetch(&pProfileInfo->m_streamUsers, 1, __ATOMIC_SEQ_CST);
-    pid_t finalisingTid = __atomic_load_n(&pProfileInfo->m_finalisingTid, __ATOMIC_SEQ_CST);
+    ZorvProcessState* pState = ZorvUmaStateOf(pProfileInfo);
+    __atomic_add_fetch(&pState->m_streamUsers, 1, __ATOMIC_SEQ_CST);
+    pid_t finalisingTid = __atomic_load_n(&pState->m_finalisingTid, __ATOMIC_SEQ_CST);
     if (ZORV_LIKELY(finalisingTid == 0 || finalisingTid == ZorvUmaCachedTid()))
         return true;
     ZorvUmaEndStreamUse(pProfileInfo);
@@ -80,16 +88,24 @@ bool ZorvUmaBeginStreamUse(ZorvUmaProfileInfo* pProfileInfo)
 
 void ZorvUmaEndStreamUse(ZorvUmaProfileInfo* pProfileInfo)
 {
-    __atomic_sub_fetch(&pProfileInfo->m_streamUsers, 1, __ATOMIC_SEQ_CST);
+    __atomic_sub_fetch(&ZorvUmaStateOf(pProfileInfo)->m_streamUsers, 1, __ATOMIC_SEQ_CST);
 }
 
 // ---- whose memory ----------------------------------------------------------------------------------------
 
 // A page that the kernel empties in a forked child and leaves in one that shares the memory. madvise(2).
 static uint32_t* g_pOwnMark;
+static pid_t g_markingPid; // 0 until there are records
+
+// The kernel is asked, and not the record: that one carries what somebody else has put there.
+static pid_t KernelsPid()
+{
+    return static_cast<pid_t>(ZorvRawSyscall(SYS_getpid));
+}
 
 void ZorvUmaMarkMemory()
 {
+    g_markingPid = KernelsPid();
     if (g_pOwnMark == nullptr)
     {
         constexpr long size = 4096;
@@ -105,12 +121,12 @@ void ZorvUmaMarkMemory()
 
 bool ZorvUmaSharesMemory()
 {
-    return g_pOwnMark != nullptr && *g_pOwnMark != 0;
+    return ZorvUmaIsForeign() && g_pOwnMark != nullptr && *g_pOwnMark != 0;
 }
 
-bool ZorvUmaIsForeign(const ZorvUmaProfileInfo* pProfileInfo)
+bool ZorvUmaIsForeign()
 {
-    return pProfileInfo->m_pid != 0 && pProfileInfo->m_pid != ZorvUmaGetPid();
+    return g_markingPid != 0 && g_markingPid != KernelsPid();
 }
 
 // ---- ids -------------------------------------------------------------------------------------------------
@@ -221,9 +237,7 @@ static void WriteLogLine(int fd, ZorvUmaLogType logType, const char* pFunction, 
                          va_list list)
 {
     // A child of vfork(2) shares its parent's allocator, and may end at any moment.
-    const ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
-    bool isForeign = pProfileInfo != nullptr && ZorvUmaIsForeign(pProfileInfo);
-    if (isForeign || !t_zorvState.m_mayAllocate)
+    if (ZorvUmaIsForeign() || !t_zorvState.m_mayAllocate)
     {
         char onStack[LOG_LINE_SIZE];
         FormatAndWriteLine(onStack, fd, logType, pFunction, line, pFormat, list);
@@ -362,7 +376,8 @@ extern "C" bool ZorvUmaFiniSharedMemory(ZorvUmaProfileInfo* pProfileInfo)
 
     void* pAddr = pProfileInfo->m_pMappedAddr;
     uint32_t own = t_zorvState.m_pInfo != nullptr ? 1 : 0;
-    if (__atomic_load_n(&pProfileInfo->m_threadCount, __ATOMIC_SEQ_CST) > own && pAddr != MAP_FAILED)
+    if (__atomic_load_n(&ZorvUmaStateOf(pProfileInfo)->m_threadCount, __ATOMIC_SEQ_CST) > own &&
+        pAddr != MAP_FAILED)
     {
         // Another thread may stand between its test of a flag's pointer and the load: leave it a page of
         // zeroes.

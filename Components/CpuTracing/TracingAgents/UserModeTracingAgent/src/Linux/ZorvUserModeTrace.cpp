@@ -106,6 +106,9 @@ extern "C" ZorvUmaProfileInfo* ZorvUmaAllocateProfileInfo()
         ZorvUmtChoosePath();
     g_isPathChosen = true; // also in a forked child, where the loader may not be asked again
     __atomic_store_n(&g_pProfileInfo, pProfileInfo, __ATOMIC_RELEASE);
+    ZorvProcessState* pState = ZorvUmaStateOf(pProfileInfo);
+    *pState = {};
+    pState->m_threadCount = t_zorvState.m_pInfo != nullptr ? 1 : 0; // in a forked child
     OpenTraceGate(pProfileInfo);
     return pProfileInfo;
 }
@@ -137,9 +140,11 @@ extern "C" ZorvUmaPerThreadInfo* ZorvUmaAllocateThreadInfo(ZorvUmaProfileInfo* p
     ZorvUmaMemset(pThreadInfo, 0, sizeof(*pThreadInfo));
     t_zorvState.m_pErrno = &errno;
     t_zorvState.m_pAppendFrame = nullptr;
+    t_zorvState.m_pUmtSpareBuf = nullptr;
     ZorvUmaAskTid(); // now: a child of vfork(2) would store its own
+    if (t_zorvState.m_pInfo == nullptr)
+        __atomic_add_fetch(&ZorvUmaStateOf(ZorvUmaGetProfileInfo())->m_threadCount, 1, __ATOMIC_SEQ_CST);
     __atomic_store_n(&t_zorvState.m_pInfo, pThreadInfo, __ATOMIC_RELEASE);
-    __atomic_add_fetch(&pProfileInfo->m_threadCount, 1, __ATOMIC_SEQ_CST);
     if (g_hasThreadKey)
         pthread_setspecific(g_threadKey, pThreadInfo);
     return pThreadInfo;
@@ -153,9 +158,9 @@ extern "C" void ZorvUmaFreeThreadInfo()
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
     t_zorvState.m_pInfo = nullptr;
-    ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
-    if (pProfileInfo != nullptr && pProfileInfo->m_threadCount > 0)
-        __atomic_sub_fetch(&pProfileInfo->m_threadCount, 1, __ATOMIC_SEQ_CST);
+    ZorvProcessState* pState = ZorvUmaStateOf(ZorvUmaGetProfileInfo());
+    if (pState->m_threadCount > 0)
+        __atomic_sub_fetch(&pState->m_threadCount, 1, __ATOMIC_SEQ_CST);
     if (pThreadInfo->m_pUmsCsBuf != nullptr)
         ZorvUmaRelease(pThreadInfo->m_pUmsCsBuf);
     if (pThreadInfo->m_pUmtCsBuf != nullptr)
@@ -216,13 +221,11 @@ static void RefuseJemalloc(ZorvUmaProfileInfo* pProfileInfo)
 
 static bool StartWriter(ZorvUmaProfileInfo* pProfileInfo)
 {
-    pProfileInfo->m_cpuCount = ZorvUmaSysconf(_SC_NPROCESSORS_CONF);
+    ZorvUmaStateOf(pProfileInfo)->m_cpuCount = ZorvUmaSysconf(_SC_NPROCESSORS_CONF);
     // The caller's scope blocks every signal, and the writer inherits that: it takes none of the program's.
     if (ZorvUmaPthreadCreate(&pProfileInfo->m_writerThreadId, nullptr, ZorvUmaWriterThread, pProfileInfo) == 0)
-    {
-        pProfileInfo->m_hasWriterThread = true;
         return true;
-    }
+    pProfileInfo->m_writerThreadId = 0; // nobody to be joined
     ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmaInitProcess",
                 "Failed to create a writer thread in process (%d)", ZorvUmaGetPid());
     return false;
@@ -398,7 +401,8 @@ static bool LockForFlush(ZorvUmaProfileInfo* pProfileInfo)
 static bool ClaimFinalisation(ZorvUmaProfileInfo* pProfileInfo)
 {
     pid_t nobody = 0;
-    if (!__atomic_compare_exchange_n(&pProfileInfo->m_finalisingTid, &nobody, ZorvUmaCachedTid(), false,
+    ZorvProcessState* pState = ZorvUmaStateOf(pProfileInfo);
+    if (!__atomic_compare_exchange_n(&pState->m_finalisingTid, &nobody, ZorvUmaCachedTid(), false,
                                      __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST))
         return false;
     bool isLocked = LockForFlush(pProfileInfo);
@@ -412,11 +416,12 @@ static bool ClaimFinalisation(ZorvUmaProfileInfo* pProfileInfo)
 // The caller may be about to end the process: another thread's final write must not be cut off.
 static void WaitForFinaliser(const ZorvUmaProfileInfo* pProfileInfo)
 {
-    pid_t finalisingTid = __atomic_load_n(&pProfileInfo->m_finalisingTid, __ATOMIC_SEQ_CST);
+    const ZorvProcessState* pState = ZorvUmaStateOf(pProfileInfo);
+    pid_t finalisingTid = __atomic_load_n(&pState->m_finalisingTid, __ATOMIC_SEQ_CST);
     if (finalisingTid == 0 || finalisingTid == ZorvUmaCachedTid())
         return;
-    for (int step = 0;
-         step < FINALISATION_STEPS && !__atomic_load_n(&pProfileInfo->m_isFinalised, __ATOMIC_SEQ_CST); step++)
+    for (int step = 0; step < FINALISATION_STEPS && !__atomic_load_n(&pState->m_isFinalised, __ATOMIC_SEQ_CST);
+         step++)
         SleepStep();
 }
 
@@ -425,7 +430,7 @@ static bool WaitForStreamUsers(const ZorvUmaProfileInfo* pProfileInfo)
 {
     for (int step = 0; step < STREAM_USER_STEPS; step++)
     {
-        if (__atomic_load_n(&pProfileInfo->m_streamUsers, __ATOMIC_SEQ_CST) == 0)
+        if (__atomic_load_n(&ZorvUmaStateOf(pProfileInfo)->m_streamUsers, __ATOMIC_SEQ_CST) == 0)
             return true;
         SleepStep();
     }
@@ -456,24 +461,24 @@ static void AwaitWriter(ZorvUmaProfileInfo* pProfileInfo)
     ZorvUmaWakeWriter(pProfileInfo);
     if (t_zorvState.m_isDying)
     {
+        const ZorvProcessState* pState = ZorvUmaStateOf(pProfileInfo);
         for (int step = 0;
-             step < FINALISATION_STEPS && !__atomic_load_n(&pProfileInfo->m_isWriterDone, __ATOMIC_SEQ_CST);
-             step++)
+             step < FINALISATION_STEPS && !__atomic_load_n(&pState->m_isWriterDone, __ATOMIC_SEQ_CST); step++)
             SleepStep();
     }
     else
         ZorvUmaPthreadJoin(pProfileInfo->m_writerThreadId, nullptr);
-    pProfileInfo->m_hasWriterThread = false;
 }
 
 static void FinaliseProcess(ZorvUmaProfileInfo* pProfileInfo, bool isFromWriterThread)
 {
     bool isUnused = WaitForStreamUsers(pProfileInfo);
-    pProfileInfo->m_keepsStorage = !isUnused;
+    ZorvProcessState* pState = ZorvUmaStateOf(pProfileInfo);
+    pState->m_keepsStorage = !isUnused;
     ZorvUmsDestroyTimer(pProfileInfo, t_zorvState.m_pInfo);
     if (pProfileInfo->m_umsConfig.m_nbrEvents != 0)
         ZorvUmsFiniProcessCounters(pProfileInfo);
-    if (!isFromWriterThread && pProfileInfo->m_hasWriterThread)
+    if (!isFromWriterThread && pProfileInfo->m_writerThreadId != 0)
         AwaitWriter(pProfileInfo);
     FinishStreams(pProfileInfo, isFromWriterThread);
     if (isUnused)
@@ -483,7 +488,9 @@ static void FinaliseProcess(ZorvUmaProfileInfo* pProfileInfo, bool isFromWriterT
     }
     ZorvUmaFiniSharedMemory(pProfileInfo);
     ZorvUmaFreeThreadInfo();
-    __atomic_store_n(&pProfileInfo->m_isFinalised, true, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&pState->m_isFinalised, true, __ATOMIC_SEQ_CST);
+    if (pProfileInfo != ZorvUmaGetProfileInfo())
+        *pState = {}; // for the next record of somebody else
 }
 
 extern "C" void ZorvUmaFiniProcess(ZorvUmaProfileInfo* pProfileInfo, bool isFromWriterThread)
@@ -576,27 +583,26 @@ extern "C" bool ZorvUmaInitThread(ZorvUmaProfileInfo* pProfileInfo)
     return isReady;
 }
 
-static void HandOverThreadBuffer(ZorvUmaData* pData, ZorvUmaBuffer** ppBuffer)
+// The thread keeps the address: it is stopped, and its record is freed next.
+static void HandOverThreadBuffer(ZorvUmaData* pData, ZorvUmaBuffer* pBuffer)
 {
-    ZorvUmaBuffer* pBuffer = *ppBuffer;
-    if (pBuffer == nullptr)
+    if (pBuffer == nullptr || pBuffer->m_state == ZORV_UMA_BUFFER_STATE_FULL) // in at most one queue
         return;
-    *ppBuffer = nullptr; // a buffer is in at most one queue
     ZorvStoreFenced(&pBuffer->m_state, ZORV_UMA_BUFFER_STATE_FULL);
     ZorvUmaEnqueue(pData->m_pQueue, pBuffer);
 }
 
 static void HandOverThreadBuffers(ZorvUmaProfileInfo* pProfileInfo)
 {
-    ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
-    if (pThreadInfo == nullptr || !ZorvUmaBeginStreamUse(pProfileInfo))
+    const ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
+    if (!ZorvUmaBeginStreamUse(pProfileInfo))
         return;
-    if (pProfileInfo->m_umsConfig.m_enable)
-        HandOverThreadBuffer(&pProfileInfo->m_umsData, &pThreadInfo->m_pUmsBuf);
-    if (pProfileInfo->m_umtConfig.m_enable)
+    if (pThreadInfo != nullptr && pProfileInfo->m_umsConfig.m_enable)
+        HandOverThreadBuffer(&pProfileInfo->m_umsData, pThreadInfo->m_pUmsBuf);
+    if (pThreadInfo != nullptr && pProfileInfo->m_umtConfig.m_enable)
     {
-        HandOverThreadBuffer(&pProfileInfo->m_umtData, &pThreadInfo->m_pUmtBuf);
-        HandOverThreadBuffer(&pProfileInfo->m_umtData, &pThreadInfo->m_pUmtSpareBuf);
+        HandOverThreadBuffer(&pProfileInfo->m_umtData, pThreadInfo->m_pUmtBuf);
+        HandOverThreadBuffer(&pProfileInfo->m_umtData, t_zorvState.m_pUmtSpareBuf);
     }
     ZorvUmaSemPost(&pProfileInfo->m_semaphore);
     ZorvUmaNudgeWriter(pProfileInfo);
@@ -668,7 +674,7 @@ static void EndThread(ZorvUmtThreadWrapperArg* pArg)
     ZorvUmaEnterAgent(&scope);
     ZorvUmaProfileInfo* pProfileInfo = pArg->m_pProfileInfo;
     // The routine may have forked, and this may be the child, with a record of its own.
-    if (pProfileInfo->m_pid != ZorvUmaGetPid())
+    if (pProfileInfo->m_pid != 0 && pProfileInfo->m_pid != ZorvUmaGetPid())
         pProfileInfo = ZorvUmaGetProfileInfo();
     ZorvUmaFiniThread(pProfileInfo);
     ZorvUmaFreeThreadInfo();

@@ -204,7 +204,7 @@ static void ListModules(const char* pFunction)
         return;
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
-    if (!ZorvUmaIsForeign(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo))
+    if (!ZorvUmaIsForeign() && ZorvUmaBeginStreamUse(pProfileInfo))
     {
         if (pProfileInfo->m_metaDataFd >= 0 && !fnWriteProcessMaps(ZorvUmaGetPid(), pProfileInfo->m_metaDataFd))
             ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, pFunction, "Failed to write mmap records in dlopen.");
@@ -363,7 +363,7 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct Map
             return pMapping;
         ZorvAgentScope scope;
         ZorvUmaEnterAgent(&scope);
-        if (!ZorvUmaIsForeign(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo))
+        if (!ZorvUmaIsForeign() && ZorvUmaBeginStreamUse(pProfileInfo))
         {
             RecordMapping(pProfileInfo, pMapping, size, fd);
             ZorvUmaEndStreamUse(pProfileInfo);

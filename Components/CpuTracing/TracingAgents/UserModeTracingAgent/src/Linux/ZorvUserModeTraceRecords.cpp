@@ -70,9 +70,9 @@ static void CountLostTraceRecord(ZorvUmaProfileInfo* pProfileInfo, uint16_t recT
 
 // A child that the fork interposer has not seen holds its parent's record: its locks may be held for ever, and
 // nobody writes its buffers. It records nothing; the flag is not set where it would be the parent's.
-static bool IsUsable(const ZorvUmaProfileInfo* pProfileInfo)
+static bool IsUsable()
 {
-    if (!ZorvUmaIsForeign(pProfileInfo))
+    if (!ZorvUmaIsForeign())
         return true;
     if (!ZorvUmaSharesMemory())
         ZorvUmaSetStopCollection(true);
@@ -85,7 +85,7 @@ ZORV_COLD ZorvUmaBuffer* ZorvChangeTraceBuffer(ZorvUmaProfileInfo* pProfileInfo,
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
     ZorvUmaBuffer* pBuffer = nullptr;
-    if (IsUsable(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo))
+    if (IsUsable() && ZorvUmaBeginStreamUse(pProfileInfo))
     {
         ZorvUmaBuffer* pFull = pThreadInfo->m_pUmtBuf;
         pThreadInfo->m_pUmtBuf = nullptr;
@@ -107,7 +107,7 @@ static ZORV_COLD ZorvUmaBuffer* ChangeSampleBuffer(ZorvUmaProfileInfo* pProfileI
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
     ZorvUmaBuffer* pBuffer = nullptr;
-    if (IsUsable(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo))
+    if (IsUsable() && ZorvUmaBeginStreamUse(pProfileInfo))
     {
         ZorvUmaBuffer* pFull = pThreadInfo->m_pUmsBuf;
         bool isPosted;
@@ -141,8 +141,8 @@ ZORV_COLD void ZorvTakeSpareBuffer(ZorvTraceAppend* pAppend)
 {
     ZorvUmaPerThreadInfo* pThreadInfo = pAppend->m_pThreadInfo;
     pAppend->m_pInterrupted = pThreadInfo->m_pUmtBuf;
-    pThreadInfo->m_pUmtBuf = pThreadInfo->m_pUmtSpareBuf;
-    pThreadInfo->m_pUmtSpareBuf = nullptr;
+    pThreadInfo->m_pUmtBuf = t_zorvState.m_pUmtSpareBuf;
+    t_zorvState.m_pUmtSpareBuf = nullptr;
 }
 
 ZORV_COLD void ZorvPutSpareBufferBack(ZorvTraceAppend* pAppend, ZorvUmaProfileInfo* pProfileInfo)
@@ -150,8 +150,8 @@ ZORV_COLD void ZorvPutSpareBufferBack(ZorvTraceAppend* pAppend, ZorvUmaProfileIn
     ZorvUmaPerThreadInfo* pThreadInfo = pAppend->m_pThreadInfo;
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
-    ZorvUmaBuffer* pDeeper = pThreadInfo->m_pUmtSpareBuf; // left by an append that interrupted this one
-    pThreadInfo->m_pUmtSpareBuf = pThreadInfo->m_pUmtBuf;
+    ZorvUmaBuffer* pDeeper = t_zorvState.m_pUmtSpareBuf; // left by an append that interrupted this one
+    t_zorvState.m_pUmtSpareBuf = pThreadInfo->m_pUmtBuf;
     pThreadInfo->m_pUmtBuf = pAppend->m_pInterrupted;
     if (pDeeper != nullptr && ZorvUmaBeginStreamUse(pProfileInfo))
     {
@@ -167,7 +167,7 @@ ZORV_COLD void ZorvWarnNoBuffer(ZorvUmaProfileInfo* pProfileInfo)
 {
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
-    if (!ZorvUmaIsForeign(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo)) // else the log is being closed
+    if (!ZorvUmaIsForeign() && ZorvUmaBeginStreamUse(pProfileInfo)) // else the log is being closed
     {
         WarnNoBuffer(pProfileInfo);
         ZorvUmaEndStreamUse(pProfileInfo);
@@ -179,7 +179,7 @@ ZORV_COLD void ZorvWarnAboutThread(ZorvUmaProfileInfo* pProfileInfo, const char*
 {
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
-    if (!ZorvUmaIsForeign(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo))
+    if (!ZorvUmaIsForeign() && ZorvUmaBeginStreamUse(pProfileInfo))
     {
         ZORV_LOG_AS(pProfileInfo->m_logFd, WARN, pFunction, pFormat, ZorvUmaGetPid(), ZorvUmaGetTid());
         ZorvUmaEndStreamUse(pProfileInfo);
@@ -367,12 +367,6 @@ extern "C" bool ZorvUmtIsTraceEvent(const ZorvUmaProfileInfo* pProfileInfo, Zorv
 
 // ---- records of traced calls -----------------------------------------------------------------------------
 
-// Whatever record lies there is completed; but bytes that are no call record would take every later one along.
-static bool IsParked(ZorvUmaBuffer* pBuffer)
-{
-    return pBuffer->m_pData != nullptr && ZorvRecordAtEnd(pBuffer)->m_recSize == ZORV_UMT_CALL_RECORD_SIZE;
-}
-
 extern "C" ZorvUmaBuffer* ZorvUmtCachePthreadRecord(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime,
                                                     uint64_t lockAddress, uint64_t funcVa,
                                                     ZorvPthreadType pthreadType)
@@ -390,7 +384,7 @@ extern "C" void ZorvUmtCapturePthreadRecord(ZorvUmaProfileInfo* pProfileInfo, ui
 {
     if (pCacheBuf != nullptr)
     {
-        if (!IsParked(pCacheBuf))
+        if (pCacheBuf->m_pData == nullptr) // whatever record lies there is completed
             return;
         ZorvRecordAtEnd(pCacheBuf)->m_endTime = endTime;
         ZorvBodyAtEnd<ZorvUmtPthreadRecord, ZorvUmtRecordHdr>(pCacheBuf)->m_retValue = retValue;
@@ -424,7 +418,7 @@ extern "C" void ZorvUmtCaptureSysCallRecord(ZorvUmaProfileInfo* pProfileInfo, ui
 {
     if (pCacheBuf != nullptr)
     {
-        if (!IsParked(pCacheBuf))
+        if (pCacheBuf->m_pData == nullptr) // whatever record lies there is completed
             return;
         ZorvRecordAtEnd(pCacheBuf)->m_endTime = endTime;
         ZorvPublish(pCacheBuf, ZorvRecordAtEnd(pCacheBuf)->m_recSize);

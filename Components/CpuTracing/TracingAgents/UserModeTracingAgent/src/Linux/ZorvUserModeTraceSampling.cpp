@@ -244,8 +244,9 @@ void ZorvUmsFiniProcessCounters(ZorvUmaProfileInfo* pProfileInfo)
 void ZorvUmsFollowPause(ZorvUmaProfileInfo* pProfileInfo)
 {
     bool isPauseSet = ZorvUmaIsPauseSet(pProfileInfo);
-    bool hasChanged = isPauseSet != pProfileInfo->m_isPauseSeen;
-    pProfileInfo->m_isPauseSeen = isPauseSet;
+    ZorvProcessState* pState = ZorvUmaStateOf(pProfileInfo);
+    bool hasChanged = isPauseSet != pState->m_isPauseSeen;
+    pState->m_isPauseSeen = isPauseSet;
     if (isPauseSet == pProfileInfo->m_isPcmAgentPaused)
         return;
     int result = isPauseSet ? ZorvStopPerfEventAllThreads() : ZorvStartPerfEventAllThreads();

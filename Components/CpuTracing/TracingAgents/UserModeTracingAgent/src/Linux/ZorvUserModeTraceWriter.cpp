@@ -15,6 +15,7 @@ constexpr int MAX_CPUS = 1024;
 // A pass of the poll costs some 40 us of system time, a look at what it would find next to nothing. Resting
 // this long between looks, an idle writer stays below 2 % of a CPU and sees stop and pause within 5 ms.
 constexpr long REST_NS = 2000000;
+constexpr int MOST_RESTS = 8; // between two passes, whatever a look finds
 
 // States of the futex word of the rest.
 constexpr uint32_t WRITER_AWAKE = 0;
@@ -117,19 +118,19 @@ static bool IsPassDue(ZorvUmaProfileInfo* pProfileInfo)
     sem_getvalue(&pProfileInfo->m_semaphore, &posts);
     bool hasCounters = pProfileInfo->m_umsConfig.m_nbrEvents != 0;
     return posts > 0 || IsFlushing(pProfileInfo) || ZorvUmaIsStopSet(pProfileInfo) ||
-           (hasCounters && ZorvUmaIsPauseSet(pProfileInfo) != pProfileInfo->m_isPauseSeen);
+           (hasCounters && ZorvUmaIsPauseSet(pProfileInfo) != ZorvUmaStateOf(pProfileInfo)->m_isPauseSeen);
 }
 
 static bool ChangeSignal(ZorvUmaProfileInfo* pProfileInfo, uint32_t from, uint32_t to)
 {
-    return __atomic_compare_exchange_n(&pProfileInfo->m_writerSignal, &from, to, false, __ATOMIC_SEQ_CST,
-                                       __ATOMIC_SEQ_CST);
+    return __atomic_compare_exchange_n(&ZorvUmaStateOf(pProfileInfo)->m_writerSignal, &from, to, false,
+                                       __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
 }
 
 static long Futex(ZorvUmaProfileInfo* pProfileInfo, int operation, uint32_t value, const timespec* pTimeout)
 {
-    return ZorvRawSyscall(SYS_futex, reinterpret_cast<long>(&pProfileInfo->m_writerSignal), operation, value,
-                          reinterpret_cast<long>(pTimeout));
+    return ZorvRawSyscall(SYS_futex, reinterpret_cast<long>(&ZorvUmaStateOf(pProfileInfo)->m_writerSignal),
+                          operation, value, reinterpret_cast<long>(pTimeout));
 }
 
 // The instruction itself: libc's sleeping calls are traced ones and cancellation points.
@@ -154,7 +155,7 @@ void ZorvUmaNudgeWriter(ZorvUmaProfileInfo* pProfileInfo)
 
 void ZorvUmaWakeWriter(ZorvUmaProfileInfo* pProfileInfo)
 {
-    __atomic_store_n(&pProfileInfo->m_writerSignal, WRITER_RESTS_NO_MORE, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&ZorvUmaStateOf(pProfileInfo)->m_writerSignal, WRITER_RESTS_NO_MORE, __ATOMIC_SEQ_CST);
     Futex(pProfileInfo, FUTEX_WAKE_PRIVATE, 1, nullptr);
 }
 
@@ -166,7 +167,8 @@ static void LeaveProgramsScheduling(const ZorvUmaProfileInfo* pProfileInfo)
 {
     // Asked before the thread started where possible: the answer comes from a file, whose number the program
     // might get.
-    long cpus = pProfileInfo->m_cpuCount > 0 ? pProfileInfo->m_cpuCount : ZorvUmaSysconf(_SC_NPROCESSORS_CONF);
+    long known = ZorvUmaStateOf(pProfileInfo)->m_cpuCount;
+    long cpus = known > 0 ? known : ZorvUmaSysconf(_SC_NPROCESSORS_CONF);
     if (cpus > 0)
     {
         cpu_set_t set;
@@ -208,9 +210,8 @@ static void RunWriter(ZorvUmaProfileInfo* pProfileInfo)
             return;
         if (hasWorked)
             continue;
-        do
+        for (int rest = 0; rest < MOST_RESTS && (rest == 0 || !IsPassDue(pProfileInfo)); rest++)
             Rest(pProfileInfo);
-        while (!IsPassDue(pProfileInfo));
     }
 }
 
@@ -222,7 +223,7 @@ extern "C" void* ZorvUmaWriterThread(void* pArg)
     if (ZorvUmaAllocateThreadInfo(pProfileInfo) == nullptr)
     {
         ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to allocate memory in writer thread.");
-        __atomic_store_n(&pProfileInfo->m_isWriterDone, true, __ATOMIC_SEQ_CST);
+        __atomic_store_n(&ZorvUmaStateOf(pProfileInfo)->m_isWriterDone, true, __ATOMIC_SEQ_CST);
         return nullptr;
     }
     LeaveProgramsScheduling(pProfileInfo);
@@ -234,7 +235,7 @@ extern "C" void* ZorvUmaWriterThread(void* pArg)
     ZORV_LOG(pProfileInfo->m_logFd, INFO, "Timer overrun count (%lu).",
              static_cast<unsigned long>(pProfileInfo->m_timerOverrunCnt));
     ZORV_LOG(pProfileInfo->m_logFd, INFO, "Exit from the writer thread (%d).", ZorvUmaGetTid());
-    __atomic_store_n(&pProfileInfo->m_isWriterDone, true, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&ZorvUmaStateOf(pProfileInfo)->m_isWriterDone, true, __ATOMIC_SEQ_CST);
     ZorvUmaFreeThreadInfo();
     // Returning ends the thread like pthread_exit(NULL), which would make libc load its unwinder first, and
     // that aborts a program whose descriptor table is full.
