@@ -215,6 +215,7 @@ struct ZorvThreadState
     bool m_canUnwind;           // the unwinder's first use on this thread is behind it
     bool m_hasMissedTurn;       // the thread's last sample has waited for its turn in vain
     bool m_isSignalUnwanted;    // the program believes to have blocked the profiling signal
+    bool m_isInterrupted;       // by the profiling signal: nothing may be prepared
     bool m_mayAllocate;         // set in a scope: no handler of the program has interrupted its allocator here
 };
 // constinit: an access that might have to construct would call a function first.

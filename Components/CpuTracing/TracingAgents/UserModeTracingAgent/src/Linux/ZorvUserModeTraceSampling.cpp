@@ -25,6 +25,7 @@ constexpr uint64_t NS_PER_SECOND = 1000000000ULL;
 constexpr uint32_t EXTRA_FRAMES = 8;       // the handler's and the signal delivery's own
 constexpr uint32_t LARGEST_RECORD = 32767; // smaller than a buffer, and than what 16 bits can say
 constexpr int SET_UP_ATTEMPTS = 20;        // a thread that cannot unwind would be sampled never
+constexpr int NO_TURN = INT_MIN;
 constexpr int TURN_YIELDS = 20;
 constexpr int TURN_SLEEPS = 50;
 constexpr long TURN_SLEEP_NS = 100000;
@@ -32,20 +33,35 @@ constexpr size_t UNWINDING_STACK = 16384; // bytes that the handler and the unwi
 
 using Backtrace = int (*)(void** ppBuffer, int size);
 
-Backtrace g_pBacktrace; // libunwind's unw_backtrace
+Backtrace g_pBacktrace; // libunwind's unw_backtrace, or what stands in for it
 bool g_isUnwinderSought;
+bool g_isStandIn;     // nothing to be prepared on each thread
 pid_t g_unwindingTid; // whose turn it is, 0: nobody's
 
 } // namespace
 
 // ---- the unwinder ----------------------------------------------------------------------------------------
 
-void ZorvUmsOpenUnwinder(ZorvUmaProfileInfo* pProfileInfo)
+// What an object in the program's scope puts in the unwinder's place.
+static Backtrace FindStandIn()
 {
-    if (g_isUnwinderSought || !pProfileInfo->m_umsConfig.m_enable ||
-        !pProfileInfo->m_umsConfig.m_collectCallStack)
+    void* pFound = dlsym(RTLD_DEFAULT, "unw_backtrace");
+    dlerror(); // that there is none is not the program's error
+    Dl_info place;
+    bool isUnwinder = pFound != nullptr && dladdr(pFound, &place) != 0 &&
+                      ZorvUmaStrstr(place.dli_fname, "/libunwind.so") != nullptr;
+    return isUnwinder ? nullptr : reinterpret_cast<Backtrace>(pFound);
+}
+
+static void FindUnwinder(const ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (g_isUnwinderSought)
         return;
     g_isUnwinderSought = true; // a forked child keeps what its parent has found
+    g_pBacktrace = FindStandIn();
+    g_isStandIn = g_pBacktrace != nullptr;
+    if (g_isStandIn)
+        return;
     // Local scope: in the program's scope it would take over the unwinding of C++ exceptions.
     void* pLoaded = ZorvUmaOpenObject(UNWINDER, RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
     void* pHandle = ZorvUmaOpenObject(UNWINDER, RTLD_NOW | RTLD_LOCAL);
@@ -54,7 +70,14 @@ void ZorvUmsOpenUnwinder(ZorvUmaProfileInfo* pProfileInfo)
     if (g_pBacktrace != nullptr)
         ZorvUmsListModules(pHandle, pLoaded != nullptr);
     else
-        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to open %s, no samples are written.", UNWINDER);
+        ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmsOpenUnwinder",
+                    "Failed to open %s, no samples are written.", UNWINDER);
+}
+
+void ZorvUmsOpenUnwinder(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (pProfileInfo->m_umsConfig.m_enable && pProfileInfo->m_umsConfig.m_collectCallStack)
+        FindUnwinder(pProfileInfo);
 }
 
 static bool TakeTurn(int sleeps)
@@ -127,12 +150,13 @@ static bool HasStackForUnwinding()
     return begin == 0 || here < begin || here - begin >= UNWINDING_STACK;
 }
 
-// Frames found, or a negative value when the turn did not come. The unwinder's own calls are not recorded.
+// Frames found, a negative value for an unwinder that failed, NO_TURN when the turn did not come or may not be
+// taken. The unwinder's own calls are not recorded.
 static int Unwind(void** ppFrames, int size)
 {
     if (!HasStackForUnwinding() || ZorvUmsIsUnwindingUnsafe())
-        return -1;
-    int count = -1;
+        return NO_TURN;
+    int count = NO_TURN;
     ZorvUmaSetStopCollection(true);
     // Signals that come faster than turns do must not all wait: their thread would do nothing else.
     if (TakeTurn(t_zorvState.m_hasMissedTurn ? 0 : TURN_SLEEPS))
@@ -142,7 +166,7 @@ static int Unwind(void** ppFrames, int size)
         t_zorvState.m_isUnwinding = false;
         GiveTurnBack();
     }
-    t_zorvState.m_hasMissedTurn = count < 0;
+    t_zorvState.m_hasMissedTurn = count == NO_TURN;
     ZorvUmaSetStopCollection(false);
     return count;
 }
@@ -173,12 +197,13 @@ void ZorvUmsPrepareThread()
     t_zorvState.m_canUnwind = false;
     if (g_pBacktrace == nullptr || pThreadInfo == nullptr || pThreadInfo->m_pUmsCsBuf == nullptr)
         return;
+    t_zorvState.m_canUnwind = g_isStandIn;
     FindStack();
     bool wasStopped = pThreadInfo->m_stopCollection;
     for (int attempt = 0; attempt < SET_UP_ATTEMPTS && !t_zorvState.m_canUnwind; attempt++)
     {
         t_zorvState.m_hasMissedTurn = false;
-        t_zorvState.m_canUnwind = Unwind(pThreadInfo->m_pUmsCsBuf, static_cast<int>(EXTRA_FRAMES)) >= 0;
+        t_zorvState.m_canUnwind = Unwind(pThreadInfo->m_pUmsCsBuf, static_cast<int>(EXTRA_FRAMES)) != NO_TURN;
     }
     pThreadInfo->m_stopCollection = wasStopped;
 }
@@ -448,6 +473,11 @@ extern "C" void ZorvUmsCaptureSampleRecord(ZorvUmaProfileInfo* pProfileInfo)
     if (pProfileInfo == nullptr || pThreadInfo == nullptr || pThreadInfo->m_pUmsCsBuf == nullptr ||
         ZorvUmaIsCollectionStopped(pProfileInfo) || ZorvUmaIsPauseSet(pProfileInfo))
         return;
+    if (!t_zorvState.m_canUnwind && !t_zorvState.m_isInterrupted)
+    {
+        FindUnwinder(pProfileInfo);
+        ZorvUmsPrepareThread();
+    }
     if (!t_zorvState.m_canUnwind)
     {
         if (g_pBacktrace != nullptr)
@@ -456,7 +486,7 @@ extern "C" void ZorvUmsCaptureSampleRecord(ZorvUmaProfileInfo* pProfileInfo)
     }
     void** ppFrames = pThreadInfo->m_pUmsCsBuf;
     int count = Unwind(ppFrames, FramesWanted(pProfileInfo));
-    if (count < 0)
+    if (count == NO_TURN)
         __atomic_add_fetch(&pProfileInfo->m_umsData.m_lostRecordCount, 1, __ATOMIC_SEQ_CST);
     if (count <= 0)
         return;
@@ -472,6 +502,13 @@ extern "C" void ZorvUmsCaptureSampleRecord(ZorvUmaProfileInfo* pProfileInfo)
     FillSample(pProfileInfo, pBuffer->m_pData + pBuffer->m_dataLen + sizeof(ZorvUmsRecordHdr), ppFrames,
                static_cast<uint32_t>(count));
     __atomic_add_fetch(&pBuffer->m_dataLen, size, __ATOMIC_SEQ_CST);
+}
+
+// Only the kernel knows where the thread was interrupted.
+static bool IsFromKernel(const void* pUContext)
+{
+    auto pContext = static_cast<const ucontext_t*>(pUContext);
+    return pContext != nullptr && pContext->uc_mcontext.gregs[REG_RIP] != 0;
 }
 
 // An alternate stack is made for small handlers: unwinding on it would write over what lies below.
@@ -499,6 +536,9 @@ extern "C" void ZorvUmsSignalHandler(int, siginfo_t* pSigInfo, void* pUContext)
         MaskCancellations(SIG_BLOCK);
     __atomic_add_fetch(&pProfileInfo->m_timerOverrunCnt, static_cast<uint64_t>(pSigInfo->si_overrun),
                        __ATOMIC_SEQ_CST);
+    bool wasInterrupted = t_zorvState.m_isInterrupted;
+    t_zorvState.m_isInterrupted = wasInterrupted || IsFromKernel(pUContext);
     ZorvUmsCaptureSampleRecord(pProfileInfo);
+    t_zorvState.m_isInterrupted = wasInterrupted;
     errno = savedErrno;
 }
