@@ -34,6 +34,24 @@ constexpr CallKind g_callKinds[] = {
     {ZORV_UMT_RECORD_SYSCALL, ZORV_SYSCALL_TYPE_OTHER, "other", false},
 };
 
+constexpr std::size_t ZORV_REC_TYPES = 4;
+constexpr std::size_t ZORV_SUB_TYPES = 17;
+
+using KindIndex = std::array<std::array<const CallKind*, ZORV_SUB_TYPES>, ZORV_REC_TYPES>;
+
+// Every record that is read asks for its kind.
+constexpr KindIndex MakeKindIndex()
+{
+    KindIndex index = {};
+    for (const CallKind& kind : g_callKinds)
+    {
+        index.at(kind.m_recType).at(kind.m_subType) = &kind;
+    }
+    return index;
+}
+
+constexpr KindIndex g_kindIndex = MakeKindIndex();
+
 // Record types by number.
 constexpr std::array g_traceTypes = {"none", "pthread", "memory",   "syscall",
                                      "proc", "mmap",    "metadata", "thread-end"};
@@ -86,14 +104,7 @@ std::span<const CallKind> CallKinds()
 
 const CallKind* FindCallKind(uint16_t recType, uint16_t subType)
 {
-    for (const CallKind& kind : g_callKinds)
-    {
-        if (kind.m_recType == recType && kind.m_subType == subType)
-        {
-            return &kind;
-        }
-    }
-    return nullptr;
+    return recType < ZORV_REC_TYPES && subType < ZORV_SUB_TYPES ? g_kindIndex[recType][subType] : nullptr;
 }
 
 const char* FileKindName(FileKind kind)

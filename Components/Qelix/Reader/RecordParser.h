@@ -45,14 +45,21 @@ template <typename T> T CopyFrom(Bytes bytes, std::size_t offset)
     return value;
 }
 
-template <typename T> std::vector<T> CopyArray(Bytes bytes, std::size_t offset, std::size_t count)
+template <typename T>
+void CopyArray(Bytes bytes, std::size_t offset, std::size_t count, std::vector<T>* pValues)
 {
-    std::vector<T> values(count);
+    pValues->resize(count);
     if (count != 0)
     {
-        std::memcpy(values.data(), bytes.data() + offset, count * sizeof(T));
+        std::memcpy(pValues->data(), bytes.data() + offset, count * sizeof(T));
     }
-    return values;
+}
+
+// Records of one type follow each other: the next one is read into the memory of the last.
+template <typename T> T* BodyOf(Record* pRecord)
+{
+    T* pBody = std::get_if<T>(&pRecord->m_body);
+    return pBody != nullptr ? pBody : &pRecord->m_body.emplace<T>();
 }
 
 } // namespace qelix

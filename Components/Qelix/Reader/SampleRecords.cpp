@@ -57,7 +57,7 @@ std::string ParseEvents(Bytes bytes, Record* pRecord)
     {
         return fmt::format("a record of {} bytes says that it lists {} events", bytes.size(), count);
     }
-    events.m_eventIds = CopyArray<uint64_t>(bytes, fixedSize, count);
+    CopyArray(bytes, fixedSize, count, &events.m_eventIds);
     std::string reason = CheckHeader(events.m_hdr);
     pRecord->m_body = std::move(events);
     return reason;
@@ -73,14 +73,16 @@ std::string ParseCounters(Bytes bytes, std::size_t offset, SampleRecord* pSample
     {
         return fmt::format("a sample of {} bytes says that it carries {} counters", bytes.size(), count);
     }
-    pSample->m_events = CopyArray<ZorvUmsEventData>(bytes, dataAt, count);
+    CopyArray(bytes, dataAt, count, &pSample->m_events);
     return "";
 }
 
 std::string ParseSample(Bytes bytes, Record* pRecord)
 {
-    SampleRecord sample{
-        CopyFrom<ZorvUmsRecordHdr>(bytes, 0), CopyFrom<ZorvUmsIpRecord>(bytes, ZORV_HDR), {}, {}};
+    SampleRecord& sample = *BodyOf<SampleRecord>(pRecord);
+    sample.m_hdr = CopyFrom<ZorvUmsRecordHdr>(bytes, 0);
+    sample.m_body = CopyFrom<ZorvUmsIpRecord>(bytes, ZORV_HDR);
+    sample.m_events.clear();
     if (std::string reason = CheckHeader(sample.m_hdr); !reason.empty())
     {
         return reason;
@@ -94,7 +96,7 @@ std::string ParseSample(Bytes bytes, Record* pRecord)
         return fmt::format("a sample of {} bytes says that it carries {} stack entries", bytes.size(),
                            sample.m_body.m_csLen);
     }
-    sample.m_callStack = CopyArray<uint64_t>(bytes, stackAt, sample.m_body.m_csLen);
+    CopyArray(bytes, stackAt, sample.m_body.m_csLen, &sample.m_callStack);
     std::string reason;
     if (hasCounters)
     {
@@ -104,7 +106,6 @@ std::string ParseSample(Bytes bytes, Record* pRecord)
     {
         reason = fmt::format("a sample of {} bytes whose stack ends after {}", bytes.size(), stackEnd);
     }
-    pRecord->m_body = std::move(sample);
     return reason;
 }
 

@@ -51,7 +51,7 @@ std::string CheckCallHeader(const ZorvUmtRecordHdr& hdr, uint16_t allowedFlags)
 // Pthread and system-call records differ in their body only.
 template <typename T> std::string ParseCall(Bytes bytes, uint16_t allowedFlags, Record* pRecord)
 {
-    T call;
+    T& call = *BodyOf<T>(pRecord);
     call.m_hdr = CopyFrom<ZorvUmtRecordHdr>(bytes, 0);
     call.m_body = CopyFrom<decltype(call.m_body)>(bytes, ZORV_HDR);
     const std::size_t fixedSize = ZORV_HDR + sizeof(call.m_body);
@@ -60,13 +60,8 @@ template <typename T> std::string ParseCall(Bytes bytes, uint16_t allowedFlags, 
         return fmt::format("a record of {} bytes says that it carries {} call-stack entries", bytes.size(),
                            call.m_body.m_csSize);
     }
-    if (std::string reason = CheckCallHeader(call.m_hdr, allowedFlags); !reason.empty())
-    {
-        return reason;
-    }
-    call.m_callStack = CopyArray<uint64_t>(bytes, fixedSize, call.m_body.m_csSize);
-    pRecord->m_body = std::move(call);
-    return "";
+    CopyArray(bytes, fixedSize, call.m_body.m_csSize, &call.m_callStack);
+    return CheckCallHeader(call.m_hdr, allowedFlags);
 }
 
 std::string ParsePthread(Bytes bytes, Record* pRecord)
