@@ -56,10 +56,9 @@ void RequireCommand(const CLI::App& app, const std::vector<std::string>& argumen
         {
             names.push_back(pCommand->get_name());
         }
-        throw Failure(
-            ZORV_STATUS_OWN_FAILURE, "{}; the commands are {}: see qelix --help",
-            first.empty() ? "a command is missing" : fmt::format("there is no command \"{}\"", first),
-            fmt::join(names, ", "));
+        throw Failure(ZORV_STATUS_OWN_FAILURE, "{}; the commands are {}: see qelix --help",
+                      first.empty() ? "a command is missing" : fmt::format("there is no command \"{}\"", first),
+                      fmt::join(names, ", "));
     }
 }
 
@@ -73,6 +72,7 @@ int Main(std::vector<std::string> arguments)
     AddRunCommand(&app, &behindMark, &status);
     AddDumpCommand(&app, &status);
     AddReportCommand(&app, &status);
+    AddViewCommands(&app, &status);
     AddExportCommand(&app, &status);
     RequireCommand(app, arguments);
     std::reverse(arguments.begin(), arguments.end()); // CLI11 takes them from the back

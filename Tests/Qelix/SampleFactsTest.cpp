@@ -130,7 +130,7 @@ TEST_F(SampleFactsTest, AStackThatFillsTheWholeDepthIsCutOff)
     AddSample(&m_file, std::vector<uint64_t>(10, 0x11)); // depth 2, and the agent's eight more
     AddSample(&m_file, std::vector<uint64_t>(9, 0x11));
     EXPECT_EQ(Cpu()["threads"][0]["truncated"], 1);
-    EXPECT_NE(ReportText(ReadSessionFacts(m_folder.m_path)).find("cut off: 1 sample"), std::string::npos);
+    EXPECT_NE(FullReportText(ReadSessionFacts(m_folder.m_path)).find("cut off: 1 sample"), std::string::npos);
 }
 
 TEST_F(SampleFactsTest, TheSameFactsAsText)
@@ -142,7 +142,7 @@ TEST_F(SampleFactsTest, TheSameFactsAsText)
     }
     AddSample(&m_file, {0x20, 0x31});
     Cpu();
-    const std::string text = ReportText(ReadSessionFacts(m_folder.m_path));
+    const std::string text = FullReportText(ReadSessionFacts(m_folder.m_path));
     EXPECT_NE(text.find("4 samples, each for 4.00 ms, 16.0 ms in all"), std::string::npos) << text;
     EXPECT_NE(text.find("  75.0 %   75.0 %   12.0 ms  m+0x10  (m)"), std::string::npos) << text;
     EXPECT_NE(text.find("   0.0 %  100.0 %      0 ns  m+0x30  (m)"), std::string::npos) << text;
@@ -160,5 +160,5 @@ TEST_F(SampleFactsTest, ADamagedSampleFileCountsUpToItsDamage)
     const SessionFacts session = ReadSessionFacts(m_folder.m_path);
     EXPECT_TRUE(IsDamaged(session));
     EXPECT_EQ(SampleCount(session), 1u);
-    EXPECT_NE(ReportText(session).find("damaged: "), std::string::npos);
+    EXPECT_NE(FullReportText(session).find("damaged: "), std::string::npos);
 }

@@ -31,6 +31,12 @@ def report(directory):
     return json.loads(result.stdout)
 
 
+def full_text(directory):
+    result = qelix("report", "--full", directory)
+    assert result.returncode == 0, result.stderr
+    return result.stdout
+
+
 def blocks():
     """Names of the controllers' blocks that exist."""
     return {path.name for path in pathlib.Path("/dev/shm").glob("qelix-*")}

@@ -5,7 +5,7 @@ import re
 import signal
 import subprocess
 
-from conftest import QELIX, SUBJECT, dump, qelix, report
+from conftest import QELIX, SUBJECT, dump, full_text, qelix, report
 
 
 def record(session, *command, options=("--min", "all=0")):
@@ -21,7 +21,7 @@ def only_thread(facts):
 
 
 def test_calls_go_by_the_names_of_the_functions(session):
-    result, facts = record(session, SUBJECT, "calls")
+    _, facts = record(session, SUBJECT, "calls")
     calls = {call["name"]: call for call in only_thread(facts)["calls"]}
     assert {name: calls[name]["calls"] for name in ["nanosleep", "write", "pthread_mutex_lock", "open"]} == {
         "nanosleep": 3, "write": 7, "pthread_mutex_lock": 11, "open": 1,
@@ -34,7 +34,7 @@ def test_calls_go_by_the_names_of_the_functions(session):
     assert sleep["longestNs"] >= sleep["p95Ns"] >= sleep["p50Ns"] >= 1_000_000
     assert sleep["meanNs"] == sleep["totalNs"] // 3
     for name, traced in [("nanosleep", "sleep"), ("pthread_mutex_lock", "pthread")]:
-        assert re.search(rf" {traced} +{name} +{calls[name]['calls']} ", result.stderr), result.stderr
+        assert re.search(rf" {traced} +{name} +{calls[name]['calls']} ", full_text(session))
 
 
 def test_a_class_is_the_sum_of_its_calls(session):
@@ -84,7 +84,7 @@ def test_a_trace_file_alone_still_dumps_with_addresses(session, tmp_path):
 
 def test_children_are_listed_below_their_parents(session):
     script = f"{SUBJECT} calls; sh -c '{SUBJECT} calls; :'; :"
-    result, facts = record(session, "sh", "-c", script)
+    _, facts = record(session, "sh", "-c", script)
     processes = {process["pid"]: process for process in facts["processes"]}
     root = next(pid for pid, process in processes.items() if process["parent"] not in processes)
     assert processes[root]["name"] == "sh"
@@ -92,7 +92,7 @@ def test_children_are_listed_below_their_parents(session):
     assert set(children) == {"QelixSubject", "sh"}
     grandchildren = [process["name"] for process in processes.values() if process["parent"] == children["sh"]]
     assert grandchildren == ["QelixSubject"]
-    tree = result.stderr.split("\nprocesses\n")[1].split("\n\n")[0].splitlines()
+    tree = full_text(session).split("\nprocesses\n")[1].split("\n\n")[0].splitlines()
     assert [re.match(r" +", line).end() for line in tree] == [2, 4, 4, 6]
     assert tree[0].split()[:2] == [str(root), "sh:"]
 
@@ -114,7 +114,7 @@ def test_a_session_whose_qelix_was_killed_is_still_reported(session):
     process.kill()
     process.wait()
     try:
-        result = qelix("report", session)
+        result = qelix("report", "--full", session)
         assert result.returncode == 0, result.stderr
         assert f"session {session}: 1 process" in result.stdout
     finally:

@@ -17,6 +17,7 @@ namespace qelix
 void AddRunCommand(CLI::App* pApp, const std::vector<std::string>* pBehindMark, int* pStatus);
 void AddDumpCommand(CLI::App* pApp, int* pStatus);
 void AddReportCommand(CLI::App* pApp, int* pStatus);
+void AddViewCommands(CLI::App* pApp, int* pStatus); // threads, locks, waits, io, blocked
 void AddExportCommand(CLI::App* pApp, int* pStatus);
 
 // Text that leaves through standard output; ends the command when nothing can be written there.

@@ -110,7 +110,7 @@ void ReportRun(const std::string& sessionPath)
 {
     try
     {
-        fputs(ReportText(ReadSessionFacts(sessionPath)).c_str(), stderr);
+        fputs(ReportText(ReadSessionFacts(sessionPath), ScreenOf(STDERR_FILENO)).c_str(), stderr);
     }
     catch (const std::exception& failure)
     {

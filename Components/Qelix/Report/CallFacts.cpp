@@ -5,6 +5,11 @@
 namespace qelix
 {
 
+bool HasDuration(const ZorvUmtRecordHdr& hdr)
+{
+    return hdr.m_endTime != ZORV_TIME_NOT_ENDED && hdr.m_startTime != 0 && hdr.m_endTime != 0;
+}
+
 void AddCall(CallFacts* pFacts, const ZorvUmtRecordHdr& hdr)
 {
     ++pFacts->m_calls;
@@ -13,7 +18,7 @@ void AddCall(CallFacts* pFacts, const ZorvUmtRecordHdr& hdr)
         ++pFacts->m_neverReturned;
         return;
     }
-    if (hdr.m_startTime == 0 || hdr.m_endTime == 0)
+    if (!HasDuration(hdr))
     {
         ++pFacts->m_untimed;
         return;

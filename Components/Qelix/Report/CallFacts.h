@@ -20,6 +20,9 @@ struct CallFacts
     DurationHistogram m_durations;
 };
 
+// It returned, and the clock told both times.
+bool HasDuration(const ZorvUmtRecordHdr& hdr);
+
 void AddCall(CallFacts* pFacts, const ZorvUmtRecordHdr& hdr);
 void AddCalls(CallFacts* pFacts, const CallFacts& more);
 

@@ -84,10 +84,40 @@ FunctionCounts FunctionsOf(const SessionFacts& session)
     return counts;
 }
 
+namespace
+{
+
+uint64_t ExpiriesNs(const SessionFacts& session, uint64_t samples, uint64_t allSamples, uint64_t overruns)
+{
+    // Below the tick a timer expires several times between two ticks, and each of them is told.
+    const uint64_t interval = session.m_settings.m_intervalNs.value_or(0);
+    const uint64_t period = overruns == 0 || interval == 0 ? session.m_periodNs : interval;
+    double expiries = static_cast<double>(samples);
+    if (allSamples != 0)
+    {
+        expiries *= 1 + static_cast<double>(overruns) / static_cast<double>(allSamples);
+    }
+    const double nanoseconds = expiries * static_cast<double>(period);
+    return nanoseconds >= 0x1p64 ? UINT64_MAX : static_cast<uint64_t>(nanoseconds);
+}
+
+} // namespace
+
 uint64_t SampledNs(const SessionFacts& session, uint64_t samples)
 {
-    uint64_t nanoseconds;
-    return __builtin_mul_overflow(samples, session.m_periodNs, &nanoseconds) ? UINT64_MAX : nanoseconds;
+    uint64_t allSamples = 0;
+    for (const ProcessFacts& process : session.m_processes)
+    {
+        allSamples += process.m_samples.m_allSamples;
+    }
+    return ExpiriesNs(session, samples, allSamples, session.m_log.m_timerOverruns);
+}
+
+uint64_t SampledNs(const SessionFacts& session, const ProcessFacts& process, uint64_t samples)
+{
+    const auto overruns = session.m_log.m_overrunsOf.find(static_cast<pid_t>(process.m_pid));
+    return ExpiriesNs(session, samples, process.m_samples.m_allSamples,
+                      overruns == session.m_log.m_overrunsOf.end() ? 0 : overruns->second);
 }
 
 } // namespace qelix

@@ -38,7 +38,9 @@ std::vector<ThreadRow> RankedThreads(const SessionFacts& session); // those that
 FunctionCounts FunctionsOf(const ProcessSamples& process);
 FunctionCounts FunctionsOf(const SessionFacts& session);
 
-// CPU time that so many samples stand for.
+// CPU time that so many samples of the session, or of one process, stand for. A timer that fired while its last
+// signal was still pending made no sample: what was missed is shared out among those that were made.
 uint64_t SampledNs(const SessionFacts& session, uint64_t samples);
+uint64_t SampledNs(const SessionFacts& session, const ProcessFacts& process, uint64_t samples);
 
 } // namespace qelix

@@ -1,3 +1,4 @@
+#include "Report/CpuFacts.h"
 #include "Report/Report.h"
 #include "Report/TextParts.h"
 
@@ -7,16 +8,6 @@
 
 namespace qelix
 {
-
-std::string NameOr(const std::string& name, const char* pOtherwise)
-{
-    return name.empty() ? pOtherwise : PrintableText(name);
-}
-
-std::string Plural(uint64_t count, const char* pSingular, const char* pPlural)
-{
-    return fmt::format("{} {}", count, count == 1 ? pSingular : pPlural);
-}
 
 namespace
 {
@@ -39,55 +30,6 @@ const ThreadFacts* FindThread(const SessionFacts& session, int64_t pid, int32_t 
     return nullptr;
 }
 
-std::string ThreadLabel(const SessionFacts& session, int64_t pid, int32_t tid)
-{
-    const ThreadFacts* pThread = FindThread(session, pid, tid);
-    return fmt::format("{} ({})", NameOr(pThread != nullptr ? pThread->m_name : "", "-"), tid);
-}
-
-uint64_t CountCalls(const TraceFacts& process)
-{
-    uint64_t count = 0;
-    for (const ThreadFacts& thread : process.m_threads)
-    {
-        for (const NamedCalls& calls : thread.m_calls)
-        {
-            count += calls.m_facts.m_calls;
-        }
-    }
-    return count;
-}
-
-std::size_t CountThreads(const ProcessFacts& process)
-{
-    return std::max(process.m_trace.m_threads.size(), process.m_samples.m_threads.size());
-}
-
-// What was too short to be recorded, and what was not asked for.
-void WriteThresholds(Lines out, const Thresholds& thresholds)
-{
-    std::map<uint64_t, std::string> classesOf;
-    std::string off;
-    for (int i = 0; i < ZORV_CLASS_COUNT; ++i)
-    {
-        const char* pName = TraceClassName(static_cast<TraceClass>(i));
-        std::string& list = thresholds[i] ? classesOf[*thresholds[i]] : off;
-        list += (list.empty() ? "" : ", ") + std::string(pName);
-    }
-    for (const auto& [threshold, classes] : classesOf)
-    {
-        if (threshold != 0)
-        {
-            fmt::format_to(out, "calls shorter than {} were not recorded: {}\n", DurationText(threshold),
-                           classes);
-        }
-    }
-    if (!off.empty())
-    {
-        fmt::format_to(out, "not traced: {}\n", off);
-    }
-}
-
 void WriteHead(Lines out, const SessionFacts& session)
 {
     uint64_t threads = 0;
@@ -95,7 +37,7 @@ void WriteHead(Lines out, const SessionFacts& session)
     for (const ProcessFacts& process : session.m_processes)
     {
         threads += CountThreads(process);
-        calls += CountCalls(process.m_trace);
+        calls += CallCount(process.m_trace);
     }
     const uint64_t samples = SampleCount(session);
     fmt::format_to(out, "session {}: {}, {}, {}{} recorded\n", PrintableText(session.m_path),
@@ -104,18 +46,21 @@ void WriteHead(Lines out, const SessionFacts& session)
                    samples != 0 ? " and " + Plural(samples, "sample", "samples") : "");
     if (session.m_settings.m_thresholds)
     {
-        WriteThresholds(out, *session.m_settings.m_thresholds);
+        const std::string tooShort = ThresholdsText(*session.m_settings.m_thresholds);
+        const std::string off = ClassesOff(*session.m_settings.m_thresholds);
+        fmt::format_to(out, "{}{}", tooShort.empty() ? "" : "calls not recorded: " + tooShort + "\n",
+                       off.empty() ? "" : "not traced: " + off + "\n");
     }
 }
 
 std::string ThreadsOfLock(const SessionFacts& session, const LockFacts& lock)
 {
-    std::string text = fmt::format("{}:", lock.m_tids.size());
-    for (std::size_t i = 0; i < std::min(lock.m_tids.size(), ZORV_NAMES_SHOWN); ++i)
+    std::string text = fmt::format("{}:", lock.m_waiters.size());
+    for (std::size_t i = 0; i < std::min(lock.m_waiters.size(), ZORV_NAMES_SHOWN); ++i)
     {
-        text += (i == 0 ? " " : ", ") + ThreadLabel(session, lock.m_pid, lock.m_tids[i]);
+        text += (i == 0 ? " " : ", ") + ThreadLabel(session, lock.m_pid, lock.m_waiters[i].m_tid);
     }
-    return text + (lock.m_tids.size() > ZORV_NAMES_SHOWN ? ", ..." : "");
+    return text + (lock.m_waiters.size() > ZORV_NAMES_SHOWN ? ", ..." : "");
 }
 
 void WriteLocks(Lines out, const SessionFacts& session)
@@ -177,9 +122,9 @@ std::string TreeText(const SessionFacts& session, pid_t pid)
         const uint64_t samples = pProcess->m_samples.m_samples;
         text = fmt::format("{}: {}, {}, {}{}", NameOr(pProcess->m_name, "-"),
                            Plural(CountThreads(*pProcess), "thread", "threads"),
-                           Plural(CountCalls(pProcess->m_trace), "call", "calls"),
+                           Plural(CallCount(pProcess->m_trace), "call", "calls"),
                            DurationText(pProcess->m_trace.m_totalNs),
-                           samples != 0 ? ", CPU " + DurationText(samples * session.m_periodNs) : "");
+                           samples != 0 ? ", CPU " + DurationText(SampledNs(session, *pProcess, samples)) : "");
     }
     for (const UnrecordedProcess& process : session.m_tree.m_unrecorded)
     {
@@ -195,25 +140,47 @@ std::string TreeText(const SessionFacts& session, pid_t pid)
 
 } // namespace
 
-std::string DurationText(uint64_t nanoseconds)
+std::string ThreadLabel(const SessionFacts& session, int64_t pid, int32_t tid)
 {
-    struct Unit
+    const ThreadFacts* pThread = FindThread(session, pid, tid);
+    return fmt::format("{} ({})", NameOr(pThread != nullptr ? pThread->m_name : "", "-"), tid);
+}
+
+std::size_t CountThreads(const ProcessFacts& process)
+{
+    return std::max(process.m_trace.m_threads.size(), process.m_samples.m_threads.size());
+}
+
+std::string ThresholdsText(const Thresholds& thresholds)
+{
+    std::map<uint64_t, std::string> classesOf;
+    for (int i = 0; i < ZORV_CLASS_COUNT; ++i)
     {
-        const char* m_pName;
-        double m_nanoseconds;
-    };
-    constexpr Unit units[] = {{"s", 1e9}, {"ms", 1e6}, {"µs", 1e3}};
-    for (const Unit& unit : units)
-    {
-        // What would round up to 1000 of a smaller unit is one of this.
-        const double value = static_cast<double>(nanoseconds) / unit.m_nanoseconds;
-        if (value >= 0.9995)
+        if (thresholds[i].value_or(0) != 0)
         {
-            const int decimals = value < 9.995 ? 2 : value < 99.95 ? 1 : 0;
-            return fmt::format("{:.{}f} {}", value, decimals, unit.m_pName);
+            std::string& list = classesOf[*thresholds[i]];
+            list += (list.empty() ? "" : ", ") + std::string(TraceClassName(static_cast<TraceClass>(i)));
         }
     }
-    return fmt::format("{} ns", nanoseconds);
+    std::string text;
+    for (const auto& [threshold, classes] : classesOf)
+    {
+        text += fmt::format("{}{} below {}", text.empty() ? "" : "; ", classes, DurationText(threshold));
+    }
+    return text;
+}
+
+std::string ClassesOff(const Thresholds& thresholds)
+{
+    std::string off;
+    for (int i = 0; i < ZORV_CLASS_COUNT; ++i)
+    {
+        if (!thresholds[i])
+        {
+            off += (off.empty() ? "" : ", ") + std::string(TraceClassName(static_cast<TraceClass>(i)));
+        }
+    }
+    return off;
 }
 
 void WriteProcessTree(Lines out, const SessionFacts& session)
@@ -235,9 +202,10 @@ void WriteProcessTree(Lines out, const SessionFacts& session)
     }
 }
 
-std::string ReportText(const SessionFacts& session)
+std::string FullReportText(const SessionFacts& session)
 {
     std::string text;
+    std::string cautions;
     Lines out(text);
     WriteHead(out, session);
     WriteProcessTree(out, session);
@@ -251,8 +219,11 @@ std::string ReportText(const SessionFacts& session)
     WriteLocks(out, session);
     WriteNeverReturned(out, session);
     WriteCpu(out, session);
-    WriteCautions(out, session);
-    return text;
+    for (const std::string& line : CautionLines(session))
+    {
+        cautions += line + '\n';
+    }
+    return text + (cautions.empty() ? "" : '\n' + cautions);
 }
 
 } // namespace qelix

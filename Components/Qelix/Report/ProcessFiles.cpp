@@ -38,4 +38,22 @@ std::map<std::string, ProcessFiles> FilesOfProcesses(const std::string& session)
     return files;
 }
 
+uint64_t BytesIn(const std::string& directory)
+{
+    uint64_t bytes = 0;
+    std::error_code error;
+    const auto options = std::filesystem::directory_options::skip_permission_denied;
+    for (std::filesystem::recursive_directory_iterator at(directory, options, error), end; !error && at != end;
+         at.increment(error))
+    {
+        std::error_code noSize; // a file that has gone meanwhile, or is none
+        if (at->is_regular_file(noSize) && !at->is_symlink(noSize))
+        {
+            const std::uintmax_t size = at->file_size(noSize);
+            bytes += noSize ? 0 : size;
+        }
+    }
+    return bytes;
+}
+
 } // namespace qelix

@@ -1,6 +1,7 @@
 // Which files of a session belong to one process.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <string>
 
@@ -17,5 +18,8 @@ struct ProcessFiles
 
 // By what the names of a process's files have in common. Each is read with OpenRecordFile, as a stream.
 std::map<std::string, ProcessFiles> FilesOfProcesses(const std::string& session);
+
+// What the files under a directory measure together.
+uint64_t BytesIn(const std::string& directory);
 
 } // namespace qelix

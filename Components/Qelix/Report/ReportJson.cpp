@@ -1,7 +1,9 @@
 #include "Report/CpuFacts.h"
 #include "Report/Report.h"
+#include "Report/ThreadTimes.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 namespace qelix
@@ -175,7 +177,23 @@ Json LockJson(const LockFacts& lock)
     Json json = {{"address", lock.m_address}, {"pid", lock.m_pid}};
     json["kind"] = lock.m_pKind->m_pName;
     json.update(FactsJson(lock.m_calls));
-    json["threads"] = lock.m_tids;
+    json["name"] = lock.m_name;
+    json["isHeap"] = lock.m_isHeap;
+    json["firstTid"] = lock.m_firstTid;
+    json["meanWaiters"] = MeanWaiters(lock);
+    json["lastAcquirers"] = Json::array();
+    for (const LockAcquirer& acquirer : lock.m_lastAcquirers)
+    {
+        if (acquirer.m_time != 0)
+        {
+            json["lastAcquirers"].push_back(acquirer.m_tid);
+        }
+    }
+    json["threads"] = Json::array();
+    for (const LockWaiter& waiter : lock.m_waiters)
+    {
+        json["threads"].push_back(waiter.m_tid);
+    }
     return json;
 }
 
@@ -187,7 +205,9 @@ Json NeverReturnedJson(const NeverReturned& call)
             {"name", call.m_name},
             {"address", call.m_address},
             {"startTime", call.m_startTime},
-            {"atLeastNs", call.m_atLeastNs}};
+            {"atLeastNs", call.m_atLeastNs},
+            {"lock", call.m_lockName},
+            {"lastAcquirer", call.m_lastAcquirer}};
 }
 
 // By class; null for one that is off. The whole is null when the session does not tell.
@@ -225,6 +245,23 @@ Json AgentJson(const SessionFacts& session)
             {"errors", errors}};
 }
 
+// Where each thread's time went.
+Json TimesJson(const SessionFacts& session)
+{
+    Json list = Json::array();
+    for (const ThreadTimes& times : TimesOfThreads(session))
+    {
+        Json json = {{"pid", times.m_pProcess->m_pid}, {"tid", times.m_tid}, {"name", times.m_name}};
+        json["wallNs"] = times.m_wallNs;
+        for (int kind = 0; kind < ZORV_TIME_KIND_COUNT; ++kind)
+        {
+            json[fmt::format("{}Ns", FormOf(static_cast<TimeKind>(kind)).m_pName)] = times.m_timeNs[kind];
+        }
+        list.push_back(std::move(json));
+    }
+    return list;
+}
+
 } // namespace
 
 std::string ReportJson(const SessionFacts& session)
@@ -244,10 +281,14 @@ std::string ReportJson(const SessionFacts& session)
     {
         locks.push_back(LockJson(lock));
     }
-    Json json = {{"session", session.m_path}};
+    Json json = {{"session", session.m_path}, {"command", session.m_record.m_command}};
+    json["waitStatus"] = session.m_record.m_waitStatus ? Json(*session.m_record.m_waitStatus) : Json(nullptr);
+    json["bytes"] = session.m_bytes;
+    json["wallNs"] = LengthOf(session.m_span);
     json["thresholdsNs"] = ThresholdsJson(session.m_settings.m_thresholds);
     json["processes"] = std::move(processes);
     json["unrecorded"] = UnrecordedJson(session);
+    json["times"] = TimesJson(session);
     json["locks"] = std::move(locks);
     json["neverReturned"] = std::move(neverReturned);
     json["cpu"] = CpuJson(session);

@@ -19,6 +19,7 @@ struct Gathering
     ProcessSamples m_process;
     ProcessSymbols* m_pSymbols;
     SampleView m_view;
+    const ProcessFilter& m_filter;
     std::unordered_map<int32_t, ThreadSamples> m_threads;
     std::vector<NameFact> m_names;
 };
@@ -36,9 +37,28 @@ struct RecordTaker
 {
     Gathering* m_pGathering;
 
+    void NoteTime(const ZorvUmsRecordHdr& hdr, bool isEnd) const
+    {
+        const ProcessFilter& filter = m_pGathering->m_filter;
+        if (hdr.m_tid > 0 && hdr.m_startTime != 0 && IsWanted(filter, hdr.m_tid))
+        {
+            LifeSpan& span = m_pGathering->m_threads[hdr.m_tid].m_span;
+            SeeAt(&span, std::clamp(hdr.m_startTime, std::max<uint64_t>(filter.m_from, 1), filter.m_to));
+            span.m_isEnded = span.m_isEnded || isEnd;
+        }
+    }
+
     void operator()(const SampleRecord& sample) const
     {
         const SampleView& view = m_pGathering->m_view;
+        const ProcessFilter& filter = m_pGathering->m_filter;
+        ++m_pGathering->m_process.m_allSamples;
+        NoteTime(sample.m_hdr, false);
+        if (!IsWanted(filter, sample.m_hdr.m_tid) || sample.m_hdr.m_startTime < filter.m_from ||
+            sample.m_hdr.m_startTime >= filter.m_to)
+        {
+            return;
+        }
         ThreadSamples& thread = m_pGathering->m_threads[sample.m_hdr.m_tid];
         const std::vector<uint32_t> functions = FunctionsOfStack(
             m_pGathering->m_pSymbols, sample.m_callStack, sample.m_hdr.m_startTime, view.m_withAgentFrames);
@@ -54,10 +74,16 @@ struct RecordTaker
     {
         m_pGathering->m_names.push_back({proc.m_hdr.m_tid, proc.m_body.m_pthreadId, proc.m_hdr.m_startTime,
                                          std::string(RecordName(proc.m_body))});
-        if (proc.m_hdr.m_tid > 0)
+        if (proc.m_hdr.m_tid > 0 && IsWanted(m_pGathering->m_filter, proc.m_hdr.m_tid))
         {
             m_pGathering->m_threads[proc.m_hdr.m_tid];
         }
+        NoteTime(proc.m_hdr, false);
+    }
+
+    void operator()(const SampleThreadEndRecord& end) const
+    {
+        NoteTime(end.m_hdr, true);
     }
 
     void operator()(const SampleEventsRecord& events) const
@@ -77,6 +103,7 @@ void SettleThreads(Gathering* pGathering)
         thread.m_tid = tid;
         thread.m_name = names[tid];
         process.m_samples += thread.m_samples;
+        Join(&process.m_span, thread.m_span);
         process.m_threads.push_back(std::move(thread));
     }
     process.m_name = names[static_cast<int32_t>(process.m_pid)];
@@ -153,9 +180,10 @@ void AddFunctions(FunctionCounts* pCounts, const FunctionCounts& more)
     }
 }
 
-ProcessSamples ReadSampleFacts(const std::string& path, ProcessSymbols* pSymbols, const SampleView& view)
+ProcessSamples ReadSampleFacts(const std::string& path, ProcessSymbols* pSymbols, const SampleView& view,
+                               const ProcessFilter& filter)
 {
-    Gathering gathering{{}, pSymbols, view, {}, {}};
+    Gathering gathering{{}, pSymbols, view, filter, {}, {}};
     const auto pFile = OpenRecordFile(path);
     Record record;
     while (NextRecord(pFile.get(), &record))

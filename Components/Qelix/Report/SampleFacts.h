@@ -2,6 +2,8 @@
 #pragma once
 
 #include "Reader/Damage.h"
+#include "Report/LifeSpan.h"
+#include "Report/RecordFilter.h"
 #include "Symbols/Symbolizer.h"
 
 #include <cstdint>
@@ -44,6 +46,7 @@ struct ThreadSamples
     FunctionCounts m_functions;
     StackTree m_stacks;                // only where it is asked for
     std::vector<uint64_t> m_eventSums; // of the counters, in the order of the process's events
+    LifeSpan m_span;
 };
 
 struct ProcessSamples
@@ -54,6 +57,8 @@ struct ProcessSamples
     int32_t m_mpiRankId = 0;
     std::string m_name; // of its main thread
     uint64_t m_samples = 0;
+    uint64_t m_allSamples = 0; // those that were not asked for as well
+    LifeSpan m_span;
     std::vector<ThreadSamples> m_threads; // most samples first
     std::vector<uint64_t> m_events;       // codes of the counters
     std::optional<Damage> m_damage;
@@ -67,7 +72,8 @@ struct SampleView
     uint32_t m_depth = 0;           // that was asked for; 0: not known
 };
 
-ProcessSamples ReadSampleFacts(const std::string& path, ProcessSymbols* pSymbols, const SampleView& view);
+ProcessSamples ReadSampleFacts(const std::string& path, ProcessSymbols* pSymbols, const SampleView& view,
+                               const ProcessFilter& filter = {});
 
 // Adds one stack, innermost function first.
 void AddStack(ThreadSamples* pThread, const std::vector<uint32_t>& functions, bool withStacks);

@@ -1,6 +1,8 @@
 #include "Report/SessionFacts.h"
 
+#include "Report/LockNames.h"
 #include "Report/ProcessFiles.h"
+#include "Report/ProcessNames.h"
 #include "Session/Failure.h"
 #include "Session/ProcessWatch.h"
 #include "Session/SessionDirectory.h"
@@ -17,30 +19,76 @@ namespace qelix
 namespace
 {
 
-constexpr std::size_t ZORV_LOCKS_SHOWN = 10;
+// What the processes of a session have in common while they are read, one after the other.
+struct Reading
+{
+    SampleView m_samples;
+    const SessionView& m_view;
+    uint64_t m_start; // of the session
+    DataFiles m_dataFiles;
+};
 
-// Only the worst locks are kept, so that a session of many processes needs the memory of one.
-void KeepWorstLocks(SessionFacts* pSession, TraceFacts* pProcess)
+void KeepWorstLocks(SessionFacts* pSession, TraceFacts* pProcess, std::size_t kept)
 {
     std::vector<LockFacts>& locks = pSession->m_locks;
+    pSession->m_lockCount += pProcess->m_locks.size();
+    pSession->m_foldedLocks += pProcess->m_foldedLocks;
     std::move(pProcess->m_locks.begin(), pProcess->m_locks.end(), std::back_inserter(locks));
     pProcess->m_locks.clear();
     pProcess->m_locks.shrink_to_fit();
     std::sort(locks.begin(), locks.end(), IsWorseLock);
-    locks.resize(std::min(locks.size(), ZORV_LOCKS_SHOWN));
+    locks.resize(std::min(locks.size(), kept));
 }
 
-ProcessFacts ReadProcess(const ProcessFiles& files, ProcessSymbols* pSymbols, const SampleView& view)
+// A process may be wanted by its name, and threads by theirs; both may stand anywhere in the files.
+std::optional<ProcessFilter> FilterOf(const ProcessFiles& files, const Reading& reading)
+{
+    const RecordFilter& wanted = reading.m_view.m_filter;
+    ProcessFilter filter{{}, wanted.m_classes};
+    if (wanted.m_from)
+    {
+        filter.m_from = SaturatingAdd(reading.m_start, *wanted.m_from);
+    }
+    if (wanted.m_to)
+    {
+        filter.m_to = SaturatingAdd(reading.m_start, *wanted.m_to);
+    }
+    if (wanted.m_threads.empty() && wanted.m_processes.empty())
+    {
+        return filter;
+    }
+    const NamesOfProcess names = ReadNames(files);
+    if (!MatchesAny(wanted.m_processes, names.NameOf(names.m_pid), names.m_pid))
+    {
+        return std::nullopt;
+    }
+    if (!wanted.m_threads.empty())
+    {
+        filter.m_tids.emplace();
+        for (const auto& [tid, name] : names.m_names)
+        {
+            if (MatchesAny(wanted.m_threads, name, tid))
+            {
+                filter.m_tids->insert(tid);
+            }
+        }
+    }
+    return filter;
+}
+
+ProcessFacts ReadProcess(const ProcessFiles& files, ProcessSymbols* pSymbols, Reading* pReading,
+                         const ProcessFilter& filter)
 {
     ProcessFacts process;
     process.m_trace.m_isEmpty = true;
     if (!files.m_trace.empty())
     {
-        process.m_trace = ReadTraceFacts(files.m_trace, pSymbols);
+        process.m_trace = ReadTraceFacts(files.m_trace, pSymbols, filter);
+        NameLocks(&process.m_trace, DataImagesOf(&pReading->m_dataFiles, pSymbols->m_map));
     }
-    if (!files.m_sample.empty())
+    if (!files.m_sample.empty() && !pReading->m_view.m_isWithoutSamples)
     {
-        process.m_samples = ReadSampleFacts(files.m_sample, pSymbols, view);
+        process.m_samples = ReadSampleFacts(files.m_sample, pSymbols, pReading->m_samples, filter);
     }
     const TraceFacts& trace = process.m_trace;
     const ProcessSamples& samples = process.m_samples;
@@ -51,6 +99,8 @@ ProcessFacts ReadProcess(const ProcessFiles& files, ProcessSymbols* pSymbols, co
     process.m_name = trace.m_name.empty() ? samples.m_name : trace.m_name;
     process.m_mpiRankId = trace.m_mpiRankId != 0 ? trace.m_mpiRankId : samples.m_mpiRankId;
     process.m_mapDamage = pSymbols->m_map.m_damage;
+    process.m_span = trace.m_span;
+    Join(&process.m_span, samples.m_span);
     return process;
 }
 
@@ -82,7 +132,7 @@ std::vector<std::pair<TraceClass, CallFacts>> ByClass(const std::vector<const Na
 
 } // namespace
 
-SessionFacts ReadSessionFacts(const std::string& path, const SampleView& view)
+SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples, const SessionView& view)
 {
     std::error_code error;
     if (!std::filesystem::is_directory(TraceFolder(path), error))
@@ -91,19 +141,30 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& view)
                       "{} is no session: it has no folder \"trace\"; name a directory that qelix run has made",
                       path);
     }
-    SessionFacts session{path, ReadSettings(path)};
-    const SessionRecord record = ReadSessionRecord(path);
-    session.m_periodNs = std::max(session.m_settings.m_intervalNs.value_or(0), record.m_tickNs.value_or(0));
+    SessionFacts session;
+    session.m_path = path;
+    session.m_record = ReadSessionRecord(path);
+    session.m_settings = ReadSettings(path);
+    session.m_bytes = BytesIn(path);
+    session.m_periodNs =
+        std::max(session.m_settings.m_intervalNs.value_or(0), session.m_record.m_tickNs.value_or(0));
     session.m_pSymbolizer = std::make_shared<Symbolizer>();
-    SampleView viewOfSession = view;
-    viewOfSession.m_depth = session.m_settings.m_depth.value_or(0);
+    const std::map<std::string, ProcessFiles> filesOf = FilesOfProcesses(path);
+    Reading reading{samples, view, view.m_filter.m_from || view.m_filter.m_to ? FirstTime(filesOf) : 0, {}};
+    reading.m_samples.m_depth = session.m_settings.m_depth.value_or(0);
     std::map<pid_t, std::set<std::string>> mapped;
     std::vector<pid_t> recorded;
-    for (const auto& [name, files] : FilesOfProcesses(path))
+    for (const auto& [name, files] : filesOf)
     {
+        const std::optional<ProcessFilter> filter = FilterOf(files, reading);
+        if (!filter)
+        {
+            continue;
+        }
         ProcessSymbols symbols = SymbolsOf(session.m_pSymbolizer.get(), ReadModuleMap(files.m_metadata));
-        ProcessFacts process = ReadProcess(files, &symbols, viewOfSession);
-        KeepWorstLocks(&session, &process.m_trace);
+        ProcessFacts process = ReadProcess(files, &symbols, &reading, *filter);
+        KeepWorstLocks(&session, &process.m_trace, view.m_locksKept);
+        Join(&session.m_span, process.m_span);
         recorded.push_back(static_cast<pid_t>(process.m_pid));
         mapped[recorded.back()].merge(PathsIn(symbols.m_map));
         session.m_processes.push_back(std::move(process));
@@ -113,7 +174,7 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& view)
     session.m_agentErrors = ReadAgentErrors(path);
     session.m_log = ReadAgentLogs(path);
     session.m_tree =
-        MakeProcessTree(record, session.m_log, recorded,
+        MakeProcessTree(session.m_record, session.m_log, recorded,
                         [&mapped](pid_t pid, const std::string& file) { return mapped[pid].contains(file); });
     return session;
 }
@@ -124,6 +185,19 @@ bool IsDamaged(const SessionFacts& session)
                        [](const ProcessFacts& process) {
                            return process.m_trace.m_damage || process.m_samples.m_damage || process.m_mapDamage;
                        });
+}
+
+uint64_t CallCount(const TraceFacts& process)
+{
+    uint64_t count = 0;
+    for (const ThreadFacts& thread : process.m_threads)
+    {
+        for (const NamedCalls& calls : thread.m_calls)
+        {
+            count += calls.m_facts.m_calls;
+        }
+    }
+    return count;
 }
 
 uint64_t SampleCount(const SessionFacts& session)

@@ -1,11 +1,13 @@
-// Private to the text report: what its sections have in common.
+// Private to the texts of the report: what their sections have in common.
 #pragma once
 
+#include "Report/Screen.h"
 #include "Report/SessionFacts.h"
 
 #include <cstdint>
 #include <iterator>
 #include <string>
+#include <vector>
 
 namespace qelix
 {
@@ -14,11 +16,26 @@ using Lines = std::back_insert_iterator<std::string>;
 
 std::string NameOr(const std::string& name, const char* pOtherwise);
 std::string Plural(uint64_t count, const char* pSingular, const char* pPlural);
+std::string ThreadLabel(const SessionFacts& session, int64_t pid, int32_t tid); // "worker (4711)"
+std::size_t CountThreads(const ProcessFacts& process);
 
-// Each appends its section, or nothing where there is nothing to say.
+// "pthread below 1.00 µs; io, syscall below 10.0 µs": what was too short to be recorded. Empty when nothing
+// was.
+std::string ThresholdsText(const Thresholds& thresholds);
+std::string ClassesOff(const Thresholds& thresholds); // names, or nothing
+
+// What keeps the report from being the whole truth, a line each.
+std::vector<std::string> CautionLines(const SessionFacts& session);
+
+// Each appends its section of the full text, or nothing where there is nothing to say.
 void WriteProcessTree(Lines out, const SessionFacts& session);
 void WriteCalls(Lines out, const ProcessFacts& process);
 void WriteCpu(Lines out, const SessionFacts& session);
-void WriteCautions(Lines out, const SessionFacts& session);
+
+// Sections of the one screen.
+void WriteTimeTable(Lines out, const SessionFacts& session, const Screen& screen);
+void WriteLockTable(Lines out, const SessionFacts& session, const Screen& screen);
+void WriteFunctionTable(Lines out, const SessionFacts& session, const Screen& screen);
+void WriteReadThis(Lines out, const SessionFacts& session, const Screen& screen);
 
 } // namespace qelix

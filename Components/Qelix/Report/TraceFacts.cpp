@@ -1,235 +1,146 @@
 #include "Report/TraceFacts.h"
 
 #include "Reader/RecordFile.h"
-#include "Report/ThreadNames.h"
+#include "Report/TraceGathering.h"
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <map>
 #include <sys/syscall.h>
-#include <tuple>
-#include <unordered_map>
 
 namespace qelix
 {
 namespace
 {
 
-struct LockKey
+bool IsWanted(const ProcessFilter& filter, const CallKind& kind)
 {
-    uint64_t m_address;
-    const CallKind* m_pKind;
-    bool operator==(const LockKey&) const = default;
-};
+    const std::vector<TraceClass>& classes = filter.m_classes;
+    return classes.empty() || std::find(classes.begin(), classes.end(), ClassOf(kind)) != classes.end();
+}
 
-struct LockKeyHash
+GatheredThread& ThreadOf(TraceGathering* pGathering, int32_t tid)
 {
-    std::size_t operator()(const LockKey& key) const
+    if (pGathering->m_pLastThread == nullptr || pGathering->m_lastTid != tid)
     {
-        return std::hash<uint64_t>{}(key.m_address ^ (uint64_t{key.m_pKind->m_subType} << 56));
+        pGathering->m_lastTid = tid;
+        pGathering->m_pLastThread = &pGathering->m_threads[tid];
     }
-};
+    return *pGathering->m_pLastThread;
+}
 
-struct CallKey
+// A moment of the thread's life; only what lies in the times asked for counts.
+void NoteTime(TraceGathering* pGathering, LifeSpan* pSpan, uint64_t time)
 {
-    const CallKind* m_pKind;
-    uint64_t m_function; // an address, or a system call's number
-    bool m_isNumber;
-    bool operator==(const CallKey&) const = default;
-};
-
-struct CallKeyHash
-{
-    std::size_t operator()(const CallKey& key) const
+    if (time == ZORV_TIME_NOT_ENDED)
     {
-        return std::hash<uint64_t>{}(key.m_function ^ (uint64_t{key.m_pKind->m_subType} << 56));
+        return;
     }
-};
-
-struct CallsOfKey
-{
-    uint64_t m_firstTime = 0; // what lay at the function's address is asked for this time
-    CallFacts m_facts;
-};
-
-struct GatheredThread
-{
-    std::unordered_map<CallKey, CallsOfKey, CallKeyHash> m_calls;
-};
-
-struct Gathering
-{
-    TraceFacts m_process;
-    ProcessSymbols* m_pSymbols;
-    std::unordered_map<int32_t, GatheredThread> m_threads;
-    std::unordered_map<LockKey, LockFacts, LockKeyHash> m_locks;
-    std::vector<NameFact> m_names;
-    uint64_t m_lastTime = 0;
-};
-
-void NoteTime(Gathering* pGathering, uint64_t time)
-{
-    if (time != ZORV_TIME_NOT_ENDED)
+    pGathering->m_lastTime = std::max(pGathering->m_lastTime, time);
+    if (time != 0)
     {
-        pGathering->m_lastTime = std::max(pGathering->m_lastTime, time);
+        const ProcessFilter& filter = pGathering->m_filter;
+        SeeAt(pSpan, std::clamp(time, std::max<uint64_t>(filter.m_from, 1), filter.m_to));
     }
 }
 
-std::string NameOfKey(ProcessSymbols* pSymbols, const CallKey& key, uint64_t time)
+void NoteNeverReturned(TraceGathering* pGathering, const ZorvUmtRecordHdr& hdr, const CallKey& key,
+                       uint64_t address)
 {
-    return NameOfCall(pSymbols, *key.m_pKind, key.m_function, key.m_isNumber, time);
+    NeverReturned call;
+    call.m_tid = hdr.m_tid;
+    call.m_pKind = key.m_pKind;
+    call.m_name = NameOfKey(pGathering->m_pSymbols, key, hdr.m_startTime);
+    call.m_address = address;
+    call.m_startTime = hdr.m_startTime;
+    pGathering->m_process.m_neverReturned.push_back(std::move(call));
 }
 
-void AddThreadOfLock(std::vector<int32_t>* pTids, int32_t tid)
+void NoteTimes(TraceGathering* pGathering, const ZorvUmtRecordHdr& hdr)
 {
-    const auto at = std::lower_bound(pTids->begin(), pTids->end(), tid);
-    if (at == pTids->end() || *at != tid)
-    {
-        pTids->insert(at, tid);
-    }
+    LifeSpan& span = ThreadOf(pGathering, hdr.m_tid).m_span;
+    NoteTime(pGathering, &span, hdr.m_startTime);
+    NoteTime(pGathering, &span, hdr.m_endTime);
 }
 
-void TakeCall(Gathering* pGathering, const ZorvUmtRecordHdr& hdr, uint64_t function, uint64_t address)
+void CountCall(TraceGathering* pGathering, const ZorvUmtRecordHdr& hdr, const CallKey& key, uint64_t address)
 {
-    const CallKind* pKind = FindCallKind(hdr.m_recType, hdr.m_subType);
-    const CallKey key{pKind, function, (hdr.m_flags & ZORV_UMT_FLAG_SYSCALL_ID) != 0};
-    CallsOfKey& calls = pGathering->m_threads[hdr.m_tid].m_calls[key];
+    CallsOfKey& calls = ThreadOf(pGathering, hdr.m_tid).m_calls[key];
     if (calls.m_facts.m_calls == 0)
     {
         calls.m_firstTime = hdr.m_startTime;
     }
     AddCall(&calls.m_facts, hdr);
-    if (pKind->m_isLock)
-    {
-        LockFacts& lock = pGathering->m_locks[LockKey{address, pKind}];
-        lock.m_address = address;
-        lock.m_pKind = pKind;
-        AddCall(&lock.m_calls, hdr);
-        AddThreadOfLock(&lock.m_tids, hdr.m_tid);
-    }
     if (hdr.m_endTime == ZORV_TIME_NOT_ENDED)
     {
-        pGathering->m_process.m_neverReturned.push_back(
-            {0, hdr.m_tid, pKind, NameOfKey(pGathering->m_pSymbols, key, hdr.m_startTime), address,
-             hdr.m_startTime, 0});
+        NoteNeverReturned(pGathering, hdr, key, address);
     }
-    NoteTime(pGathering, hdr.m_startTime);
-    NoteTime(pGathering, hdr.m_endTime);
+}
+
+// The part of the call that was asked for; nothing when that is none.
+template <typename T> const CallKind* CutCall(TraceGathering* pGathering, T* pCall)
+{
+    const ProcessFilter& filter = pGathering->m_filter;
+    const CallKind* pKind = FindCallKind(pCall->m_hdr.m_recType, pCall->m_hdr.m_subType);
+    if (!IsWanted(filter, pCall->m_hdr.m_tid))
+    {
+        return nullptr;
+    }
+    NoteTimes(pGathering, pCall->m_hdr);
+    const bool isWanted =
+        IsWanted(filter, *pKind) && CutToTimes(filter, &pCall->m_hdr.m_startTime, &pCall->m_hdr.m_endTime);
+    return isWanted ? pKind : nullptr;
 }
 
 struct RecordTaker
 {
-    Gathering* m_pGathering;
+    TraceGathering* m_pGathering;
 
-    void operator()(const PthreadRecord& call) const
+    void operator()(PthreadRecord& call) const
     {
-        TakeCall(m_pGathering, call.m_hdr, call.m_body.m_funcVa, call.m_body.m_lockAddress);
+        if (const CallKind* pKind = CutCall(m_pGathering, &call))
+        {
+            CountCall(m_pGathering, call.m_hdr, {pKind, call.m_body.m_funcVa, false},
+                      call.m_body.m_lockAddress);
+            if (pKind->m_isLock)
+            {
+                AddLockCall(&m_pGathering->m_locks, pKind, call);
+            }
+        }
     }
 
-    void operator()(const SyscallRecord& call) const
+    void operator()(SyscallRecord& call) const
     {
-        TakeCall(m_pGathering, call.m_hdr, call.m_body.m_funcVa, 0);
+        if (const CallKind* pKind = CutCall(m_pGathering, &call))
+        {
+            const bool isNumber = (call.m_hdr.m_flags & ZORV_UMT_FLAG_SYSCALL_ID) != 0;
+            CountCall(m_pGathering, call.m_hdr, {pKind, call.m_body.m_funcVa, isNumber}, 0);
+        }
     }
 
     void operator()(const TraceProcRecord& proc) const
     {
-        NoteTime(m_pGathering, proc.m_hdr.m_startTime);
         m_pGathering->m_names.push_back({proc.m_hdr.m_tid, proc.m_body.m_pthreadId, proc.m_hdr.m_startTime,
                                          std::string(RecordName(proc.m_body))});
-        if (proc.m_hdr.m_tid > 0)
+        if (proc.m_hdr.m_tid > 0 && IsWanted(m_pGathering->m_filter, proc.m_hdr.m_tid))
         {
-            m_pGathering->m_threads[proc.m_hdr.m_tid];
+            NoteTime(m_pGathering, &ThreadOf(m_pGathering, proc.m_hdr.m_tid).m_span, proc.m_hdr.m_startTime);
         }
     }
 
     void operator()(const TraceThreadEndRecord& end) const
     {
-        NoteTime(m_pGathering, end.m_hdr.m_startTime);
+        if (IsWanted(m_pGathering->m_filter, end.m_hdr.m_tid))
+        {
+            LifeSpan& span = ThreadOf(m_pGathering, end.m_hdr.m_tid).m_span;
+            NoteTime(m_pGathering, &span, end.m_hdr.m_startTime);
+            span.m_isEnded = true;
+        }
     }
 
     template <typename T> void operator()(const T&) const {}
 };
 
-bool IsLonger(const NamedCalls& a, const NamedCalls& b)
-{
-    return std::tie(b.m_facts.m_totalNs, a.m_pKind, a.m_name) <
-           std::tie(a.m_facts.m_totalNs, b.m_pKind, b.m_name);
-}
-
-// One function can have had several addresses, and several objects can have a function of one name.
-std::vector<NamedCalls> NameCalls(ProcessSymbols* pSymbols, GatheredThread* pThread)
-{
-    std::map<std::pair<const CallKind*, std::string>, CallFacts> byName;
-    for (auto& [key, calls] : pThread->m_calls)
-    {
-        AddCalls(&byName[{key.m_pKind, NameOfKey(pSymbols, key, calls.m_firstTime)}], calls.m_facts);
-    }
-    pThread->m_calls.clear();
-    std::vector<NamedCalls> named;
-    for (auto& [key, facts] : byName)
-    {
-        named.push_back({key.first, key.second, std::move(facts)});
-    }
-    std::sort(named.begin(), named.end(), IsLonger);
-    return named;
-}
-
-void SettleThreads(Gathering* pGathering)
-{
-    TraceFacts& process = pGathering->m_process;
-    std::unordered_map<int32_t, std::string> names = LastNames(std::move(pGathering->m_names));
-    for (const auto& [tid, name] : names)
-    {
-        pGathering->m_threads[tid];
-    }
-    for (auto& [tid, gathered] : pGathering->m_threads)
-    {
-        ThreadFacts thread{tid, names[tid], NameCalls(pGathering->m_pSymbols, &gathered)};
-        for (const NamedCalls& calls : thread.m_calls)
-        {
-            thread.m_totalNs = SaturatingAdd(thread.m_totalNs, calls.m_facts.m_totalNs);
-        }
-        process.m_totalNs = SaturatingAdd(process.m_totalNs, thread.m_totalNs);
-        process.m_threads.push_back(std::move(thread));
-    }
-    process.m_name = names[static_cast<int32_t>(process.m_pid)];
-    std::sort(process.m_threads.begin(), process.m_threads.end(),
-              [](const ThreadFacts& a, const ThreadFacts& b)
-              { return std::tuple(b.m_totalNs, a.m_tid) < std::tuple(a.m_totalNs, b.m_tid); });
-}
-
-void SettleLocks(Gathering* pGathering)
-{
-    TraceFacts& process = pGathering->m_process;
-    for (auto& [key, lock] : pGathering->m_locks)
-    {
-        lock.m_pid = process.m_pid;
-        process.m_locks.push_back(std::move(lock));
-    }
-    std::sort(process.m_locks.begin(), process.m_locks.end(), IsWorseLock);
-}
-
-void SettleNeverReturned(Gathering* pGathering)
-{
-    std::vector<NeverReturned>& calls = pGathering->m_process.m_neverReturned;
-    for (NeverReturned& call : calls)
-    {
-        call.m_pid = pGathering->m_process.m_pid;
-        const bool isTimed = call.m_startTime != 0 && call.m_startTime <= pGathering->m_lastTime;
-        call.m_atLeastNs = isTimed ? pGathering->m_lastTime - call.m_startTime : 0;
-    }
-    std::sort(calls.begin(), calls.end(),
-              [](const NeverReturned& a, const NeverReturned& b)
-              { return std::tuple(a.m_startTime, a.m_tid) < std::tuple(b.m_startTime, b.m_tid); });
-}
-
 } // namespace
-
-bool IsWorseLock(const LockFacts& a, const LockFacts& b)
-{
-    return std::tuple(b.m_calls.m_totalNs, a.m_pid, a.m_address, a.m_pKind) <
-           std::tuple(a.m_calls.m_totalNs, b.m_pid, b.m_address, b.m_pKind);
-}
 
 std::string NameOfCall(ProcessSymbols* pSymbols, const CallKind& kind, uint64_t function, bool isNumber,
                        uint64_t time)
@@ -251,10 +162,9 @@ TraceClass ClassOf(const CallKind& kind)
                                                      : static_cast<TraceClass>(kind.m_subType);
 }
 
-TraceFacts ReadTraceFacts(const std::string& path, ProcessSymbols* pSymbols)
+TraceFacts ReadTraceFacts(const std::string& path, ProcessSymbols* pSymbols, const ProcessFilter& filter)
 {
-    Gathering gathering;
-    gathering.m_pSymbols = pSymbols;
+    TraceGathering gathering{{}, pSymbols, filter};
     const auto pFile = OpenRecordFile(path);
     Record record;
     while (NextRecord(pFile.get(), &record))
@@ -268,9 +178,7 @@ TraceFacts ReadTraceFacts(const std::string& path, ProcessSymbols* pSymbols)
     process.m_mpiRankId = pFile->m_header.m_mpiRankId;
     process.m_damage = pFile->m_damage;
     process.m_unreadBytes = pFile->m_unreadBytes;
-    SettleThreads(&gathering);
-    SettleLocks(&gathering);
-    SettleNeverReturned(&gathering);
+    SettleTrace(&gathering);
     return process;
 }
 

@@ -119,7 +119,13 @@ void TakeLogLine(const std::string& path, const char* pLine, AgentLogFacts* pFac
     TakeInfoLine(path, line, pFacts);
     AddCount(line, "Lost trace records count = ", &pFacts->m_lostTraceRecords);
     AddCount(line, "Lost sample records count = ", &pFacts->m_lostSampleRecords);
-    AddCount(line, "Timer overrun count (", &pFacts->m_timerOverruns);
+    uint64_t overruns = 0;
+    AddCount(line, "Timer overrun count (", &overruns);
+    if (overruns != 0)
+    {
+        pFacts->m_timerOverruns += overruns;
+        pFacts->m_overrunsOf[PidInFileName(path)] += overruns;
+    }
     if (line.starts_with("ERROR : "))
     {
         if (pFacts->m_errorLines++ == 0)

@@ -1,0 +1,175 @@
+"""The views of a session: their rows, filters and forms, and what the one screen says."""
+
+import csv
+import io
+import json
+import os
+import pty
+import subprocess
+
+import pytest
+
+from conftest import QELIX, SUBJECT, qelix
+
+TRUTH = os.environ["QELIX_TRUTH"]
+VIEWS = ["threads", "locks", "waits", "io", "blocked"]
+
+
+@pytest.fixture(scope="module")
+def recorded(tmp_path_factory):
+    session = tmp_path_factory.mktemp("views") / "session"
+    result = qelix("run", "--sample", "-o", session, "--", TRUTH, "queue")
+    assert result.returncode == 0, result.stderr
+    return session
+
+
+def view(*arguments):
+    result = qelix(*arguments)
+    assert result.returncode == 0, result.stderr
+    return result.stdout
+
+
+def rows(*arguments):
+    return json.loads(view(*arguments, "--json"))["rows"]
+
+
+@pytest.mark.parametrize("name", VIEWS)
+def test_the_forms_of_a_view_have_the_same_rows(recorded, name):
+    as_json = rows(name, recorded)
+    as_csv = list(csv.DictReader(io.StringIO(view(name, recorded, "--csv"))))
+    assert len(as_json) == len(as_csv)
+    for left, right in zip(as_json, as_csv):
+        assert list(left) == list(right)
+        for key, value in left.items():
+            if isinstance(value, float):
+                assert abs(float(right[key]) - value) <= 1e-5 * max(1.0, abs(value))
+            else:
+                assert right[key] == ("" if value is None else str(value))
+    text = view(name, recorded, "-n", "0").splitlines()
+    assert len(text) > len(as_json)
+
+
+def test_threads_by_name_and_id(recorded):
+    everyone = rows("threads", recorded)
+    workers = [row for row in everyone if row["thread"].startswith("worker-")]
+    assert len(workers) == 4 and len(everyone) == 5
+    assert {row["tid"] for row in rows("threads", recorded, "--thread", "worker-*")} == {row["tid"] for row in workers}
+    one = workers[0]
+    assert [row["tid"] for row in rows("threads", recorded, "--thread", one["tid"])] == [one["tid"]]
+    assert {row["thread"] for row in rows("waits", recorded, "--thread", one["thread"])} == {
+        f"{one['thread']} ({one['tid']})"
+    }
+    assert rows("threads", recorded, "--process", "no-such-process") == []
+    assert len(rows("threads", recorded, "--process", one["process"])) == 5
+
+
+def test_classes(recorded):
+    assert {row["class"] for row in rows("waits", recorded, "--class", "sleep")} == {"sleep"}
+    assert {row["class"] for row in rows("waits", recorded)} >= {"sleep", "pthread"}
+    assert rows("locks", recorded, "--class", "sleep,io") == []
+
+
+def test_times_cut_calls_at_their_edges(recorded):
+    wall = max(row["wallNs"] for row in rows("threads", recorded))
+    half = wall // 2
+    whole, first, second = (
+        sum(row["totalNs"] or 0 for row in rows("waits", recorded, *span))
+        for span in ([], ["--time", f"..{half}"], ["--time", f"{half}.."])
+    )
+    assert first > 0 and second > 0
+    assert abs(first + second - whole) <= 1e-6 * whole
+    assert rows("waits", recorded, "--time", "1000s..") == []
+
+
+def test_sorting_and_the_number_of_rows(recorded):
+    longest = [row["longestNs"] for row in rows("waits", recorded, "--sort", "longestNs")]
+    assert longest == sorted(longest, reverse=True)
+    names = [row["call"] for row in rows("waits", recorded, "--sort", "call")]
+    assert names == sorted(names)
+    assert len(rows("waits", recorded, "-n", "2")) == 2
+    assert "more; -n 0 shows all" in view("waits", recorded, "-n", "1")
+
+
+def test_one_lock_by_its_waiters(recorded):
+    waiters = rows("locks", recorded, "g_queueLock")
+    assert {row["thread"].split()[0] for row in waiters} == {f"worker-{i}" for i in range(1, 5)}
+    assert {row["lock"] for row in waiters} == {"g_queueLock"}
+    assert "waiting on average" in view("locks", recorded, "g_queue*")
+    result = qelix("locks", recorded, "g_noSuchLock")
+    assert result.returncode == 125 and "g_noSuchLock" in result.stderr
+
+
+def test_the_newest_session_is_meant_without_a_directory(recorded, tmp_path):
+    (tmp_path / "qelix-last").symlink_to(recorded)
+    for arguments in (["locks", "g_queueLock"], ["threads"], ["report"]):
+        result = qelix(*arguments, cwd=tmp_path)
+        assert result.returncode == 0 and "worker-" in result.stdout, result.stderr
+
+
+def test_a_circle_of_waits_is_told(session):
+    qelix("run", "--min", "pthread=0", "-o", session, "--", TRUTH, "deadlock")
+    blocked = {row["thread"].split()[0]: row for row in rows("blocked", session)}
+    assert blocked["forward"]["lock"] == "g_countLock" and blocked["reverse"]["lock"] == "g_queueLock"
+    assert blocked["forward"]["lastAcquirer"].startswith("reverse (")
+    (cycle,) = [note for note in json.loads(view("blocked", session, "--json"))["notes"] if "cycle" in note]
+    assert cycle.count("whose last seen acquirer is") == 2
+    screen = view("report", session)
+    assert "2 calls never returned" in screen and f"qelix blocked {session}" in screen
+
+
+def test_who_holds_a_lock_that_was_free_is_said_not_to_be_known(session):
+    qelix("run", "--min", "pthread=10s", "-o", session, "--", SUBJECT, "abandon")
+    text = view("blocked", session)
+    assert "g_mutex" in text and "--min pthread=0" in text and "cycle" not in text
+
+
+@pytest.mark.parametrize(
+    "arguments, part",
+    [
+        (["--time", "soon"], "FROM..TO"),
+        (["--time", "2s..1s"], "ends before it begins"),
+        (["--time", "1s..later"], "later"),
+        (["--class", "locks"], "the classes are pthread"),
+        (["--sort", "beauty"], "there are process, pid"),
+        (["--json", "--csv"], "exclude"),
+    ],
+)
+def test_what_cannot_be_understood_is_refused(recorded, arguments, part):
+    result = qelix("threads", recorded, *arguments)
+    assert result.returncode == 125 and part in result.stderr
+
+
+# ---- the screen ------------------------------------------------------------------------------------------
+
+
+def test_the_report_fits_a_screen_of_80_columns(recorded):
+    lines = view("report", recorded).splitlines()
+    assert len(lines) <= 45
+    assert all(len(line) <= 80 or "qelix " in line or str(recorded) in line for line in lines), lines
+    for heading in ("WHERE THE TIME WENT", "LOCKS YOU WAIT FOR", "READ THIS", "NEXT"):
+        assert any(line.startswith(heading) for line in lines), lines
+    wide = qelix("report", recorded, env={**os.environ, "COLUMNS": "132"}).stdout
+    assert max(map(len, wide.splitlines())) > 100
+
+
+def on_terminal(session, **environment):
+    parent, child = pty.openpty()
+    clean = {name: value for name, value in os.environ.items() if name not in ("NO_COLOR", "COLUMNS")}
+    process = subprocess.Popen([QELIX, "report", session], stdout=child, env={**clean, "TERM": "xterm", **environment})
+    os.close(child)
+    text = b""
+    try:
+        while piece := os.read(parent, 65536):
+            text += piece
+    except OSError:
+        pass  # the other end is closed
+    os.close(parent)
+    assert process.wait() == 0
+    return text.decode()
+
+
+def test_colours_are_for_terminals_that_want_them(recorded):
+    assert "\x1b[" in on_terminal(recorded)
+    assert "\x1b[" not in on_terminal(recorded, NO_COLOR="1")
+    assert "\x1b[" not in on_terminal(recorded, TERM="dumb")
+    assert "\x1b[" not in view("report", recorded)
