@@ -4,7 +4,7 @@ import dataclasses
 import statistics
 
 # unit -> digits behind the point
-UNITS = {"ns": 2, "us": 1, "ms": 3, "KiB": 1, "MiB": 1, "%": 3, "calls": 5, "M records/s": 2, "MB/s": 1}
+UNITS = {"ns": 2, "us": 1, "ms": 3, "s": 2, "KiB": 1, "MiB": 1, "%": 3, "calls": 5, "M records/s": 2, "MB/s": 1}
 
 
 @dataclasses.dataclass
