@@ -35,6 +35,16 @@ static inline __attribute__((always_inline)) int Outer(int value)
 {
     return Inner(value) + 5;
 }
+
+static inline __attribute__((always_inline)) int Lambda(int value)
+{
+    const auto add = [](int more) __attribute__((always_inline))
+    {
+        asm volatile(".globl subject_in_lambda\nsubject_in_lambda: nop\n nop" : "+r"(more));
+        return more + 7;
+    };
+    return add(value);
+}
 } // namespace subject
 
 static __attribute__((noinline)) int SubjectHidden(int value)
@@ -45,7 +55,7 @@ static __attribute__((noinline)) int SubjectHidden(int value)
 
 extern "C" __attribute__((noinline)) int SubjectInlining(int value)
 {
-    return subject::Outer(value) + SubjectHidden(value);
+    return subject::Outer(value) + subject::Lambda(value) + SubjectHidden(value);
 }
 
 // As libc returns from a signal handler.

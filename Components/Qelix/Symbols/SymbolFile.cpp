@@ -1,15 +1,13 @@
 #include "Symbols/SymbolFile.h"
 
+#include "Symbols/EntryNames.h"
+#include "Symbols/FunctionNames.h"
+
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <cstring>
-#include <cxxabi.h>
-#include <dwarf.h>
-#include <elfutils/libdw.h>
 #include <elfutils/libdwfl.h>
 #include <gelf.h>
-#include <tuple>
 
 namespace qelix
 {
@@ -20,14 +18,6 @@ constexpr uint64_t ZORV_PAGE = 4096;
 
 const Dwfl_Callbacks g_callbacks = {dwfl_build_id_find_elf, dwfl_standard_find_debuginfo,
                                     dwfl_offline_section_address, nullptr};
-
-struct Freer
-{
-    void operator()(void* pMemory) const
-    {
-        free(pMemory);
-    }
-};
 
 void ReadSegments(SymbolFile* pFile)
 {
@@ -53,152 +43,35 @@ void ReadSegments(SymbolFile* pFile)
     }
 }
 
-// Of the names of one address the plainest: write, not __write or write64.
-bool IsPlainer(const std::string& a, const std::string& b)
+uint32_t AddFunction(SymbolFile* pFile, std::string_view linkedName, Dwarf_Die* pEntry)
 {
-    const auto rank = [](const std::string& name)
-    { return std::tuple(name.find_first_not_of('_'), name.size(), std::string_view(name)); };
-    return rank(a) < rank(b);
+    FileFunction function{linkedName.empty() ? "?" : Demangled(linkedName)};
+    if (pEntry->addr != nullptr)
+    {
+        function.m_place = PlaceOfFunction(&pFile->m_debugInfo, pEntry);
+    }
+    pFile->m_functions.push_back(std::move(function));
+    return static_cast<uint32_t>(pFile->m_functions.size() - 1);
 }
 
-// Assembly has symbols without a size: they reach to the next one, or are mere labels inside a function.
-void SettleSymbols(std::vector<Symbol>* pSymbols)
+uint32_t FunctionOfEntry(SymbolFile* pFile, Dwarf_Die* pEntry)
 {
-    std::sort(pSymbols->begin(), pSymbols->end(),
-              [](const Symbol& a, const Symbol& b) {
-                  return a.m_address != b.m_address ? a.m_address < b.m_address : IsPlainer(a.m_name, b.m_name);
-              });
-    std::vector<Symbol> settled;
-    uint64_t end = 0; // of the functions so far
-    for (Symbol& symbol : *pSymbols)
+    const auto [at, isNew] = pFile->m_functionOfEntry.emplace(pEntry->addr, 0);
+    if (isNew)
     {
-        end = std::max(end, symbol.m_end);
-        if (symbol.m_end == symbol.m_address && symbol.m_address < end)
-        {
-            continue;
-        }
-        if (!settled.empty() && settled.back().m_address == symbol.m_address)
-        {
-            settled.back().m_end = std::max(settled.back().m_end, symbol.m_end);
-            continue;
-        }
-        settled.push_back(std::move(symbol));
+        at->second = AddFunction(pFile, NameOfFunction(pEntry), pEntry);
     }
-    for (std::size_t i = 0; i + 1 < settled.size(); ++i)
-    {
-        if (settled[i].m_end == settled[i].m_address)
-        {
-            settled[i].m_end = settled[i + 1].m_address;
-        }
-    }
-    *pSymbols = std::move(settled);
+    return at->second;
 }
 
-void ReadSymbols(SymbolFile* pFile)
+// One name for a function, with and without debug information: that of the symbol.
+uint32_t FunctionOfSymbol(SymbolFile* pFile, Symbol* pSymbol, Dwarf_Die* pEntry)
 {
-    const int count = dwfl_module_getsymtab(pFile->m_pModule);
-    for (int i = 1; i < count; ++i)
+    if (pSymbol->m_function == ZORV_NO_FUNCTION)
     {
-        GElf_Sym symbol;
-        GElf_Addr address = 0;
-        const char* pName =
-            dwfl_module_getsym_info(pFile->m_pModule, i, &symbol, &address, nullptr, nullptr, nullptr);
-        const int type = GELF_ST_TYPE(symbol.st_info);
-        const bool isCode =
-            type == STT_FUNC || type == STT_GNU_IFUNC || (type == STT_NOTYPE && symbol.st_size == 0);
-        if (pName == nullptr || *pName == '\0' || symbol.st_shndx == SHN_UNDEF || symbol.st_shndx == SHN_ABS ||
-            !isCode)
-        {
-            continue;
-        }
-        const uint64_t inFile = address - pFile->m_bias;
-        const std::string name = pName;
-        pFile->m_symbols.push_back(
-            {inFile, inFile + symbol.st_size, name.substr(0, name.find('@'))}); // its version
+        pSymbol->m_function = AddFunction(pFile, pSymbol->m_name, pEntry);
     }
-    SettleSymbols(&pFile->m_symbols);
-}
-
-// Of each compilation unit the addresses that it says it covers: the index that some compilers write is missing
-// from the files of others.
-void ReadUnits(SymbolFile* pFile)
-{
-    Dwarf_Addr bias;
-    if (dwfl_module_getdwarf(pFile->m_pModule, &bias) == nullptr)
-    {
-        return;
-    }
-    Dwarf_Die* pUnit = nullptr;
-    while ((pUnit = dwfl_module_nextcu(pFile->m_pModule, pUnit, &bias)) != nullptr)
-    {
-        Dwarf_Addr base;
-        Dwarf_Addr begin;
-        Dwarf_Addr end;
-        const uint64_t offset = dwarf_dieoffset(pUnit);
-        for (ptrdiff_t at = 0; (at = dwarf_ranges(pUnit, at, &base, &begin, &end)) > 0;)
-        {
-            const uint64_t shift = bias - pFile->m_bias;
-            pFile->m_ranges.push_back({begin + shift, end + shift, offset});
-        }
-    }
-    std::sort(pFile->m_ranges.begin(), pFile->m_ranges.end(),
-              [](const UnitRange& a, const UnitRange& b) { return a.m_begin < b.m_begin; });
-}
-
-std::string NameOfDie(Dwarf_Die* pDie)
-{
-    Dwarf_Attribute attribute;
-    const char* pName = nullptr;
-    for (const unsigned kind : {DW_AT_linkage_name, DW_AT_MIPS_linkage_name, DW_AT_name})
-    {
-        if (pName == nullptr && dwarf_attr_integrate(pDie, kind, &attribute) != nullptr)
-        {
-            pName = dwarf_formstring(&attribute);
-        }
-    }
-    return pName == nullptr ? "" : pName;
-}
-
-// The inlined functions that hold the address, innermost first; *pOuter becomes the name of the real one.
-std::vector<std::string> InlinedAt(const SymbolFile& file, uint64_t address, std::string* pOuter)
-{
-    std::vector<std::string> names;
-    const auto after =
-        std::upper_bound(file.m_ranges.begin(), file.m_ranges.end(), address,
-                         [](uint64_t value, const UnitRange& range) { return value < range.m_begin; });
-    if (after == file.m_ranges.begin() || address >= std::prev(after)->m_end)
-    {
-        return names;
-    }
-    Dwarf_Addr bias;
-    Dwarf* pDwarf = dwfl_module_getdwarf(file.m_pModule, &bias);
-    Dwarf_Die unit;
-    if (dwarf_offdie(pDwarf, std::prev(after)->m_dieOffset, &unit) == nullptr)
-    {
-        return names;
-    }
-    // The scopes at an address lead out of an inlined function to where it was written; those of its entry lead
-    // to where it was inlined.
-    Dwarf_Die* pAtAddress = nullptr;
-    const int countAtAddress = dwarf_getscopes(&unit, address + file.m_bias - bias, &pAtAddress);
-    const std::unique_ptr<Dwarf_Die, Freer> addressGuard(pAtAddress);
-    Dwarf_Die* pScopes = nullptr;
-    const int count = countAtAddress > 0 ? dwarf_getscopes_die(&pAtAddress[0], &pScopes) : 0;
-    const std::unique_ptr<Dwarf_Die, Freer> guard(pScopes);
-    for (int i = 0; i < count; ++i)
-    {
-        const int tag = dwarf_tag(&pScopes[i]);
-        if (tag == DW_TAG_inlined_subroutine)
-        {
-            names.push_back(NameOfDie(&pScopes[i]));
-        }
-        else if (tag == DW_TAG_subprogram)
-        {
-            *pOuter = NameOfDie(&pScopes[i]);
-            break; // what encloses it is where it was written, not what called it
-        }
-    }
-    return names;
+    return pSymbol->m_function;
 }
 
 } // namespace
@@ -225,8 +98,8 @@ std::unique_ptr<SymbolFile> OpenSymbolFile(const std::string& path)
     }
     pFile->m_isReadable = true;
     ReadSegments(pFile.get());
-    ReadSymbols(pFile.get());
-    ReadUnits(pFile.get());
+    pFile->m_symbols = ReadSymbols(pFile->m_pModule, pFile->m_bias);
+    pFile->m_debugInfo = OpenDebugInfo(pFile->m_pModule, pFile->m_bias);
     return pFile;
 }
 
@@ -242,40 +115,29 @@ uint64_t AddressInFile(const SymbolFile& file, uint64_t mappingSize, uint64_t of
     return file.m_segments.empty() ? offset : file.m_segments.front().m_address + offset;
 }
 
-const Symbol* FindSymbol(const SymbolFile& file, uint64_t address)
+std::vector<FileFrame> FramesAt(SymbolFile* pFile, uint64_t address)
 {
-    auto at = std::upper_bound(file.m_symbols.begin(), file.m_symbols.end(), address,
-                               [](uint64_t value, const Symbol& symbol) { return value < symbol.m_address; });
-    // A symbol may lie inside another one: a few steps back find the one that reaches here.
-    for (int steps = 0; steps < 8 && at != file.m_symbols.begin(); ++steps)
+    std::vector<DebugFrame> known = DebugFramesAt(&pFile->m_debugInfo, address);
+    Symbol* pSymbol = FindSymbol(&pFile->m_symbols, address);
+    if (pSymbol != nullptr && (known.empty() || known.back().m_isInlined))
     {
-        --at;
-        if (address == at->m_address || address < at->m_end)
+        known.push_back({});
+    }
+    std::vector<FileFrame> frames;
+    for (DebugFrame& frame : known)
+    {
+        const bool isReal = &frame == &known.back();
+        if (pSymbol != nullptr && isReal)
         {
-            return &*at;
+            frames.push_back(
+                {FunctionOfSymbol(pFile, pSymbol, &frame.m_function), frame.m_source, frame.m_line});
+        }
+        else if (frame.m_function.addr != nullptr)
+        {
+            frames.push_back({FunctionOfEntry(pFile, &frame.m_function), frame.m_source, frame.m_line});
         }
     }
-    return nullptr;
-}
-
-std::vector<std::string> FunctionsAt(const SymbolFile& file, uint64_t address)
-{
-    std::string outer;
-    std::vector<std::string> names = InlinedAt(file, address, &outer);
-    if (const Symbol* pSymbol = FindSymbol(file, address))
-    {
-        outer = pSymbol->m_name; // one name for a function, with and without debug information
-    }
-    if (outer.empty() && names.empty())
-    {
-        return names;
-    }
-    names.push_back(std::move(outer));
-    for (std::string& name : names)
-    {
-        name = name.empty() ? "?" : Demangled(name);
-    }
-    return names;
+    return frames;
 }
 
 bool IsSignalReturn(const SymbolFile& file, uint64_t address)
@@ -303,17 +165,6 @@ bool IsSignalReturn(const SymbolFile& file, uint64_t address)
                memcmp(pBytes + at, code.data(), code.size()) == 0;
     }
     return false;
-}
-
-std::string Demangled(const std::string& name)
-{
-    if (!name.starts_with("_Z"))
-    {
-        return name;
-    }
-    int status = 0;
-    const std::unique_ptr<char, Freer> pText(abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status));
-    return status == 0 && pText != nullptr ? pText.get() : name;
 }
 
 } // namespace qelix

@@ -1,12 +1,16 @@
 // The functions of one ELF file, by address in the file: its symbols (also those of a separate debug file,
 // found by build-id or link, and of an embedded one) and, from its debug information, the calls that were
-// inlined.
+// inlined, and the source lines.
 #pragma once
+
+#include "Symbols/DebugInfo.h"
+#include "Symbols/SymbolTable.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 struct Dwfl;
@@ -26,18 +30,18 @@ struct CodeSegment
     uint64_t m_size = 0;    // whole pages
 };
 
-struct Symbol
+struct FileFunction
 {
-    uint64_t m_address = 0;
-    uint64_t m_end = 0;
-    std::string m_name; // as linked
+    std::string m_name;  // demangled
+    SourcePlace m_place; // where it begins
 };
 
-struct UnitRange
+// One of the functions at an address.
+struct FileFrame
 {
-    uint64_t m_begin = 0;
-    uint64_t m_end = 0;
-    uint64_t m_dieOffset = 0;
+    uint32_t m_function = 0; // an index
+    uint32_t m_source = 0;   // of the line that is executed there: an index of the debug information's
+    uint32_t m_line = 0;     // 0: not known
 };
 
 struct SymbolFile
@@ -48,8 +52,10 @@ struct SymbolFile
     Dwfl_Module* m_pModule = nullptr;
     uint64_t m_bias = 0; // of the library's view of the module
     std::vector<CodeSegment> m_segments;
-    std::vector<Symbol> m_symbols;   // by address, the best name of each
-    std::vector<UnitRange> m_ranges; // of the compilation units, by address
+    std::vector<Symbol> m_symbols;
+    DebugInfo m_debugInfo;
+    std::vector<FileFunction> m_functions;                       // those that were asked for
+    std::unordered_map<const void*, uint32_t> m_functionOfEntry; // of the debug information
 };
 
 std::unique_ptr<SymbolFile> OpenSymbolFile(const std::string& path);
@@ -57,16 +63,11 @@ std::unique_ptr<SymbolFile> OpenSymbolFile(const std::string& path);
 // The file's address of what lies so far behind the start of a mapping of this size.
 uint64_t AddressInFile(const SymbolFile& file, uint64_t mappingSize, uint64_t offset);
 
-// Null when no function of the file holds the address.
-const Symbol* FindSymbol(const SymbolFile& file, uint64_t address);
-
-// The functions at an address, the innermost inlined one first, the one that really stands there last;
-// demangled. Empty when the file has no name for it.
-std::vector<std::string> FunctionsAt(const SymbolFile& file, uint64_t address);
+// The functions at an address, the innermost inlined one first, the one that really stands there last. Empty
+// when the file has no name for it.
+std::vector<FileFrame> FramesAt(SymbolFile* pFile, uint64_t address);
 
 // Is this how libc returns from a signal handler?
 bool IsSignalReturn(const SymbolFile& file, uint64_t address);
-
-std::string Demangled(const std::string& name);
 
 } // namespace qelix

@@ -11,15 +11,40 @@ namespace
 constexpr const char* ZORV_NO_MODULE = "[no module]";
 constexpr std::string_view g_unwindingModules[] = {"libZorUserModeTracingAgent.so", "libunwind.so"};
 
-uint32_t FunctionId(Symbolizer* pSymbolizer, std::string name, const std::string& module)
+uint32_t SourceId(Symbolizer* pSymbolizer, const std::string& path)
 {
-    const auto [at, isNew] = pSymbolizer->m_functionIds.emplace(
-        module + '\0' + name, static_cast<uint32_t>(pSymbolizer->m_functions.size()));
+    const auto [at, isNew] =
+        pSymbolizer->m_sourceIds.emplace(path, static_cast<uint32_t>(pSymbolizer->m_sources.size()));
     if (isNew)
     {
-        pSymbolizer->m_functions.push_back({std::move(name), module});
+        pSymbolizer->m_sources.push_back(path);
     }
     return at->second;
+}
+
+uint32_t FunctionId(Symbolizer* pSymbolizer, Function function)
+{
+    // Two files of one program may each have a function of the same name.
+    const auto [at, isNew] = pSymbolizer->m_functionIds.emplace(
+        function.m_module + '\0' + function.m_name + '\0' + function.m_source,
+        static_cast<uint32_t>(pSymbolizer->m_functions.size()));
+    if (isNew)
+    {
+        pSymbolizer->m_functions.push_back(std::move(function));
+    }
+    return at->second;
+}
+
+void AddFrame(Symbolizer* pSymbolizer, CodePlace* pPlace, const CodeLine& line)
+{
+    const auto [at, isNew] =
+        pSymbolizer->m_lineIds.emplace(line, static_cast<uint32_t>(pSymbolizer->m_lines.size()));
+    if (isNew)
+    {
+        pSymbolizer->m_lines.push_back(line);
+    }
+    pPlace->m_functions.push_back(line.m_function);
+    pPlace->m_lines.push_back(at->second);
 }
 
 bool IsUnwindingModule(const std::string& path)
@@ -35,48 +60,71 @@ bool IsUnwindingModule(const std::string& path)
     return false;
 }
 
-const SymbolFile& FileOf(Symbolizer* pSymbolizer, const std::string& path)
+uint32_t SourceInSession(Symbolizer* pSymbolizer, Module* pModule, uint32_t source)
 {
-    std::unique_ptr<SymbolFile>& pFile = pSymbolizer->m_files[path];
-    if (pFile == nullptr)
+    std::vector<uint32_t>& ids = pModule->m_sourceIds;
+    while (ids.size() <= source)
     {
-        pFile = OpenSymbolFile(path);
+        ids.push_back(SourceId(pSymbolizer, pModule->m_pFile->m_debugInfo.m_sources[ids.size()]));
     }
-    return *pFile;
+    return ids[source];
 }
 
-CodePlace LookUp(Symbolizer* pSymbolizer, const SymbolFile& file, uint64_t address)
+uint32_t FunctionInSession(Symbolizer* pSymbolizer, Module* pModule, uint32_t function)
 {
-    CodePlace place;
-    place.m_isUnwinding = IsUnwindingModule(file.m_path);
-    place.m_isSignalReturn = IsSignalReturn(file, address);
-    for (std::string& name : FunctionsAt(file, address))
+    const SymbolFile& file = *pModule->m_pFile;
+    std::vector<uint32_t>& ids = pModule->m_functionIds;
+    while (ids.size() <= function)
     {
-        place.m_functions.push_back(FunctionId(pSymbolizer, std::move(name), file.m_path));
+        const FileFunction& next = file.m_functions[ids.size()];
+        ids.push_back(
+            FunctionId(pSymbolizer, {next.m_name, file.m_path,
+                                     file.m_debugInfo.m_sources[next.m_place.m_source], next.m_place.m_line}));
+    }
+    return ids[function];
+}
+
+CodePlace LookUp(Symbolizer* pSymbolizer, Module* pModule, uint64_t address)
+{
+    SymbolFile* pFile = pModule->m_pFile.get();
+    CodePlace place;
+    place.m_isUnwinding = IsUnwindingModule(pFile->m_path);
+    place.m_isSignalReturn = IsSignalReturn(*pFile, address);
+    for (const FileFrame& frame : FramesAt(pFile, address))
+    {
+        AddFrame(pSymbolizer, &place,
+                 {FunctionInSession(pSymbolizer, pModule, frame.m_function),
+                  SourceInSession(pSymbolizer, pModule, frame.m_source), frame.m_line});
     }
     if (place.m_functions.empty())
     {
-        place.m_functions.push_back(
-            FunctionId(pSymbolizer, fmt::format("{}+{:#x}", ModuleName(file.m_path), address), file.m_path));
+        const std::string name = fmt::format("{}+{:#x}", ModuleName(pFile->m_path), address);
+        AddFrame(pSymbolizer, &place, {FunctionId(pSymbolizer, {name, pFile->m_path})});
     }
     return place;
 }
 
 const CodePlace& PlaceIn(Symbolizer* pSymbolizer, const Mapping& mapping, uint64_t address)
 {
-    const SymbolFile& file = FileOf(pSymbolizer, mapping.m_path);
-    const uint64_t inFile = AddressInFile(file, mapping.m_end - mapping.m_start, address - mapping.m_start);
-    std::unordered_map<uint64_t, CodePlace>& places = pSymbolizer->m_places[mapping.m_path];
-    const auto found = places.find(inFile);
-    return found != places.end() ? found->second
-                                 : places.emplace(inFile, LookUp(pSymbolizer, file, inFile)).first->second;
+    Module& module = pSymbolizer->m_modules[mapping.m_path];
+    if (module.m_pFile == nullptr)
+    {
+        module.m_pFile = OpenSymbolFile(mapping.m_path);
+    }
+    const uint64_t inFile =
+        AddressInFile(*module.m_pFile, mapping.m_end - mapping.m_start, address - mapping.m_start);
+    const auto found = module.m_places.find(inFile);
+    return found != module.m_places.end()
+               ? found->second
+               : module.m_places.emplace(inFile, LookUp(pSymbolizer, &module, inFile)).first->second;
 }
 
 const CodePlace& Nowhere(Symbolizer* pSymbolizer)
 {
     if (pSymbolizer->m_nowhere.m_functions.empty())
     {
-        pSymbolizer->m_nowhere.m_functions.push_back(FunctionId(pSymbolizer, ZORV_NO_MODULE, ZORV_NO_MODULE));
+        AddFrame(pSymbolizer, &pSymbolizer->m_nowhere,
+                 {FunctionId(pSymbolizer, {ZORV_NO_MODULE, ZORV_NO_MODULE})});
     }
     return pSymbolizer->m_nowhere;
 }
@@ -89,6 +137,12 @@ const CodePlace& FindPlace(ProcessSymbols* pProcess, uint64_t address, uint64_t 
 }
 
 } // namespace
+
+std::size_t CodeLineHash::operator()(const CodeLine& line) const
+{
+    const uint64_t place = uint64_t{line.m_source} << 32 | line.m_line;
+    return (place * 0x9E3779B97F4A7C15 ^ line.m_function) * 0x9E3779B97F4A7C15 >> 16;
+}
 
 ProcessSymbols SymbolsOf(Symbolizer* pSymbolizer, ModuleMap map)
 {

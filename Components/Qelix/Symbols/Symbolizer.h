@@ -2,6 +2,7 @@
 // the number of processes that have it mapped.
 #pragma once
 
+#include "Symbols/FunctionNames.h"
 #include "Symbols/ModuleMap.h"
 #include "Symbols/SymbolFile.h"
 
@@ -16,25 +17,54 @@ namespace qelix
 
 struct Function
 {
-    std::string m_name;   // demangled; "module+0x1234" where no symbol tells
-    std::string m_module; // the file's path, "[vdso]" and the like, or "[no module]"
+    std::string m_name;     // demangled; "module+0x1234" where no symbol tells
+    std::string m_module;   // the file's path, "[vdso]" and the like, or "[no module]"
+    std::string m_source{}; // the file it is written in; empty: not known
+    uint32_t m_line = 0;    // where it begins in there; 0: not known
+};
+
+// A function and the line in it that was executed.
+struct CodeLine
+{
+    uint32_t m_function = 0; // id
+    uint32_t m_source = 0;   // id of a file, which need not be the one the function begins in; 0: not known
+    uint32_t m_line = 0;     // 0: not known
+    bool operator==(const CodeLine&) const = default;
+};
+
+struct CodeLineHash
+{
+    std::size_t operator()(const CodeLine& line) const;
 };
 
 // What stands at one address.
 struct CodePlace
 {
     std::vector<uint32_t> m_functions; // ids; inlined ones first, the one that really stands there last
+    std::vector<uint32_t> m_lines;     // ids, one for each function
     bool m_isUnwinding = false;        // code of the agent or of its unwinder
     bool m_isSignalReturn = false;     // where libc returns from a signal handler
 };
 
+// One file and what was looked up in it.
+struct Module
+{
+    std::unique_ptr<SymbolFile> m_pFile;
+    std::unordered_map<uint64_t, CodePlace> m_places; // by address in the file
+    std::vector<uint32_t> m_functionIds;              // of the file's functions
+    std::vector<uint32_t> m_sourceIds;                // of the file's sources
+};
+
+// Ids are indexes.
 struct Symbolizer
 {
-    std::vector<Function> m_functions; // an id is an index
+    std::vector<Function> m_functions;
+    std::vector<CodeLine> m_lines;
+    std::vector<std::string> m_sources = {""}; // paths of source files
     std::unordered_map<std::string, uint32_t> m_functionIds;
-    std::unordered_map<std::string, std::unique_ptr<SymbolFile>> m_files;
-    std::unordered_map<std::string, std::unordered_map<uint64_t, CodePlace>>
-        m_places;        // by file and address in it
+    std::unordered_map<CodeLine, uint32_t, CodeLineHash> m_lineIds;
+    std::unordered_map<std::string, uint32_t> m_sourceIds = {{"", 0}};
+    std::unordered_map<std::string, Module> m_modules; // by path
     CodePlace m_nowhere; // code that belongs to no file, as compilers make it at run time
 };
 
