@@ -1,4 +1,5 @@
 // qelix: runs a program under the agent and reads what the agent wrote.
+#include "Commands/CommandLine.h"
 #include "Commands/Commands.h"
 #include "Session/Failure.h"
 
@@ -29,56 +30,34 @@ void PrintNote(const std::string& text)
 namespace
 {
 
-// Splits at the first "--" of `run`: the mark and what stands behind it.
-std::vector<std::string> TakeBehindMark(std::vector<std::string>* pArguments)
+void AddCommands(CLI::App* pApp, const std::vector<std::string>* pProgram, int* pStatus)
 {
-    const auto mark = std::find(pArguments->begin(), pArguments->end(), "--");
-    if (pArguments->empty() || pArguments->front() != "run" || mark == pArguments->end())
-    {
-        return {};
-    }
-    std::vector<std::string> behind(mark, pArguments->end());
-    pArguments->erase(mark, pArguments->end());
-    return behind;
+    pApp->require_subcommand(1);
+    pApp->set_version_flag("--version", "qelix " QELIX_VERSION);
+    pApp->add_option("--errors",
+                     "How failures are told: text, or json (one line with code, status, message, hint, path)")
+        ->type_name("=FORM");
+    AddRunCommand(pApp, pProgram, pStatus);
+    AddRecordCommand(pApp, pProgram, pStatus);
+    AddDumpCommand(pApp, pStatus);
+    AddReportCommand(pApp, pStatus);
+    AddViewCommands(pApp, pStatus);
+    AddExportCommand(pApp, pStatus);
 }
 
-// The library would only say that a command is required.
-void RequireCommand(const CLI::App& app, const std::vector<std::string>& arguments)
-{
-    const std::string first = arguments.empty() ? "" : arguments.front();
-    const auto commands = app.get_subcommands([](const CLI::App*) { return true; });
-    const bool isKnown = std::any_of(commands.begin(), commands.end(),
-                                     [&](const CLI::App* pCommand) { return pCommand->check_name(first); });
-    if (!first.starts_with('-') && !isKnown)
-    {
-        std::vector<std::string> names;
-        for (const CLI::App* pCommand : commands)
-        {
-            names.push_back(pCommand->get_name());
-        }
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "{}; the commands are {}: see qelix --help",
-                      first.empty() ? "a command is missing" : fmt::format("there is no command \"{}\"", first),
-                      fmt::join(names, ", "));
-    }
-}
-
-int Main(std::vector<std::string> arguments)
+int Execute(std::vector<std::string> arguments, bool* pIsJson)
 {
     int status = 0;
-    const std::vector<std::string> behindMark = TakeBehindMark(&arguments);
+    CommandLine line;
     CLI::App app("Where do the threads of a program wait, and where do they burn CPU?", "qelix");
-    app.require_subcommand(1);
-    app.set_version_flag("--version", "qelix " QELIX_VERSION);
-    AddRunCommand(&app, &behindMark, &status);
-    AddDumpCommand(&app, &status);
-    AddReportCommand(&app, &status);
-    AddViewCommands(&app, &status);
-    AddExportCommand(&app, &status);
-    RequireCommand(app, arguments);
-    std::reverse(arguments.begin(), arguments.end()); // CLI11 takes them from the back
+    AddCommands(&app, &line.m_program, &status);
+    line = SplitCommandLine(app, std::move(arguments));
+    *pIsJson = line.m_isJson;
+    RequireCommand(app, line);
+    std::reverse(line.m_own.begin(), line.m_own.end()); // CLI11 takes them from the back
     try
     {
-        app.parse(std::move(arguments));
+        app.parse(std::move(line.m_own));
     }
     catch (const CLI::ParseError& error)
     {
@@ -92,25 +71,43 @@ int Main(std::vector<std::string> arguments)
     return status;
 }
 
+void PrintFailure(const Failure& failure, bool isJson)
+{
+    if (isJson)
+    {
+        fprintf(stderr, "%s\n", FailureJson(failure).c_str());
+    }
+    else
+    {
+        PrintNote(failure.what());
+    }
+}
+
+int Main(std::vector<std::string> arguments)
+{
+    bool isJson = false;
+    try
+    {
+        return Execute(std::move(arguments), &isJson);
+    }
+    catch (const Failure& failure)
+    {
+        PrintFailure(failure, isJson);
+        return failure.m_status;
+    }
+    catch (const std::exception& failure)
+    {
+        PrintFailure(Failure(ZORV_STATUS_OWN_FAILURE, "{}", failure.what()), isJson);
+        return ZORV_STATUS_OWN_FAILURE;
+    }
+}
+
 } // namespace
 } // namespace qelix
 
 int main(int argc, char** argv)
 {
-    int status = qelix::ZORV_STATUS_OWN_FAILURE;
-    try
-    {
-        status = qelix::Main({argv + std::min(argc, 1), argv + argc});
-    }
-    catch (const qelix::Failure& failure)
-    {
-        qelix::PrintNote(failure.what());
-        status = failure.m_status;
-    }
-    catch (const std::exception& failure)
-    {
-        qelix::PrintNote(failure.what());
-    }
+    int status = qelix::Main({argv + std::min(argc, 1), argv + argc});
     // A full disk shows when the last bytes leave.
     if (fflush(stdout) != 0 && status == 0)
     {

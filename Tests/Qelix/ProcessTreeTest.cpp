@@ -90,22 +90,3 @@ TEST(ProcessTree, OfSeveralExecsTheLastOneCounts)
     { return pid == 11 && file == "/usr/bin/ls"; };
     EXPECT_TRUE(MakeProcessTree({}, ReadAgentLogs(folder.m_path), {10, 11}, hasMapped).m_unrecorded.empty());
 }
-
-TEST(SessionRecord, IsReadBackAndSurvivesDamage)
-{
-    const TestFolder folder;
-    const SessionRecord record{{"prog", "\xff"}, 77, 4'000'000, {{78, 77}}, 256};
-    ASSERT_TRUE(WriteSessionRecord(folder.m_path, record));
-    const SessionRecord read = ReadSessionRecord(folder.m_path);
-    EXPECT_EQ(read.m_command.at(0), "prog");
-    EXPECT_EQ(read.m_programPid, 77);
-    EXPECT_EQ(read.m_tickNs, 4'000'000u);
-    EXPECT_EQ(read.m_waitStatus, 256);
-    EXPECT_EQ(read.m_parentOf, record.m_parentOf);
-    for (const char* pText : {"", "{", "[]", "{\"version\": 2, \"pid\": 1}",
-                              "{\"version\": 1, \"processes\": [1, {\"pid\": \"x\"}], \"command\": 3}"})
-    {
-        folder.Write("session.json", std::string(pText));
-        EXPECT_EQ(ReadSessionRecord(folder.m_path).m_programPid, 0) << pText;
-    }
-}

@@ -7,6 +7,7 @@
 #include "Session/ProgramRun.h"
 #include "Session/ProgramSearch.h"
 #include "Session/SessionDirectory.h"
+#include "Session/Sizes.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -53,8 +54,11 @@ TEST(SessionDirectory, AFileInTheWayIsRefused)
 
 TEST(SessionDirectory, DefaultNameCanAlwaysBeConfigured)
 {
-    EXPECT_EQ(DefaultSessionName("/usr/bin/xz", 77), "qelix-xz-77");
-    EXPECT_EQ(DefaultSessionName("./a=b c\n", 77), "qelix-a_b_c_-77");
+    setenv("TZ", "UTC", 1);
+    tzset();
+    constexpr time_t start = 1'700'000'000;
+    EXPECT_EQ(DefaultSessionName("/usr/bin/xz", start, 77), "qelix-xz-20231114-221320-77");
+    EXPECT_EQ(DefaultSessionName("./a=b c\n", start, 77), "qelix-a_b_c_-20231114-221320-77");
 }
 
 TEST(ControlBlock, Has64ZeroBytesForItsOwnerAloneAndIsRemoved)
@@ -89,7 +93,7 @@ TEST(LauncherStandIn, DiesInOurPlaceAndIsReaped)
 {
     pid_t pid;
     {
-        const LauncherStandIn standIn;
+        const LauncherStandIn standIn("/nonexistent", "");
         pid = standIn.m_pid;
         EXPECT_GT(pid, 1);
         EXPECT_NE(pid, getpid());
@@ -99,9 +103,75 @@ TEST(LauncherStandIn, DiesInOurPlaceAndIsReaped)
     EXPECT_EQ(errno, ESRCH);
 }
 
+TEST(ControlBlock, APauseHasAnIdOfItsOwn)
+{
+    const ControlBlock block;
+    const auto pauseId = [&block]
+    {
+        uint64_t id = 0;
+        const int fd = shm_open(block.m_name.c_str(), O_RDONLY, 0);
+        EXPECT_EQ(pread(fd, &id, sizeof(id), 8), 8);
+        close(fd);
+        return id;
+    };
+    EXPECT_EQ(CollectionStateOf(block.m_name), ZORV_COLLECTION_RUNNING);
+    EXPECT_EQ(PauseCollection(block.m_name), ZORV_COLLECTION_RUNNING);
+    EXPECT_EQ(CollectionStateOf(block.m_name), ZORV_COLLECTION_PAUSED);
+    const uint64_t first = pauseId();
+    EXPECT_NE(first, 0u);
+    EXPECT_EQ(PauseCollection(block.m_name), ZORV_COLLECTION_PAUSED);
+    EXPECT_EQ(pauseId(), first) << "the pause that is on goes on";
+    EXPECT_EQ(ResumeCollection(block.m_name), ZORV_COLLECTION_PAUSED);
+    EXPECT_EQ(CollectionStateOf(block.m_name), ZORV_COLLECTION_RUNNING);
+    PauseCollection(block.m_name);
+    EXPECT_NE(pauseId(), first) << "a call from one pause to the next has run in between";
+    EXPECT_EQ(StopCollection(block.m_name), ZORV_COLLECTION_PAUSED);
+    EXPECT_EQ(ResumeCollection(block.m_name), ZORV_COLLECTION_STOPPED);
+    EXPECT_EQ(CollectionStateOf(block.m_name), ZORV_COLLECTION_STOPPED);
+}
+
+TEST(ControlBlock, OnlyABlockOfOursIsSteered)
+{
+    const std::string foreign = "/zorv-test-" + std::to_string(getpid());
+    const std::string shorter = "/qelix-" + std::to_string(getpid()) + "-0";
+    for (const std::string& name : {foreign, shorter})
+    {
+        const int fd = shm_open(name.c_str(), O_RDWR | O_CREAT, 0600);
+        ASSERT_EQ(ftruncate(fd, name == foreign ? 64 : 63), 0);
+        close(fd);
+        EXPECT_FALSE(CollectionStateOf(name)) << name;
+        EXPECT_THROW(PauseCollection(name), Failure) << name;
+    }
+    RemoveControlBlock(foreign);
+    EXPECT_EQ(shm_unlink(foreign.c_str()), 0) << "it was not ours to remove";
+    RemoveControlBlock(shorter);
+    EXPECT_EQ(shm_unlink(shorter.c_str()), -1);
+    for (const char* pName : {"", "/", "/qelix-", "/qelix-../../etc/passwd", "qelix-1"})
+    {
+        EXPECT_THROW(StopCollection(pName), Failure) << pName;
+    }
+}
+
+TEST(Sizes, AreReadAndWritten)
+{
+    EXPECT_EQ(ParseSize("4096"), 4096u);
+    EXPECT_EQ(ParseSize("500K"), 500u << 10);
+    EXPECT_EQ(ParseSize("20MiB"), 20u << 20);
+    EXPECT_EQ(ParseSize("2GB"), uint64_t{2} << 30);
+    EXPECT_EQ(ParseSize("7B"), 7u);
+    for (const char* pText :
+         {"", "M", "-1", "1.5G", "1X", "7iB", "1KK", "99999999999999999999", "99999999999T"})
+    {
+        EXPECT_FALSE(ParseSize(pText)) << pText;
+    }
+    EXPECT_EQ(SizeText(1023), "1023 B");
+    EXPECT_EQ(SizeText(1536), "1.5 KiB");
+    EXPECT_EQ(SizeText(uint64_t{5} << 40), "5.0 TiB");
+}
+
 TEST(LauncherStandIn, OnlySigkillEndsIt)
 {
-    const LauncherStandIn standIn;
+    const LauncherStandIn standIn("/nonexistent", "");
     kill(standIn.m_pid, SIGTERM);
     kill(standIn.m_pid, SIGINT);
     usleep(20000); // time for a signal to end it

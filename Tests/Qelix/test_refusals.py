@@ -90,7 +90,7 @@ def test_an_allocator_that_cannot_be_traced(tmp_path):
     message = refused(tmp_path, "true", env=environment)
     assert "libjemalloc.so in LD_PRELOAD" in message and "take it out" in message
     session = tmp_path / "session"
-    result = qelix("run", "-o", session, "--sample", "--min", "all=off", "--", "true", env=environment)
+    result = qelix("run", "-o", session, "--min", "all=off", "--", "true", env=environment)
     assert result.returncode == 0, "only sampled, it is no hindrance"
 
 

@@ -1,4 +1,4 @@
-"""`qelix run --sample`: shares of a known split of work, hidden frames, folded stacks, refusals."""
+"""The samples of `qelix run`: shares of a known split of work, hidden frames, folded stacks, refusals."""
 
 import os
 import re
@@ -13,7 +13,7 @@ SPLIT = ["WorkSixty", "WorkThirty", "WorkTen"]
 
 
 def sample(session, *command, options=()):
-    result = qelix("run", "--sample", *options, "-o", session, "--", *command)
+    result = qelix("run", *options, "-o", session, "--", *command)
     assert result.returncode == 0, result.stderr
     return result, report(session)
 
@@ -52,8 +52,8 @@ def test_both_kinds_of_collection_go_together(session):
     assert "WHERE CPU GOES" in result.stderr and "pthread_join" in full_text(session)
 
 
-def test_without_it_nothing_is_sampled(session):
-    qelix("run", "-o", session, "--", SUBJECT, "burn", "50", "1")
+def test_told_so_nothing_is_sampled(session):
+    qelix("run", "--no-sample", "-o", session, "--", SUBJECT, "burn", "50", "1")
     assert report(session)["cpu"]["samples"] == 0
     assert "SAMPLING" not in (session / "agent.conf").read_text()
     assert not list((session / "sample").iterdir())
@@ -105,7 +105,7 @@ def test_export_refuses_what_it_cannot_do(session):
 
 
 def test_the_configuration_says_what_was_asked_for(session):
-    sample(session, "true", options=["--depth", "17", "--signal", "50"])
+    sample(session, "true", options=["--stacks=17", "--signal", "50"])
     lines = (session / "agent.conf").read_text().splitlines()
     assert "QELIX_ENABLE_SAMPLING=1" in lines
     assert "QELIX_CALLSTACK_COLLECTION=1" in lines
@@ -118,29 +118,32 @@ def test_the_kernels_tick_is_the_default_and_the_floor(tmp_path, session):
     tick = round(time.clock_getres(6) * 1e9)  # CLOCK_MONOTONIC_COARSE
     _, facts = sample(session, "true")
     assert f"QELIX_TIMER_INTERVAL={tick}\n" in (session / "agent.conf").read_text()
-    result = qelix("run", "--sample=1us", "--", "true", cwd=tmp_path)
-    assert result.returncode == 125
-    assert "tick" in result.stderr and "--force" in result.stderr
+    for options in (["-i", "1us"], ["--interval=1us"], ["-F", "100000"]):
+        result = qelix("run", *options, "--", "true", cwd=tmp_path)
+        assert result.returncode == 125
+        assert "tick" in result.stderr and "--force" in result.stderr
     forced = tmp_path / "forced"
-    assert qelix("run", "--sample=1us", "--force", "-o", forced, "--", SUBJECT, "burn", "50", "1").returncode == 0
+    assert qelix("run", "-i", "1us", "--force", "-o", forced, "--", SUBJECT, "burn", "50", "1").returncode == 0
     assert report(forced)["cpu"]["periodNs"] == tick
-    longer = tmp_path / "longer"
-    assert qelix("run", "--sample=50ms", "-o", longer, "--", "true").returncode == 0
-    assert report(longer)["cpu"]["periodNs"] == 50_000_000
+    for name, options in [("longer", ["-i", "50ms"]), ("rarer", ["-F", "20"])]:
+        assert qelix("run", *options, "-o", tmp_path / name, "--", "true").returncode == 0
+        assert report(tmp_path / name)["cpu"]["periodNs"] == 50_000_000
 
 
 @pytest.mark.parametrize(
     "arguments, part",
     [
-        (["--sample=soon"], "no interval"),
-        (["--sample=0"], "no interval"),
-        (["--sample", "--signal", "9"], "no handler"),
-        (["--sample", "--signal", "33"], "no handler"),
-        (["--sample", "--signal", "65"], "no handler"),
-        (["--sample", "--depth", "0"], "--depth"),
-        (["--signal", "50"], "add --sample"),
-        (["--events", "cycles"], "add --sample"),
-        (["--sample", "--events", "no-such-event", "--force"], "no-such-event"),
+        (["-i", "soon"], "no interval"),
+        (["-i", "0"], "no interval"),
+        (["-F", "0"], "--frequency"),
+        (["-F", "100", "-i", "10ms"], "excludes"),
+        (["--signal", "9"], "no handler"),
+        (["--signal", "33"], "no handler"),
+        (["--signal", "65"], "no handler"),
+        (["--stacks=0"], "--stacks"),
+        (["--no-sample", "--signal", "50"], "is for samples"),
+        (["--no-sample", "-e", "cycles"], "is for samples"),
+        (["--events", "no-such-event", "--force"], "no-such-event"),
     ],
 )
 def test_what_cannot_work_is_refused_before_the_program_starts(tmp_path, arguments, part):
@@ -152,11 +155,28 @@ def test_what_cannot_work_is_refused_before_the_program_starts(tmp_path, argumen
 
 @pytest.mark.skipif(os.path.exists("/sys/bus/event_source/devices/cpu"), reason="this machine has counters")
 def test_events_without_counters_are_refused(tmp_path):
-    result = qelix("run", "--sample", "--events", "cycles", "--", "true", cwd=tmp_path)
+    result = qelix("run", "--events", "cycles", "--", "true", cwd=tmp_path)
     assert result.returncode == 125
     assert "counters" in result.stderr and "leave --events out" in result.stderr
 
 
-def test_the_word_behind_a_bare_sample_is_the_program(session):
-    result = qelix("run", "-o", session, "--sample", "echo", "--sample=1")
-    assert result.stdout == "--sample=1\n"
+def test_the_word_behind_a_flag_is_the_program(session):
+    result = qelix("run", "-o", session, "-g", "echo", "--stacks=1")
+    assert result.stdout == "--stacks=1\n"
+
+
+def test_the_earlier_names_of_the_options_still_work(session):
+    assert qelix("run", "--sample=40ms", "--depth", "9", "-o", session, "--", "true").returncode == 0
+    lines = (session / "agent.conf").read_text().splitlines()
+    assert "QELIX_TIMER_INTERVAL=40000000" in lines and "QELIX_CALLSTACK_DEPTH=9" in lines
+
+
+def test_without_an_unwinder_the_program_runs_unsampled_with_a_note(tmp_path, session):
+    (tmp_path / "libunwind.so.8").write_text("no library")
+    environment = {**os.environ, "LD_LIBRARY_PATH": str(tmp_path)}
+    result = qelix("run", "-o", session, "--", "sh", "-c", "exit 6", env=environment)
+    assert result.returncode == 6
+    assert "no samples: call stacks need libunwind" in result.stderr and "libunwind8" in result.stderr
+    assert "SAMPLING" not in (session / "agent.conf").read_text()
+    result = qelix("run", "--min", "all=off", "--", "touch", "started", env=environment, cwd=tmp_path)
+    assert result.returncode == 125 and not (tmp_path / "started").exists()

@@ -13,8 +13,9 @@ class App;
 namespace qelix
 {
 
-// Behind the first "--" of the command line, that mark included, nothing is an option of ours.
-void AddRunCommand(CLI::App* pApp, const std::vector<std::string>* pBehindMark, int* pStatus);
+// The program and its arguments are there when the command line has been parsed.
+void AddRunCommand(CLI::App* pApp, const std::vector<std::string>* pProgram, int* pStatus);
+void AddRecordCommand(CLI::App* pApp, const std::vector<std::string>* pProgram, int* pStatus);
 void AddDumpCommand(CLI::App* pApp, int* pStatus);
 void AddReportCommand(CLI::App* pApp, int* pStatus);
 void AddViewCommands(CLI::App* pApp, int* pStatus); // threads, locks, waits, io, blocked

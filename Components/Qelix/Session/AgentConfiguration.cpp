@@ -18,6 +18,8 @@ namespace
 constexpr const char* ZORV_INTERVAL_KEY = "QELIX_TIMER_INTERVAL";
 constexpr const char* ZORV_DEPTH_KEY = "QELIX_CALLSTACK_DEPTH";
 
+constexpr int64_t ZORV_RANK_TOO_LARGE = -1;
+
 // The agent builds its file names in 4096 bytes: the path, a folder, and a name with host, thread and process.
 constexpr std::size_t ZORV_LONGEST_PATH = 3500;
 
@@ -84,6 +86,11 @@ std::string ConfigurationText(const AgentSettings& settings)
     }
     add("QELIX_PROFILE_CHILDREN", settings.m_profileChildren ? 1 : 0);
     add("QELIX_LAUNCH_PROCESS_ID", settings.m_launcherPid);
+    if (settings.m_rank)
+    {
+        // Its place in the files has 16 bits; session.json has the whole number.
+        add("QELIX_MPI_RANK_ID", *settings.m_rank <= INT16_MAX ? *settings.m_rank : ZORV_RANK_TOO_LARGE);
+    }
     if (IsAnyClassOn(settings.m_thresholds))
     {
         add("QELIX_UMT_DIR", TraceFolder(settings.m_sessionPath));

@@ -25,13 +25,14 @@ struct SampleSettings
 
 struct AgentSettings
 {
-    std::string m_sessionPath;
+    std::string m_sessionPath; // one without '='
     std::string m_agentPath;
     std::string m_blockName; // of the controller's shared memory
-    pid_t m_launcherPid = 0; // the agent kills it after it has written an error code
+    pid_t m_launcherPid = 0; // the agent kills it after it has written an error code; 0: nobody
     Thresholds m_thresholds = DefaultThresholds();
     bool m_profileChildren = true;
     std::optional<SampleSettings> m_sampling;
+    std::optional<int64_t> m_rank; // in a parallel job
 };
 
 // Fails when the agent could not read the path back from its configuration. pWhat names the path for the

@@ -1,8 +1,10 @@
-// A failure that ends the command: what to tell the user, and the status to leave with.
+// A failure that ends the command: what to tell the user, and the status to leave with. Its text says what is
+// wrong, then "; " and what to do about it; FailureJson takes the two apart there.
 #pragma once
 
 #include <fmt/format.h>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 namespace qelix
@@ -22,7 +24,18 @@ struct Failure : std::runtime_error
     {
     }
 
+    // The file or directory that it is about: throw Failure(...).At(path).
+    Failure&& At(std::string path) &&
+    {
+        m_path = std::move(path);
+        return std::move(*this);
+    }
+
     int m_status;
+    std::string m_path;
 };
+
+// One line of JSON with code, status, message, hint and path; what is not known is null.
+std::string FailureJson(const Failure& failure);
 
 } // namespace qelix

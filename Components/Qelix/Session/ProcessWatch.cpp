@@ -17,20 +17,6 @@ namespace qelix
 namespace
 {
 
-// 0 when the process is gone.
-pid_t ParentOf(pid_t pid)
-{
-    std::ifstream file(fmt::format("/proc/{}/stat", pid));
-    std::string line;
-    std::getline(file, line);
-    // The name in parentheses may hold blanks and parentheses itself.
-    const std::size_t nameEnd = line.rfind(')');
-    constexpr std::size_t toParent = sizeof(") S ") - 1;
-    return nameEnd == std::string::npos || line.size() < nameEnd + toParent
-               ? 0
-               : static_cast<pid_t>(strtol(line.c_str() + nameEnd + toParent, nullptr, 10));
-}
-
 void NoteProcesses(ProcessWatch* pWatch, const char* pEvents, std::size_t size)
 {
     for (std::size_t at = 0; at + sizeof(inotify_event) <= size;)
@@ -68,6 +54,19 @@ void Watch(ProcessWatch* pWatch)
 }
 
 } // namespace
+
+pid_t ParentOf(pid_t pid)
+{
+    std::ifstream file(fmt::format("/proc/{}/stat", pid));
+    std::string line;
+    std::getline(file, line);
+    // The name in parentheses may hold blanks and parentheses itself.
+    const std::size_t nameEnd = line.rfind(')');
+    constexpr std::size_t toParent = sizeof(") S ") - 1;
+    return nameEnd == std::string::npos || line.size() < nameEnd + toParent
+               ? 0
+               : static_cast<pid_t>(strtol(line.c_str() + nameEnd + toParent, nullptr, 10));
+}
 
 pid_t PidInFileName(const std::string& path)
 {

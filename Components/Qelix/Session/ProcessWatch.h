@@ -28,6 +28,9 @@ struct ProcessWatch
     std::thread m_thread;
 };
 
+// The process that started this one, or has taken it over; 0 when it is gone.
+pid_t ParentOf(pid_t pid);
+
 // The id at the end of a name that an agent gave to one of its files, "..._PID.EXTENSION"; 0 when there is
 // none.
 pid_t PidInFileName(const std::string& path);

@@ -219,7 +219,7 @@ void RequireTraceable(const std::string& path)
 {
     if (const std::string reason = UntraceableReason(path); !reason.empty())
     {
-        throw Failure(ZORV_STATUS_NOT_STARTED, "cannot trace {}: it {}", path, reason);
+        throw Failure(ZORV_STATUS_NOT_STARTED, "cannot trace {}: it {}", path, reason).At(path);
     }
 }
 
@@ -230,7 +230,7 @@ void RequireTraceablePreloads(const char* pPreloads)
         throw Failure(
             ZORV_STATUS_NOT_STARTED,
             "cannot trace with libjemalloc.so in LD_PRELOAD, which is {}: take it out, or only sample "
-            "(--sample --min all=off)",
+            "(--min all=off)",
             pPreloads);
     }
 }

@@ -5,10 +5,13 @@
 #include "Session/SessionDirectory.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -67,6 +70,17 @@ int ReadStartError(int errorPipe)
 {
     throw Failure(ZORV_STATUS_OWN_FAILURE, "cannot start {}: {}; check the limits on processes and open files",
                   what, strerror(error));
+}
+
+int WaitForSignal(const SignalGuard& guard, const std::optional<uint64_t>& atMostNs, siginfo_t* pInfo)
+{
+    if (!atMostNs)
+    {
+        return sigwaitinfo(&guard.m_guarded, pInfo);
+    }
+    constexpr uint64_t second = 1'000'000'000;
+    const timespec atMost = {static_cast<time_t>(*atMostNs / second), static_cast<long>(*atMostNs % second)};
+    return sigtimedwait(&guard.m_guarded, pInfo, &atMost);
 }
 
 // A terminal sends its signals to every process of the foreground group, the program included.
@@ -155,14 +169,15 @@ pid_t StartProgram(const ProgramStart& start, const SignalGuard& guard)
                   isMissing ? "; check the interpreter that its first line or its header names" : "");
 }
 
-int WaitForProgram(pid_t program, const SignalGuard& guard)
+int WaitForProgram(pid_t program, const SignalGuard& guard, const Besides& besides)
 {
     for (;;)
     {
         siginfo_t info;
-        const int signal = sigwaitinfo(&guard.m_guarded, &info);
+        const int signal = WaitForSignal(guard, besides(), &info);
         int status;
-        if (signal == SIGCHLD && waitpid(program, &status, WNOHANG) == program)
+        // Any child's end may hide that of the program: signals of one kind do not queue.
+        if ((signal == SIGCHLD || signal < 0) && waitpid(program, &status, WNOHANG) == program)
         {
             return status;
         }
@@ -171,6 +186,23 @@ int WaitForProgram(pid_t program, const SignalGuard& guard)
             kill(program, signal);
         }
     }
+}
+
+void DieOfSignal(int signal)
+{
+    fflush(nullptr);
+    const rlimit none = {};
+    setrlimit(RLIMIT_CORE, &none);
+    prctl(PR_SET_DUMPABLE, 0); // a limit does not hold back a core that goes into a pipe
+    struct sigaction plain = {};
+    plain.sa_handler = SIG_DFL;
+    sigaction(signal, &plain, nullptr);
+    sigset_t only;
+    sigemptyset(&only);
+    sigaddset(&only, signal);
+    sigprocmask(SIG_UNBLOCK, &only, nullptr);
+    kill(getpid(), signal);
+    _exit(ZORV_STATUS_SIGNAL_OFFSET + signal); // as the first process of a container we are not killed
 }
 
 } // namespace qelix

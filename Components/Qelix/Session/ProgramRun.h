@@ -2,6 +2,9 @@
 #pragma once
 
 #include <csignal>
+#include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -36,7 +39,15 @@ struct ProgramStart
 // Fails with status 126 or 127 when the kernel refuses the program.
 pid_t StartProgram(const ProgramStart& start, const SignalGuard& guard);
 
-// Forwards signals until the program has ended; its status as waitpid(2) gives it.
-int WaitForProgram(pid_t program, const SignalGuard& guard);
+// Does what is due beside the program, and says in how many nanoseconds it wants to be called again at the
+// latest; nothing: it has no wish.
+using Besides = std::function<std::optional<uint64_t>()>;
+
+// Forwards signals until the program has ended; its status as waitpid(2) gives it. Calls besides after each
+// signal and child's end as well.
+int WaitForProgram(pid_t program, const SignalGuard& guard, const Besides& besides);
+
+// Ends this process as the program was ended, without a core file of our own.
+[[noreturn]] void DieOfSignal(int signal);
 
 } // namespace qelix

@@ -39,7 +39,8 @@ int ExecutionError(const std::string& path)
 [[noreturn]] void ThrowCannotRun(const std::string& path, int error)
 {
     throw Failure(ZORV_STATUS_NOT_STARTED, "cannot run {}: {}; check that it is a program and may be executed",
-                  path, strerror(error));
+                  path, strerror(error))
+        .At(path);
 }
 
 bool IsMissing(int error)
@@ -52,7 +53,7 @@ std::string FindByPath(const std::string& path)
     const int error = ExecutionError(path);
     if (IsMissing(error))
     {
-        throw Failure(ZORV_STATUS_NOT_FOUND, "there is no program {}; check the path", path);
+        throw Failure(ZORV_STATUS_NOT_FOUND, "there is no program {}; check the path", path).At(path);
     }
     if (error != 0)
     {

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fmt/chrono.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -14,12 +16,15 @@ namespace qelix
 namespace
 {
 
+constexpr const char* ZORV_NEWEST_LINK = "qelix-last";
+
 constexpr const char* g_folders[] = {".log", ".error", "trace", "sample", "metadata"};
 
 [[noreturn]] void ThrowNotMade(const std::string& path, const std::string& why)
 {
     throw Failure(ZORV_STATUS_OWN_FAILURE,
-                  "cannot make the session directory {}: {}; choose another with -o DIR", path, why);
+                  "cannot make the session directory {}: {}; choose another with -o DIR", path, why)
+        .At(path);
 }
 
 void MakeFolder(const fs::path& path)
@@ -36,6 +41,35 @@ bool IsUsedAlready(const std::string& path)
 {
     std::error_code error;
     return fs::exists(path, error) && !(fs::is_directory(path, error) && fs::is_empty(path, error));
+}
+
+std::string AbsolutePath(const std::string& path)
+{
+    std::error_code error;
+    std::string absolute = fs::absolute(path, error).lexically_normal();
+    if (error)
+    {
+        ThrowNotMade(path, error.message());
+    }
+    if (absolute.ends_with('/'))
+    {
+        absolute.pop_back();
+    }
+    return absolute;
+}
+
+void MakeFolders(SessionDirectory* pSession)
+{
+    if (IsUsedAlready(pSession->m_path))
+    {
+        ThrowNotMade(pSession->m_path, "it is there already and not an empty directory");
+    }
+    std::error_code error;
+    pSession->m_isMade = !fs::exists(pSession->m_path, error);
+    for (const char* pFolder : g_folders)
+    {
+        MakeFolder(fs::path(pSession->m_path) / pFolder);
+    }
 }
 
 } // namespace
@@ -75,34 +109,66 @@ std::string RecordFilePath(const std::string& session)
     return session + "/session.json";
 }
 
-std::string DefaultSessionName(const std::string& program, pid_t pid)
+std::string DefaultSessionName(const std::string& program, time_t start, pid_t pid)
 {
     std::string name = fs::path(program).filename();
     std::replace_if(
         name.begin(), name.end(), [](char c) { return c == '=' || static_cast<unsigned char>(c) <= ' '; }, '_');
-    return fmt::format("qelix-{}-{}", name, pid);
+    tm local = {};
+    localtime_r(&start, &local);
+    return fmt::format("qelix-{}-{:%Y%m%d-%H%M%S}-{}", name, local, pid);
 }
 
 SessionDirectory MakeSessionDirectory(const std::string& path)
 {
+    SessionDirectory session;
+    session.m_path = AbsolutePath(path);
+    RequireConfigurablePath("session directory", session.m_path, "choose another with -o DIR");
+    session.m_configPath = session.m_path;
+    session.m_newest = session.m_path;
+    MakeFolders(&session);
+    return session;
+}
+
+SessionDirectory MakeRankDirectory(const std::string& job, int64_t rank)
+{
+    SessionDirectory session;
+    session.m_newest = AbsolutePath(job);
+    RequireConfigurablePath("job's directory", session.m_newest, "choose another with -o DIR");
+    session.m_path = fmt::format("{}/rank={}", session.m_newest, rank);
+    // A configured value ends at its next '=': the agent gets there by a link without one.
+    session.m_configPath = fmt::format("{}/.rank-{}", session.m_newest, rank);
+    MakeFolders(&session);
     std::error_code error;
-    const std::string absolute = fs::absolute(path, error).lexically_normal();
+    fs::remove(session.m_configPath, error);
+    fs::create_directory_symlink(fs::path(session.m_path).filename(), session.m_configPath, error);
     if (error)
     {
-        ThrowNotMade(path, error.message());
-    }
-    SessionDirectory session{absolute.ends_with('/') ? absolute.substr(0, absolute.size() - 1) : absolute};
-    RequireConfigurablePath("session directory", session.m_path, "choose another with -o DIR");
-    if (IsUsedAlready(session.m_path))
-    {
-        ThrowNotMade(session.m_path, "it is there already and not an empty directory");
-    }
-    session.m_isMade = !fs::exists(session.m_path, error);
-    for (const char* pFolder : g_folders)
-    {
-        MakeFolder(fs::path(session.m_path) / pFolder);
+        ThrowNotMade(session.m_configPath, error.message());
     }
     return session;
+}
+
+void LinkNewest(const SessionDirectory& session)
+{
+    const fs::path target = session.m_newest;
+    const fs::path link = target.parent_path() / ZORV_NEWEST_LINK;
+    const fs::path newLink = target.parent_path() / fmt::format(".{}-{}", ZORV_NEWEST_LINK, getpid());
+    std::error_code error;
+    if (fs::exists(fs::symlink_status(link, error)) && !fs::is_symlink(link, error))
+    {
+        return;
+    }
+    fs::create_directory_symlink(target.filename(), newLink, error);
+    if (error)
+    {
+        return; // a file system without links: the session is complete all the same
+    }
+    fs::rename(newLink, link, error);
+    if (error)
+    {
+        fs::remove(newLink, error);
+    }
 }
 
 void RemoveSessionDirectory(const SessionDirectory& session)
@@ -117,6 +183,10 @@ void RemoveSessionDirectory(const SessionDirectory& session)
     if (session.m_isMade)
     {
         fs::remove(session.m_path, ignored);
+    }
+    if (session.m_configPath != session.m_path)
+    {
+        fs::remove(session.m_configPath, ignored);
     }
 }
 

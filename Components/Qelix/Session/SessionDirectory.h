@@ -1,6 +1,8 @@
 // One run of a program is one directory; this is how it is laid out.
 #pragma once
 
+#include <cstdint>
+#include <ctime>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -10,8 +12,11 @@ namespace qelix
 
 struct SessionDirectory
 {
-    std::string m_path;    // absolute
-    bool m_isMade = false; // it was not there before
+    std::string m_path;       // absolute
+    bool m_isMade = false;    // it was not there before
+    std::string m_configPath; // the same directory by a path that the agent's configuration can hold
+    std::string
+        m_newest; // what "qelix-last" beside it shall name: the session, or the job that it is a rank of
 };
 
 std::string LogFolder(const std::string& session);      // the agent's log, a file a process
@@ -22,11 +27,18 @@ std::string MetadataFolder(const std::string& session); // .meta files
 std::string ConfigurationFile(const std::string& session);
 std::string RecordFilePath(const std::string& session); // what qelix notes of the run
 
-// "qelix-PROGRAM-PID"; what a configured path cannot hold is replaced in the program's name.
-std::string DefaultSessionName(const std::string& program, pid_t pid);
+// "qelix-PROGRAM-DATE-TIME-PID", local time; what a configured path cannot hold is replaced in the program's
+// name.
+std::string DefaultSessionName(const std::string& program, time_t start, pid_t pid);
 
 // Makes the directory and its folders. A directory that holds anything is refused: sessions are never mixed.
 SessionDirectory MakeSessionDirectory(const std::string& path);
+
+// "JOB/rank=N", one of the sessions of a parallel job, which share the directory JOB.
+SessionDirectory MakeRankDirectory(const std::string& job, int64_t rank);
+
+// Lets the link "qelix-last" beside the session point to it. Anything else of that name is left alone.
+void LinkNewest(const SessionDirectory& session);
 
 // Takes away what MakeSessionDirectory made, for a program that could not be started.
 void RemoveSessionDirectory(const SessionDirectory& session);
