@@ -223,6 +223,18 @@ TEST_F(StateCalls, AChildThatIsNotProfiledIsFlushedStoppedAndDisabled)
     EXPECT_EQ(Log(), Strings{Format("INFO Process id (%d) is not sampled or traced.", getpid())});
 }
 
+TEST_F(StateCalls, NoDescendantOfAChildThatIsNotProfiledIsProfiled)
+{
+    Replace init("ZorvUmaInitProcess", Fails(1));
+    m_pInfo->m_umaConfig.m_profileChildren = false;
+    for (int generation = 0; generation < 3; generation++)
+    {
+        EXPECT_EQ(CallExport("ZorvInterposeFork", {}), 0u);
+        EXPECT_TRUE(ZorvUmaGetProfileInfo()->m_isFlush);
+    }
+    EXPECT_EQ(init.Calls(), 0);
+}
+
 TEST_F(StateCalls, AProfiledChildIsInitialisedWithARecordOfItsOwn)
 {
     void* pInitialised = nullptr;

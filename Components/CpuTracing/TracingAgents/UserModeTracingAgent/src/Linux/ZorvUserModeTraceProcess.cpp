@@ -59,6 +59,7 @@ struct ForkOrder
 static void SilenceChild(ZorvUmaProfileInfo* pProfileInfo, int parentsLogFd)
 {
     pProfileInfo->m_isFlush = true;
+    pProfileInfo->m_umaConfig.m_profileChildren = false; // and so for what it forks itself
     ZorvUmaSetStopCollection(true);
     ZorvStoreFenced(&pProfileInfo->m_umsConfig.m_enable, false);
     ZorvStoreFenced(&pProfileInfo->m_umtConfig.m_enable, false);
