@@ -2,6 +2,8 @@
 #include "Support.h"
 
 #include <dlfcn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace agent;
 using faults::Call;
@@ -146,13 +148,27 @@ TEST_F(Handle, WithoutLibcTheOthersAreNotEnough)
 }
 
 // A forked child may not walk again: the loader's lock can be held for ever by a thread that it does not have.
-TEST_F(Handle, AKnownLibcIsKeptWithoutAWalk)
+TEST_F(Handle, AForkedChildKeepsItsParentsHandlesWithoutAWalk)
 {
-    Handlers()->m_pLibcHandle = Fake(0x77);
-    Replace walk("dl_iterate_phdr", faults::Fails(0));
-    EXPECT_TRUE(ZorvUmaGetLibHandles());
-    EXPECT_EQ(walk.Calls(), 0);
-    EXPECT_EQ(Handlers()->m_pLibcHandle, Fake(0x77));
+    void* pOpened = nullptr;
+    EXPECT_TRUE(Walk({"/lib/libc.so.6"}, &pOpened));
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        Replace walk("dl_iterate_phdr", faults::Fails(0));
+        const bool isFound = ZorvUmaGetLibHandles();
+        _exit(isFound && walk.Calls() == 0 && Handlers()->m_pLibcHandle == &pOpened ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(Handle, EachCallOfTheSameProcessWalks)
+{
+    void* pOpened = nullptr;
+    EXPECT_TRUE(Walk({"/lib/libc.so.6"}, &pOpened));
+    EXPECT_TRUE(Walk({}, &pOpened)) << "what is held stays";
 }
 
 // Loaded objects libc.so.6 and librt.so.1 but no separate threads library.

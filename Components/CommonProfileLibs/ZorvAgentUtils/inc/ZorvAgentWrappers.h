@@ -64,8 +64,8 @@ extern "C"
     ZORV_EXPORT long ZorvUmaPerfEventOpen(struct perf_event_attr* pAttr, pid_t pid, int cpu, int groupFd,
                                           unsigned long flags);
 
-    // Finds the handles among the loaded objects, the last match winning; true when libc's is there. Handles
-    // that are already held are kept: a forked child must not walk the loader's list again.
+    // Finds the handles among the loaded objects, the last match winning; true when libc's is there. A forked
+    // child keeps its parent's: it must not walk the loader's list again.
     ZORV_EXPORT bool ZorvUmaGetLibHandles();
     ZORV_EXPORT int fnLibLoadCallback(struct dl_phdr_info* pInfo, size_t size,
                                       void* pData); // dl_iterate_phdr(3)

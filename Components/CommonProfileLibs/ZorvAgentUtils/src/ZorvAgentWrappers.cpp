@@ -257,8 +257,12 @@ extern "C" int fnLibLoadCallback(struct dl_phdr_info* pInfo, size_t, void* pData
 
 extern "C" bool ZorvUmaGetLibHandles()
 {
-    if (g_handlers.m_pLibcHandle != nullptr)
+    static pid_t walkerPid;
+    auto pid = static_cast<pid_t>(ZorvRawSyscall(SYS_getpid));
+    bool isForkedChild = walkerPid != 0 && walkerPid != pid;
+    if (isForkedChild && g_handlers.m_pLibcHandle != nullptr)
         return true;
+    walkerPid = pid;
     dl_iterate_phdr(fnLibLoadCallback, &g_handlers);
     return g_handlers.m_pLibcHandle != nullptr;
 }
