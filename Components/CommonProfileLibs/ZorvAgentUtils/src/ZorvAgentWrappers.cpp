@@ -227,18 +227,35 @@ void* ZorvUmaOpenObject(const char* pName, int flags)
     return pOpen == nullptr ? nullptr : pOpen(pName, flags);
 }
 
+// Whether the agent itself defines it: one of its interposers answers for the name.
+static bool IsOwn(void* pFunction)
+{
+    Dl_info place;
+    Dl_info own;
+    return dladdr(pFunction, &place) != 0 && dladdr(reinterpret_cast<void*>(&IsOwn), &own) != 0 &&
+           place.dli_fbase == own.dli_fbase;
+}
+
 // Through what an object ahead of the agent puts in the place of dlopen(3), where there is one.
 void* ZorvUmaOpenLoadedObject(const char* pName)
 {
     constexpr int mode = RTLD_NOW | RTLD_NOLOAD;
     void* pOpen = dlsym(RTLD_DEFAULT, "dlopen");
-    Dl_info place;
-    Dl_info own;
-    if (pOpen == nullptr || dladdr(pOpen, &place) == 0 ||
-        dladdr(reinterpret_cast<void*>(&ZorvUmaOpenLoadedObject), &own) == 0 ||
-        place.dli_fbase == own.dli_fbase)
+    if (pOpen == nullptr || IsOwn(pOpen))
         return ZorvUmaOpenObject(pName, mode);
     return reinterpret_cast<void* (*)(const char*, int)>(pOpen)(pName, mode);
+}
+
+// The same for the walk over the loaded objects; found also where one kind of look-up is answered with nothing.
+static void WalkLoadedObjects()
+{
+    void* pWalk = reinterpret_cast<void*>(&dl_iterate_phdr);
+    if (IsOwn(pWalk))
+        pWalk = dlsym(RTLD_NEXT, "dl_iterate_phdr");
+    if (pWalk == nullptr)
+        pWalk = dlvsym(RTLD_NEXT, "dl_iterate_phdr", "GLIBC_2.2.5");
+    if (pWalk != nullptr)
+        reinterpret_cast<decltype(&dl_iterate_phdr)>(pWalk)(fnLibLoadCallback, &g_handlers);
 }
 
 extern "C" int fnLibLoadCallback(struct dl_phdr_info* pInfo, size_t, void* pData)
@@ -263,7 +280,7 @@ extern "C" bool ZorvUmaGetLibHandles()
     if (isForkedChild && g_handlers.m_pLibcHandle != nullptr)
         return true;
     walkerPid = pid;
-    dl_iterate_phdr(fnLibLoadCallback, &g_handlers);
+    WalkLoadedObjects();
     return g_handlers.m_pLibcHandle != nullptr;
 }
 
