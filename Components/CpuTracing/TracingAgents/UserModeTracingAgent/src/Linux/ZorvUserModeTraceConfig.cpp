@@ -7,6 +7,7 @@ namespace
 {
 
 constexpr size_t LINE_SIZE = 5120;
+constexpr size_t PATH_ROWS = 9; // rows of the table whose value is a path
 
 using ApplyRow = bool (*)(ZorvUmaProfileInfo* pProfileInfo, char* pValue);
 
@@ -34,10 +35,15 @@ static char* TrimPath(char* pValue)
     return pValue;
 }
 
-// A copy of it for the life of the process.
+// A copy of it for the life of the process. It comes from the program's allocator where that has one of its own,
+// whose leak checker looks for it in our data, and not in the process record.
 static char* DuplicatePath(char* pValue)
 {
-    return ZorvUmaStrdup(TrimPath(pValue));
+    static char* pCopies[PATH_ROWS];
+    static size_t count;
+    char* pCopy = ZorvUmaStrdup(TrimPath(pValue));
+    pCopies[count++ % PATH_ROWS] = pCopy;
+    return pCopy;
 }
 
 // At most ZORV_UMS_MAX_EVENTS numbers; the rest of a longer list is left out. Returns how many were stored.
