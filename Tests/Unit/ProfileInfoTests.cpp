@@ -318,8 +318,11 @@ TEST_F(OpenMp, WithoutAProcessRecordNothingHappens)
 
 TEST_F(OpenMp, ALibraryThatIsNotLoadedGivesNoFunction)
 {
+    m_pInfo->m_pZorvGetOpenMPParId = ParallelRegion;
     Announce(true, nullptr, nullptr);
     EXPECT_EQ(m_pInfo->m_pZorvGetOpenMPParId, nullptr);
+    EXPECT_EQ(m_order, Strings{"open"});
+    EXPECT_EQ(Log(), Strings{"ERROR Failed to get the symbol address for \"ZorvGetOpenMPParId\"."});
 }
 
 } // namespace

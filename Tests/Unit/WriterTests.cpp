@@ -1,6 +1,7 @@
 // The writer thread's start routine, run on a thread of the test.
 #include "Support.h"
 
+#include <algorithm>
 #include <sched.h>
 #include <sys/syscall.h>
 #include <thread>
@@ -282,6 +283,44 @@ TEST_F(WriterLoop, EndsSoonAfterFinalisationHasBegunOnAnotherThread)
     const Strings log = Log();
     ASSERT_GE(log.size(), 2u);
     EXPECT_EQ((Strings{log.end() - 2, log.end()}), ExitLines());
+}
+
+// ---- the poll --------------------------------------------------------------------------------------------
+
+// A wait that nobody's post announces is tried again all the same.
+TEST_F(RecordingTest, TheWriterComesBackToItsWaitWithoutAPost)
+{
+    constexpr long FRUITLESS = 4;
+    Replace wait("ZorvUmaSemWait",
+                 [&](const Call& call) -> uint64_t
+                 { return call.m_number == FRUITLESS + 1 ? 0 : ~uint64_t{0}; });
+    Replace drain("ZorvUmaWriteBuffer",
+                  [this](const Call&) -> uint64_t
+                  {
+                      __atomic_store_n(&m_pInfo->m_isFlush, true, __ATOMIC_SEQ_CST);
+                      return 1;
+                  });
+    std::thread([this] { ZorvUmaWriterThread(m_pInfo); }).join();
+    EXPECT_EQ(wait.Calls(), FRUITLESS + 1);
+    EXPECT_EQ(drain.Calls(), 2) << "both streams";
+}
+
+// What the writer finds undone when it starts is tried, and told, like a change.
+TEST_F(RecordingTest, CountersThatCannotBeResumedAreToldOnceAlsoAtTheStart)
+{
+    m_pInfo->m_umsConfig.m_nbrEvents = 1;
+    m_pInfo->m_isPcmAgentPaused = true; // and nothing of the counters is set up
+    Replace wait("ZorvUmaSemWait",
+                 [this](const Call& call) -> uint64_t
+                 {
+                     __atomic_store_n(&m_pInfo->m_isFlush, call.m_number >= 3, __ATOMIC_SEQ_CST);
+                     return ~uint64_t{0};
+                 });
+    std::thread([this] { ZorvUmaWriterThread(m_pInfo); }).join();
+    const Strings log = Log();
+    EXPECT_EQ(std::count(log.begin(), log.end(), "ERROR Failed to resume the PMC event collection - NO ERROR."),
+              1);
+    EXPECT_TRUE(m_pInfo->m_isPcmAgentPaused);
 }
 
 } // namespace

@@ -177,6 +177,7 @@ struct ZorvProcessState
     bool m_isFinalised;      // the finalising thread has closed everything
     bool m_isWriterDone;     // the writer has said its last line
     bool m_isPauseSeen;      // the pause flag as the writer has last acted on it
+    bool m_isPauseFailed;    // and has told that it could not follow it
     bool m_keepsStorage;     // a thread did not leave its buffer change: nothing may be freed
     uint32_t m_threadCount;  // threads that own a per-thread record
     uint32_t m_streamUsers;  // threads inside a buffer change or a log line of their own

@@ -531,15 +531,13 @@ extern "C" void ZorvUmaSetOpenMPAgentInitialized(bool isInitialized)
     ZorvUmaEnterAgent(&scope);
     // Through our own interposer, which lists the modules anew.
     void* pHandle = ZorvInterposeDlopen(pProfileInfo->m_umaConfig.m_pOpenMPAgentPath, RTLD_NOW | RTLD_NOLOAD);
+    void* pSymbol = pHandle == nullptr ? nullptr : dlsym(pHandle, "ZorvGetOpenMPParId");
+    auto pGetId = reinterpret_cast<uint64_t (*)()>(pSymbol);
+    __atomic_store_n(&pProfileInfo->m_pZorvGetOpenMPParId, pGetId, __ATOMIC_RELEASE);
+    if (pGetId == nullptr)
+        ZORV_LOG(pProfileInfo->m_logFd, ERROR, "Failed to get the symbol address for \"ZorvGetOpenMPParId\".");
     if (pHandle != nullptr)
-    {
-        auto pGetId = reinterpret_cast<uint64_t (*)()>(dlsym(pHandle, "ZorvGetOpenMPParId"));
-        __atomic_store_n(&pProfileInfo->m_pZorvGetOpenMPParId, pGetId, __ATOMIC_RELEASE);
-        if (pGetId == nullptr)
-            ZORV_LOG(pProfileInfo->m_logFd, ERROR,
-                     "Failed to get the symbol address for \"ZorvGetOpenMPParId\".");
         dlclose(pHandle);
-    }
     ZorvUmaLeaveAgent(&scope);
 }
 

@@ -270,14 +270,17 @@ void ZorvUmsFollowPause(ZorvUmaProfileInfo* pProfileInfo)
 {
     bool isPauseSet = ZorvUmaIsPauseSet(pProfileInfo);
     ZorvProcessState* pState = ZorvUmaStateOf(pProfileInfo);
-    bool hasChanged = isPauseSet != pState->m_isPauseSeen;
+    if (isPauseSet != pState->m_isPauseSeen)
+        pState->m_isPauseFailed = false;
     pState->m_isPauseSeen = isPauseSet;
     if (isPauseSet == pProfileInfo->m_isPcmAgentPaused)
         return;
     int result = isPauseSet ? ZorvStopPerfEventAllThreads() : ZorvStartPerfEventAllThreads();
+    bool wasFailed = pState->m_isPauseFailed;
+    pState->m_isPauseFailed = result < 0;
     if (result >= 0)
         pProfileInfo->m_isPcmAgentPaused = isPauseSet;
-    else if (hasChanged) // a failure is told once for each change of the flag, not at every pass
+    else if (!wasFailed) // told once for each change of the flag, not at every pass
         ZORV_LOG_AS(pProfileInfo->m_logFd, ERROR, "ZorvUmaWriterThread",
                     isPauseSet ? "Failed to pause the PMC event collection - %s."
                                : "Failed to resume the PMC event collection - %s.",
