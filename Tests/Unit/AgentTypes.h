@@ -160,8 +160,6 @@ struct ZorvUmaData
     uint32_t m_lostRecordCount;
 };
 
-// The agent may keep more behind the last field of this and of the next record: tests let the agent allocate
-// both.
 struct ZorvUmaProfileInfo
 {
     ZorvUmaConfig m_umaConfig;

@@ -406,4 +406,29 @@ TEST_F(Capture, NothingIsAllocatedLockedOrLookedUpOnceABufferIsHeld)
     EXPECT_EQ(calls.Names(), Strings{});
 }
 
+// ---- completing a provisional record ---------------------------------------------------------------------
+
+// Whatever record lies at the end of the data becomes part of it, by the size that it gives.
+TEST_F(RecordingTest, ACaptureAddsTheSizeThatTheParkedRecordGives)
+{
+    alignas(8) char data[256] = {};
+    ZorvUmaBuffer buffer{};
+    buffer.m_pData = data;
+    buffer.m_bufSize = sizeof data;
+    buffer.m_dataLen = 32;
+    buffer.m_cacheLen = CALL_RECORD_SIZE;
+    TraceHeader header{};
+    header.m_recSize = 96;
+    memcpy(data + buffer.m_dataLen, &header, sizeof header);
+    ZorvUmtCapturePthreadRecord(m_pInfo, 1, 77, 2, 3, -5, ZORV_PTHREAD_LOCK_MUTEX, &buffer);
+    EXPECT_EQ(buffer.m_dataLen, 128u);
+    EXPECT_EQ(ReadAt<TraceHeader>(&buffer, 32).m_endTime, 77u);
+    EXPECT_EQ(ReadAt<PthreadRecord>(&buffer, 32).m_retValue, -5);
+
+    memcpy(data + buffer.m_dataLen, &header, sizeof header);
+    ZorvUmtCaptureSysCallRecord(m_pInfo, 1, 78, 3, ZORV_SYSCALL_TYPE_IO, ZORV_UMT_EVENT_IO, 0, 9, &buffer);
+    EXPECT_EQ(buffer.m_dataLen, 224u);
+    EXPECT_EQ(ReadAt<TraceHeader>(&buffer, 128).m_endTime, 78u);
+}
+
 } // namespace

@@ -519,4 +519,25 @@ TEST_F(Process, AfterTheEndACaptureIntoAHeldBufferIsSafe)
     blocked.join();
 }
 
+// ---- a record of another process -------------------------------------------------------------------------
+
+// Whoever puts another process's id into the record is told so, also where this process allocated it.
+TEST_F(RecordingTest, EndWithAnotherProcessesIdWritesAProcRecordAndSaysSo)
+{
+    ASSERT_TRUE(ZorvUmaCreateBuffers(&m_pInfo->m_umtData, m_logFd));
+    ASSERT_TRUE(ZorvUmaCreateBuffers(&m_pInfo->m_umsData, m_logFd));
+    m_pInfo->m_pid = getpid() + 1;
+    ZorvUmaFiniProcess(m_pInfo, false);
+    EXPECT_EQ(Log(), (Strings{Format("INFO Finish process for (%d) is from other process (%d).", getpid() + 1,
+                                     getpid())}));
+    EXPECT_FALSE(m_pInfo->m_isFlush);
+    ASSERT_NE(m_pThread->m_pUmtBuf, nullptr);
+    const TraceHeader header = ReadAt<TraceHeader>(m_pThread->m_pUmtBuf, 0);
+    EXPECT_EQ(header.m_recType, ZORV_UMT_RECORD_PROC);
+    EXPECT_EQ(header.m_startTime, ~uint64_t{0});
+    EXPECT_EQ(m_pThread->m_pUmtBuf->m_dataLen, TRACE_PROC_SIZE);
+    ASSERT_NE(m_pThread->m_pUmsBuf, nullptr);
+    EXPECT_EQ(m_pThread->m_pUmsBuf->m_dataLen, SAMPLE_PROC_SIZE);
+}
+
 } // namespace

@@ -501,4 +501,36 @@ TEST_F(ThreadWrapper, LeavesOneProcAndOneEndRecordForEachThread)
     EXPECT_EQ(bytes.size(), THREADS * (TRACE_PROC_SIZE + TRACE_THREAD_END_SIZE));
 }
 
+// ---- what an end leaves -----------------------------------------------------------------------------------
+
+// Its buffers are in their queues; the addresses stay where they were until the record is freed.
+TEST_F(RecordingTest, AnEndedThreadStillNamesTheBuffersThatItHandedOver)
+{
+    ASSERT_TRUE(ZorvUmaCreateBuffers(&m_pInfo->m_umtData, m_logFd));
+    ASSERT_TRUE(ZorvUmaCreateBuffers(&m_pInfo->m_umsData, m_logFd));
+    std::thread(
+        [this]
+        {
+            ZorvUmaPerThreadInfo* pThread = ZorvUmaAllocateThreadInfo(m_pInfo);
+            pThread->m_pUmtBuf = ZorvUmaGetFreeBuffer(&m_pInfo->m_umtData);
+            pThread->m_pUmsBuf = ZorvUmaGetFreeBuffer(&m_pInfo->m_umsData);
+            ZorvUmaFiniThread(m_pInfo);
+            ASSERT_NE(pThread->m_pUmtBuf, nullptr);
+            EXPECT_EQ(pThread->m_pUmtBuf->m_state, ZORV_UMA_BUFFER_STATE_FULL);
+            EXPECT_EQ(QueuedBuffers(*m_pInfo->m_umtData.m_pQueue),
+                      std::vector<ZorvUmaBuffer*>{pThread->m_pUmtBuf});
+            ASSERT_NE(pThread->m_pUmsBuf, nullptr);
+            EXPECT_EQ(pThread->m_pUmsBuf->m_state, ZORV_UMA_BUFFER_STATE_FULL);
+            ZorvUmaFreeThreadInfo();
+        })
+        .join();
+}
+
+TEST_F(RecordingTest, TheEndOfAThreadWithoutARecordPostsToo)
+{
+    CallLog posts{"ZorvUmaSemPost"};
+    std::thread([this] { ZorvUmaFiniThread(m_pInfo); }).join();
+    EXPECT_EQ(posts.Calls().size(), 1u);
+}
+
 } // namespace

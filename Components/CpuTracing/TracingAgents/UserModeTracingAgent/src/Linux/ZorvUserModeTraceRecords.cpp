@@ -367,6 +367,18 @@ extern "C" bool ZorvUmtIsTraceEvent(const ZorvUmaProfileInfo* pProfileInfo, Zorv
 
 // ---- records of traced calls -----------------------------------------------------------------------------
 
+// Whatever record is parked is completed. One that was withdrawn may have been written over in part, and what
+// lies there then is no record: its size would take every later one along.
+static bool HasRecordAtEnd(ZorvUmaBuffer* pBuffer)
+{
+    if (pBuffer->m_pData == nullptr)
+        return false;
+    const ZorvUmtRecordHdr* pHdr = ZorvRecordAtEnd(pBuffer);
+    bool isCall = pHdr->m_recType == ZORV_UMT_RECORD_PTHREAD || pHdr->m_recType == ZORV_UMT_RECORD_SYSCALL;
+    return pBuffer->m_cacheLen != 0 || pHdr->m_recSize == ZORV_UMT_CALL_RECORD_SIZE ||
+           (isCall && pHdr->m_recSize > ZORV_UMT_CALL_RECORD_SIZE);
+}
+
 extern "C" ZorvUmaBuffer* ZorvUmtCachePthreadRecord(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime,
                                                     uint64_t lockAddress, uint64_t funcVa,
                                                     ZorvPthreadType pthreadType)
@@ -384,7 +396,7 @@ extern "C" void ZorvUmtCapturePthreadRecord(ZorvUmaProfileInfo* pProfileInfo, ui
 {
     if (pCacheBuf != nullptr)
     {
-        if (pCacheBuf->m_pData == nullptr) // whatever record lies there is completed
+        if (!HasRecordAtEnd(pCacheBuf))
             return;
         ZorvRecordAtEnd(pCacheBuf)->m_endTime = endTime;
         ZorvBodyAtEnd<ZorvUmtPthreadRecord, ZorvUmtRecordHdr>(pCacheBuf)->m_retValue = retValue;
@@ -418,7 +430,7 @@ extern "C" void ZorvUmtCaptureSysCallRecord(ZorvUmaProfileInfo* pProfileInfo, ui
 {
     if (pCacheBuf != nullptr)
     {
-        if (pCacheBuf->m_pData == nullptr) // whatever record lies there is completed
+        if (!HasRecordAtEnd(pCacheBuf))
             return;
         ZorvRecordAtEnd(pCacheBuf)->m_endTime = endTime;
         ZorvPublish(pCacheBuf, ZorvRecordAtEnd(pCacheBuf)->m_recSize);
