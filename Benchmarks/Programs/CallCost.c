@@ -36,6 +36,24 @@ static void LoopSemaphore(long count)
     }
 }
 
+// Opened through libc's own calls: only the loop's call is made by a name that can be interposed.
+static void LoopWrite(long count)
+{
+    const int fd = fileno(fopen("/dev/null", "w"));
+    for (long i = 0; i < count; i++)
+        if (write(fd, "x", 1) != 1)
+            abort();
+}
+
+static void LoopRead(long count)
+{
+    char byte;
+    const int fd = fileno(fopen("/dev/zero", "r"));
+    for (long i = 0; i < count; i++)
+        if (read(fd, &byte, 1) != 1)
+            abort();
+}
+
 struct Loop
 {
     const char* m_pName;
@@ -45,6 +63,8 @@ struct Loop
 static const struct Loop g_loops[] = {
     {"mutex", LoopMutex},
     {"semaphore", LoopSemaphore},
+    {"write", LoopWrite},
+    {"read", LoopRead},
 };
 
 static const struct Loop* FindLoop(const char* pName)

@@ -23,11 +23,14 @@ class Loop:
     title: str
     key: str      # configures the call's class
     record: tuple  # (type, subtype) of its records
+    system_call: str = ""  # what every pass makes natively
 
 
 LOOPS = [
     Loop("mutex", "pthread_mutex_lock, _unlock", "QELIX_TRACE_PTHREAD", (1, 1)),
     Loop("semaphore", "sem_wait, sem_post", "QELIX_TRACE_PTHREAD", (1, 10)),
+    Loop("write", "write, one byte", "QELIX_TRACE_SYSCALL", (3, 5), "write"),
+    Loop("read", "read, one byte", "QELIX_TRACE_SYSCALL", (3, 5), "read"),
 ]
 
 

@@ -153,6 +153,8 @@ def _keep_wall(run_once, walls):
 def measure(context):
     for loop in calls.LOOPS:
         peers = [peer for peer in PEERS if loop.name in peer.loops]
+        if not peers:
+            continue
         notes = {peer.name: peer.note for peer in peers} | {calls.OFF: "this agent", calls.RECORDED: "this agent"}
         runs = _runs(context, loop, peers)
         walls = {name: [] for name in runs}

@@ -38,8 +38,10 @@ def _count(context, loop, scope, iterations):
 def _measure_scope(context, loop, scope_name, scope):
     base, base_calls = _count(context, loop, scope, 1)
     full, full_calls = _count(context, loop, scope, context.count(ITERATIONS, 100_000))
-    more = {name: full[name] - base.get(name, 0) for name in full if name != "total"}
-    per_call = max(0, full["total"] - base["total"]) / (full_calls - base_calls)
+    made = full_calls - base_calls
+    own = {loop.system_call: made}
+    more = {name: full[name] - base.get(name, 0) - own.get(name, 0) for name in full if name != "total"}
+    per_call = max(0, sum(more.values())) / made
     most = sorted((-count, name) for name, count in more.items() if count > 0)[:4]
     row = Row(GROUP, loop.title, scope_name, "calls", [per_call],
               note=", ".join(f"{name} {-count}" for count, name in most))

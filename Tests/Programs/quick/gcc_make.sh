@@ -12,7 +12,7 @@ OBJECTS := $(patsubst f%.c,f%.o,$(sort $(wildcard f*.c)))
 all: prog
 prog: main.o libf.a ; @$(CC) -o $@ $^
 libf.a: $(OBJECTS) ; @$(AR) crD $@ $^
-%.o: %.c ; @$(CC) -O2 -g -c -o $@ $<
+%.o: %.c ; @$(CC) -O2 -g -ffile-prefix-map=$(CURDIR)=. -c -o $@ $<
 check: prog ; @$(MAKE) --no-print-directory -s inner && ./prog
 inner: ; @echo inner made
 .PHONY: all check inner

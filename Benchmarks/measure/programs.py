@@ -1,0 +1,88 @@
+"""What whole programs pay: the loading of a module, and the build of a project by many short processes."""
+
+import os
+import shutil
+import subprocess
+import tempfile
+import time
+
+from measure.results import Row, Target, skipped
+from measure.session import Failed, clean_environment, fast_directory
+
+LOAD = "dlopen of an empty module, wall time"
+MAPPINGS = (0, 500)
+LOADS = 200
+
+BUILD = "make -j2 of a real project, wall time"
+PROJECT = "/usr/src/googletest"
+BUILD_ROUNDS = 3
+MOST_BUILD_RATIO = 1.05
+TEN_MICROSECONDS = 10_000
+EVERYTHING = {"QELIX_TRACE_PTHREAD": f"1:{TEN_MICROSECONDS}:0", "QELIX_TRACE_SYSCALL": f"1:{TEN_MICROSECONDS}:0"}
+
+
+def _load_samples(output):
+    return [int(line) / 1e3 for line in output.splitlines()]
+
+
+def _load_under_agent(context, arguments):
+    with context.session({"QELIX_TRACE_SYSCALL": "1:0:0"}) as session:
+        return _load_samples(context.run_in(session, arguments))
+
+
+def measure_loads(context):
+    for mappings in MAPPINGS:
+        arguments = [context.program("BenchLoadModule"), str(mappings), str(context.count(LOADS, 10)),
+                     context.floor("BenchEmptyModule")]
+        rows = {name: Row(LOAD, f"with {mappings} mappings more", name, "us", []) for name in ("native", "agent")}
+        context.take_turns(rows, {"native": lambda: _load_samples(context.run_native(arguments)),
+                                  "agent": lambda: _load_under_agent(context, arguments)})
+        rows["agent"].native = rows["native"]
+        yield from rows.values()
+
+
+class Project:
+    """A project of Debian's, configured once; each build starts from its sources."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        self._run("cmake", "-S", PROJECT, "-B", folder, "-G", "Unix Makefiles", "-Dgtest_build_samples=ON",
+                  "-DCMAKE_CXX_COMPILER=/usr/bin/g++")
+
+    def _run(self, *command, environment=None):
+        result = subprocess.run(command, env={**clean_environment(), "CCACHE_DISABLE": "1", **(environment or {})},
+                                stdin=subprocess.DEVNULL, capture_output=True, text=True)
+        if result.returncode != 0:
+            raise Failed(f"{command[0]} failed: {(result.stderr.strip().splitlines() or ['no message'])[-1]}")
+
+    def build(self, environment=None):
+        """Milliseconds of one whole build."""
+        self._run("make", "-C", self.folder, "clean")
+        start = time.monotonic_ns()
+        self._run("make", "-C", self.folder, "-j2", environment=environment)
+        return (time.monotonic_ns() - start) / 1e6
+
+
+def _build_under_agent(context, project):
+    with context.session({**EVERYTHING, "QELIX_USERMODE_AGENT_PATH": context.agent}) as session:
+        took = project.build({"LD_PRELOAD": context.agent, **session.environment()})
+        session.check_health()
+        return [took]
+
+
+def measure_build(context):
+    if not os.path.isdir(PROJECT) or not shutil.which("make"):
+        yield skipped(BUILD, PROJECT, "", "make or the package googletest is not installed")
+        return
+    rows = {name: Row(BUILD, PROJECT, name, "ms", []) for name in ("native", "everything at 10 us")}
+    with tempfile.TemporaryDirectory(prefix="qelix-bench-", dir=fast_directory()) as folder:
+        project = Project(os.path.join(folder, "build"))
+        samplers = {"native": lambda: [project.build()],
+                    "everything at 10 us": lambda: _build_under_agent(context, project)}
+        for _ in range(min(context.rounds, BUILD_ROUNDS)):
+            for name, sampler in samplers.items():
+                rows[name].samples += sampler()
+    agent = rows["everything at 10 us"]
+    agent.native = rows["native"]
+    agent.target = Target(f"<= {MOST_BUILD_RATIO:g} x native", agent.ratios()["native"] <= MOST_BUILD_RATIO)
+    yield from rows.values()
