@@ -6,8 +6,11 @@ import random
 import pytest
 
 import records
+import session as harness
 
 LARGE = os.environ.get("QELIX_TEST_SCALE") == "large"
+if LARGE:
+    harness.PATIENCE = 900.0
 # bytes of input for the compressor, lines for the sorter
 SIZE = 40 << 20 if LARGE else 3 << 20
 LINES = 2_000_000 if LARGE else 150_000
