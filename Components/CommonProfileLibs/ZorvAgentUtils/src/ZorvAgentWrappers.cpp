@@ -227,13 +227,15 @@ void* ZorvUmaOpenObject(const char* pName, int flags)
     return pOpen == nullptr ? nullptr : pOpen(pName, flags);
 }
 
-// Whether the agent itself defines it: one of its interposers answers for the name.
+// Whether the agent itself defines it: one of its interposers answers for the name. Not by dladdr, which would
+// search all symbols, in the start of every process.
 static bool IsOwn(void* pFunction)
 {
-    Dl_info place;
-    Dl_info own;
-    return dladdr(pFunction, &place) != 0 && dladdr(reinterpret_cast<void*>(&IsOwn), &own) != 0 &&
-           place.dli_fbase == own.dli_fbase;
+    dl_find_object place;
+    dl_find_object own;
+    return _dl_find_object(pFunction, &place) == 0 &&
+           _dl_find_object(reinterpret_cast<void*>(&IsOwn), &own) == 0 &&
+           place.dlfo_link_map == own.dlfo_link_map;
 }
 
 // Through what an object ahead of the agent puts in the place of dlopen(3), where there is one.

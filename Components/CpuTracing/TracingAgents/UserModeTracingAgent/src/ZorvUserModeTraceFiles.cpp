@@ -303,9 +303,9 @@ int ZorvUmaOwnDescriptor(int fd)
 
 // ---- writing ---------------------------------------------------------------------------------------------
 
-ssize_t ZorvUmaWriteOwnFile(int fd, const void* pBuf, size_t count)
+// Without a signal for a file that may not grow.
+static ssize_t WriteUnsignalled(int fd, const void* pBuf, size_t count)
 {
-    fd = ZorvUmaOwnDescriptor(fd);
     sigset_t sizeSignal;
     sigset_t before;
     sigset_t pending;
@@ -329,11 +329,16 @@ ssize_t ZorvUmaWriteOwnFile(int fd, const void* pBuf, size_t count)
     return written;
 }
 
+ssize_t ZorvUmaWriteOwnFile(int fd, const void* pBuf, size_t count)
+{
+    return WriteUnsignalled(ZorvUmaOwnDescriptor(fd), pBuf, count);
+}
+
 static ssize_t WriteOrCutBack(int fd, const void* pBuf, size_t count)
 {
     fd = ZorvUmaOwnDescriptor(fd);
     long start = fd < 0 ? -1 : ZorvRawSyscall(SYS_lseek, fd, 0, SEEK_CUR);
-    ssize_t written = ZorvUmaWriteOwnFile(fd, pBuf, count);
+    ssize_t written = WriteUnsignalled(fd, pBuf, count);
     if (written != static_cast<ssize_t>(count) && start >= 0)
     {
         ZorvRawSyscall(SYS_ftruncate, fd, start);

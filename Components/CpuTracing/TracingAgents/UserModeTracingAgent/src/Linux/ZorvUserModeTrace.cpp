@@ -309,8 +309,8 @@ static bool IsLibcAsked()
     auto pLibc = static_cast<const struct link_map*>(g_handlers.m_pLibcHandle);
     for (void* pLookUp : {reinterpret_cast<void*>(&dlsym), reinterpret_cast<void*>(&dlvsym)})
     {
-        Dl_info place;
-        if (dladdr(pLookUp, &place) == 0 || reinterpret_cast<ElfW(Addr)>(place.dli_fbase) != pLibc->l_addr)
+        dl_find_object place; // dladdr would search all of libc's symbols, in the start of every process
+        if (_dl_find_object(pLookUp, &place) != 0 || place.dlfo_link_map != pLibc)
             return false;
     }
     return true;

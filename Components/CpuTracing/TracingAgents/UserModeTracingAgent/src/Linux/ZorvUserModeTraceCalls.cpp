@@ -57,14 +57,15 @@ extern "C"
 #define ZORV_PATH_FUNCTION(name) (void*)&name,
 }
 
-// Whether the name is answered by this object.
-static bool IsOwn(void* pFunction)
+// Where this object begins and ends; the linker's own names.
+extern "C" __attribute__((visibility("hidden"))) const char __ehdr_start[];
+extern "C" __attribute__((visibility("hidden"))) const char _end[];
+
+// Whether the name is answered by this object. dladdr would search all of its symbols for each one, in the start
+// of every process.
+static bool IsOwn(const void* pFunction)
 {
-    Dl_info function;
-    Dl_info own;
-    return dladdr(pFunction, &function) != 0 &&
-           dladdr(reinterpret_cast<void*>(&ZorvUmtChoosePath), &own) != 0 &&
-           function.dli_fbase == own.dli_fbase;
+    return pFunction >= &__ehdr_start[0] && pFunction < &_end[0];
 }
 
 void ZorvUmtChoosePath()

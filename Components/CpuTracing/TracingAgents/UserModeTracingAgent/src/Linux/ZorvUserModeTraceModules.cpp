@@ -15,6 +15,7 @@
 #include <dlfcn.h>
 #include <elf.h>
 #include <link.h>
+#include <sys/platform/x86.h>
 #include <sys/stat.h>
 
 namespace
@@ -69,18 +70,39 @@ static bool IsTaken(const char* pPath)
            (header.e_version != EV_CURRENT || header.e_machine == EM_X86_64);
 }
 
+// What the levels of the psABI ask of the processor, as the loader has found it out: the compiler's own test asks
+// the processor again at the start of every process, which a virtual machine makes expensive.
+static bool IsLevel2()
+{
+    return CPU_FEATURE_ACTIVE(CMPXCHG16B) && CPU_FEATURE_ACTIVE(LAHF64_SAHF64) && CPU_FEATURE_ACTIVE(POPCNT) &&
+           CPU_FEATURE_ACTIVE(SSE3) && CPU_FEATURE_ACTIVE(SSSE3) && CPU_FEATURE_ACTIVE(SSE4_1) &&
+           CPU_FEATURE_ACTIVE(SSE4_2);
+}
+
+static bool IsLevel3()
+{
+    return IsLevel2() && CPU_FEATURE_ACTIVE(AVX) && CPU_FEATURE_ACTIVE(AVX2) && CPU_FEATURE_ACTIVE(BMI1) &&
+           CPU_FEATURE_ACTIVE(BMI2) && CPU_FEATURE_ACTIVE(F16C) && CPU_FEATURE_ACTIVE(FMA) &&
+           CPU_FEATURE_ACTIVE(LZCNT) && CPU_FEATURE_ACTIVE(MOVBE);
+}
+
+static bool IsLevel4()
+{
+    return IsLevel3() && CPU_FEATURE_ACTIVE(AVX512F) && CPU_FEATURE_ACTIVE(AVX512BW) &&
+           CPU_FEATURE_ACTIVE(AVX512CD) && CPU_FEATURE_ACTIVE(AVX512DQ) && CPU_FEATURE_ACTIVE(AVX512VL);
+}
+
 // In each directory the loader first looks for a build for this very processor. ld.so(8), glibc-hwcaps.
 static bool FindInDirectory(const char* pDir, const char* pFile, char* pPath)
 {
-    __builtin_cpu_init();
     const struct
     {
         bool m_isUsable;
         const char* m_pSubdir;
     } levels[] = {
-        {__builtin_cpu_supports("x86-64-v4") != 0, "glibc-hwcaps/x86-64-v4/"},
-        {__builtin_cpu_supports("x86-64-v3") != 0, "glibc-hwcaps/x86-64-v3/"},
-        {__builtin_cpu_supports("x86-64-v2") != 0, "glibc-hwcaps/x86-64-v2/"},
+        {IsLevel4(), "glibc-hwcaps/x86-64-v4/"},
+        {IsLevel3(), "glibc-hwcaps/x86-64-v3/"},
+        {IsLevel2(), "glibc-hwcaps/x86-64-v2/"},
         {true, ""},
     };
     for (const auto& level : levels)
