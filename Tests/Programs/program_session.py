@@ -72,7 +72,7 @@ class ProgramSession(ProcessSession):
             pairs.append(("QELIX_CPU_PROFILE_DIR", self.root / "sample"))
         self.write_config("".join(f"{key}={value}\n" for key, value in pairs))
 
-    def run_script(self, script, agent):
+    def run_script(self, script, agent, before=None):
         work = self.root / "work"
         shutil.rmtree(work, ignore_errors=True)
         work.mkdir(mode=0o755)
@@ -81,8 +81,9 @@ class ProgramSession(ProcessSession):
         user = next(iter(said_of_itself(script, "user")), None) if os.getuid() == 0 else None
         if user:
             shutil.chown(work, user)
-        with subprocess.Popen(["/bin/bash", str(script)], cwd=work, env=env, user=user, stdin=subprocess.DEVNULL,
-                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, start_new_session=True) as process:
+        with subprocess.Popen(["/bin/bash", str(script)], cwd=work, env=env, user=user, preexec_fn=before,
+                              start_new_session=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE) as process:
             try:
                 out, err = process.communicate(timeout=PATIENCE)
             except subprocess.TimeoutExpired:

@@ -8,7 +8,7 @@ events { worker_connections 256; }
 http { access_log off; client_body_temp_path $PWD/t1; proxy_temp_path $PWD/t2; fastcgi_temp_path $PWD/t3; uwsgi_temp_path $PWD/t4; scgi_temp_path $PWD/t5; sendfile on; gzip on; gzip_types text/plain; default_type text/plain;
  server { listen unix:$PWD/s; listen 127.0.0.1:18123; root $PWD/html; location /proxy/ { proxy_pass http://unix:$PWD/s:/; } } }
 END
-nginx -p "$PWD" -c "$PWD/nginx.conf" -t 2>&1 | sed 's/.*test/test/' ; nginx -p "$PWD" -c "$PWD/nginx.conf" -e logs/start; echo "start $?"
+nginx -p "$PWD" -c "$PWD/nginx.conf" -t 2>&1 | grep -oE 'syntax is ok|test is successful'; nginx -p "$PWD" -c "$PWD/nginx.conf" -e logs/start; echo "start $?"
 for i in $(seq 200); do [ -s pid ] && break; sleep 0.05; done; master=$(cat pid)
 python3 - <<'END'
 import http.client, zlib
