@@ -11,7 +11,7 @@
 #define FLOOR_CALLS(FLOOR_CALL)                                                                                \
     FLOOR_CALL(pthread_mutex_lock, int, (pthread_mutex_t * pMutex), (pMutex), (uintptr_t)pMutex)               \
     FLOOR_CALL(sem_wait, int, (sem_t * pSemaphore), (pSemaphore), (uintptr_t)pSemaphore)                       \
-    FLOOR_CALL(write, ssize_t, (int fd, const void* pData, size_t size), (fd, pData, size), (uintptr_t)fd)      \
+    FLOOR_CALL(write, ssize_t, (int fd, const void* pData, size_t size), (fd, pData, size), (uintptr_t)fd)     \
     FLOOR_CALL(read, ssize_t, (int fd, void* pData, size_t size), (fd, pData, size), (uintptr_t)fd)
 
 #define FLOOR_EXPORT __attribute__((visibility("default")))

@@ -2,8 +2,8 @@
 //
 //   BenchLoadModule MAPPINGS COUNT MODULE
 //
-// Prints the wall time of each dlopen in nanoseconds; the module is closed again in between. Every other mapping
-// is executable, so that neighbours do not become one.
+// Prints the wall time of each dlopen in nanoseconds; the module is closed again in between. Every other
+// mapping is executable, so that neighbours do not become one.
 #define _GNU_SOURCE
 #include "BenchTime.h"
 

@@ -118,6 +118,12 @@ def test_a_module_is_found_where_the_callers_module_looks(session, file, place):
     assert run.out == native.out
 
 
+def test_the_build_for_this_level_of_processor_is_taken(session):
+    native, run = run_both(session, "load", "levelled.so")
+    assert re.search(r"dlopen loaded, place v[1-4], errno 4242", native.out.decode())
+    assert run.out == native.out
+
+
 @pytest.mark.parametrize("file", ["plugin.so", "$ORIGIN/origin/plugin.so", "${ORIGIN}/origin/plugin.so",
                                   "$ORIGIN/missing.so", "$ORIGIN", "$ORIGINAL/plugin.so", "$LIB/plugin.so", ELSEWHERE])
 @pytest.mark.parametrize("mode", ["load", "load_old", "load_apart"])

@@ -1,4 +1,5 @@
-// An allocator that replaces libc's, as real programs link or preload one: neither takes back what the other gave.
+// An allocator that replaces libc's, as real programs link or preload one: neither takes back what the other
+// gave.
 #include <errno.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -24,13 +25,15 @@ static void* Take(size_t alignment, size_t size)
     if (alignment < ALIGNMENT)
         alignment = ALIGNMENT;
     size_t room = size + sizeof(struct Head) + alignment;
-    size_t start = __atomic_fetch_add(&g_used, (room + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT, __ATOMIC_RELAXED);
+    size_t start =
+        __atomic_fetch_add(&g_used, (room + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT, __ATOMIC_RELAXED);
     if (size > ARENA_SIZE || start + room > ARENA_SIZE)
     {
         errno = ENOMEM;
         return NULL;
     }
-    uintptr_t block = ((uintptr_t)g_arena + start + sizeof(struct Head) + alignment - 1) / alignment * alignment;
+    uintptr_t block =
+        ((uintptr_t)g_arena + start + sizeof(struct Head) + alignment - 1) / alignment * alignment;
     struct Head* pHead = (struct Head*)block - 1;
     pHead->m_size = size;
     pHead->m_mark = MARK;

@@ -61,8 +61,8 @@ extern "C"
 extern "C" __attribute__((visibility("hidden"))) const char __ehdr_start[];
 extern "C" __attribute__((visibility("hidden"))) const char _end[];
 
-// Whether the name is answered by this object. dladdr would search all of its symbols for each one, in the start
-// of every process.
+// Whether the name is answered by this object. dladdr would search all of its symbols for each one, in the
+// start of every process.
 static bool IsOwn(const void* pFunction)
 {
     return pFunction >= &__ehdr_start[0] && pFunction < &_end[0];

@@ -70,8 +70,8 @@ static bool IsTaken(const char* pPath)
            (header.e_version != EV_CURRENT || header.e_machine == EM_X86_64);
 }
 
-// What the levels of the psABI ask of the processor, as the loader has found it out: the compiler's own test asks
-// the processor again at the start of every process, which a virtual machine makes expensive.
+// What the levels of the psABI ask of the processor, as the loader has found it out: the compiler's own test
+// asks the processor again at the start of every process, which a virtual machine makes expensive.
 static bool IsLevel2()
 {
     return CPU_FEATURE_ACTIVE(CMPXCHG16B) && CPU_FEATURE_ACTIVE(LAHF64_SAHF64) && CPU_FEATURE_ACTIVE(POPCNT) &&
