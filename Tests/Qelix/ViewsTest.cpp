@@ -197,3 +197,12 @@ TEST_F(ViewsTest, OfVeryManyLocksThoseWaitedForLeastAreDropped)
     EXPECT_EQ(session.m_lockCount + session.m_foldedLocks, 70000u);
     EXPECT_NE(ReportText(session).find("that were waited for least were not told apart"), std::string::npos);
 }
+
+TEST_F(ViewsTest, AProcessThatSaidNoEndMayMissItsLastRecords)
+{
+    FileBytes file;
+    file.StreamHeader().Proc("main", 1000, 0, 42).Pthread(MUTEX, 2000, 3000).ThreadEnd(2500, 0xF0, 44);
+    EXPECT_NE(ReportText(Read(file)).find("killed: 1 process said no end"), std::string::npos);
+    file.ThreadEnd(4000, 0, 42);
+    EXPECT_EQ(ReportText(Read(file)).find("killed: "), std::string::npos);
+}

@@ -76,7 +76,7 @@ def test_a_damaged_file_is_named_and_what_precedes_is_reported(session):
     record(session, "count", "1000")
     (trace,) = (session / "trace").iterdir()
     trace.write_bytes(trace.read_bytes()[: 24 + 80 + 64 * 10 + 1])
-    result = qelix("report", session)
+    result = qelix("report", "--full", session)
     assert result.returncode == 1
     assert f"damaged: {trace}: byte offset {24 + 80 + 64 * 10}: " in result.stdout
     assert re.search(r"pthread_mutex_lock +10 ", result.stdout)
@@ -87,4 +87,5 @@ def test_what_is_no_session_is_refused_with_a_remedy(tmp_path):
         result = qelix("report", path)
         assert result.returncode == 1
         assert str(path) in result.stderr and "qelix run" in result.stderr
-    assert qelix("report").returncode == 125
+    result = qelix("report", cwd=tmp_path)
+    assert result.returncode == 1 and "qelix-last is no session" in result.stderr

@@ -2,6 +2,7 @@
 #include "Report/Report.h"
 #include "Report/TextParts.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 
 namespace qelix
@@ -96,6 +97,17 @@ uint64_t CountTruncated(const SessionFacts& session)
     return count;
 }
 
+// Whoever ends a process in order writes the end of its own thread as the last record of all.
+bool IsCutOff(const ProcessFacts& process)
+{
+    const std::vector<ThreadFacts>& threads = process.m_trace.m_threads;
+    const uint64_t last = process.m_trace.m_span.m_last;
+    return !threads.empty() && std::none_of(threads.begin(), threads.end(),
+                                            [last](const ThreadFacts& thread) {
+                                                return thread.m_span.m_isEnded && thread.m_span.m_last == last;
+                                            });
+}
+
 } // namespace
 
 std::vector<std::string> CautionLines(const SessionFacts& session)
@@ -108,6 +120,14 @@ std::vector<std::string> CautionLines(const SessionFacts& session)
     for (const ProcessFacts& process : session.m_processes)
     {
         AddProcessCautions(&cautions, process);
+    }
+    const auto cutOff = std::count_if(session.m_processes.begin(), session.m_processes.end(), IsCutOff);
+    if (cutOff != 0)
+    {
+        cautions.push_back(fmt::format("killed: {} said no end, or {} still running; the last records of each "
+                                       "thread, up to a buffer, may be missing",
+                                       Plural(static_cast<uint64_t>(cutOff), "process", "processes"),
+                                       cutOff == 1 ? "is" : "are"));
     }
     if (const uint64_t truncated = CountTruncated(session); truncated != 0)
     {

@@ -84,7 +84,10 @@ ProcessFacts ReadProcess(const ProcessFiles& files, ProcessSymbols* pSymbols, Re
     if (!files.m_trace.empty())
     {
         process.m_trace = ReadTraceFacts(files.m_trace, pSymbols, filter);
-        NameLocks(&process.m_trace, DataImagesOf(&pReading->m_dataFiles, pSymbols->m_map));
+        if (!process.m_trace.m_locks.empty())
+        {
+            NameLocks(&process.m_trace, DataImagesOf(&pReading->m_dataFiles, pSymbols->m_map));
+        }
     }
     if (!files.m_sample.empty() && !pReading->m_view.m_isWithoutSamples)
     {

@@ -154,7 +154,7 @@ Cell TextCell(const std::string& text)
 void SortTable(Table* pTable, const std::string& key)
 {
     std::vector<std::string> keys;
-    for (const Column& column : pTable->m_columns)
+    for (const TableColumn& column : pTable->m_columns)
     {
         keys.push_back(column.m_pKey);
     }
@@ -194,7 +194,7 @@ std::string TableText(const Table& table, const Screen& screen)
     }
     const std::vector<std::size_t> widths = WidthsOf(table, texts, screen);
     std::vector<std::string> titles;
-    for (const Column& column : table.m_columns)
+    for (const TableColumn& column : table.m_columns)
     {
         titles.push_back(column.m_pTitle);
     }
@@ -204,6 +204,10 @@ std::string TableText(const Table& table, const Screen& screen)
     for (const std::vector<std::string>& cells : texts)
     {
         AppendLine(&text, table, cells, widths);
+    }
+    if (texts.empty() && table.m_notes.empty())
+    {
+        text = "nothing of the kind was recorded\n";
     }
     for (const std::string& note : table.m_notes)
     {

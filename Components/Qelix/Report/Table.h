@@ -23,7 +23,7 @@ enum CellForm
     ZORV_CELL_ADDRESS, // of a program
 };
 
-struct Column
+struct TableColumn
 {
     const char* m_pKey;   // in CSV, JSON and for --sort
     const char* m_pTitle; // of the text
@@ -37,7 +37,7 @@ Cell TextCell(const std::string& text); // nothing for an empty one
 
 struct Table
 {
-    std::vector<Column> m_columns;
+    std::vector<TableColumn> m_columns;
     std::vector<std::vector<Cell>> m_rows;
     std::vector<std::string> m_notes; // below the text, and in JSON
 };

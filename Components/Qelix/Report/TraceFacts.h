@@ -74,10 +74,6 @@ TraceFacts ReadTraceFacts(const std::string& path, ProcessSymbols* pSymbols, con
 std::string NameOfCall(ProcessSymbols* pSymbols, const CallKind& kind, uint64_t function, bool isNumber,
                        uint64_t time);
 
-// What was called: a function by its address, or a system call by its number.
-std::string NameOfCall(ProcessSymbols* pSymbols, const CallKind& kind, uint64_t function, bool isNumber,
-                       uint64_t time);
-
 // The class that a kind of call was recorded for.
 TraceClass ClassOf(const CallKind& kind);
 

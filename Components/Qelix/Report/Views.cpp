@@ -34,7 +34,7 @@ void AddTime(std::vector<Cell>* pRow, bool isTimed, uint64_t nanoseconds)
 }
 
 // The numbers that every table of calls has.
-constexpr Column g_numberColumns[] = {
+constexpr TableColumn g_numberColumns[] = {
     {"calls", "calls", ZORV_CELL_COUNT},      {"totalNs", "total", ZORV_CELL_TIME},
     {"meanNs", "mean", ZORV_CELL_TIME},       {"p95Ns", "p95", ZORV_CELL_TIME},
     {"longestNs", "longest", ZORV_CELL_TIME},
