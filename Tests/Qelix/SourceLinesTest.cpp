@@ -70,13 +70,3 @@ TEST_F(SymbolsTest, ALambdaGoesByTheFunctionItIsWrittenIn)
     EXPECT_TRUE(name.starts_with("subject::Lambda")) << name;
     EXPECT_TRUE(name.ends_with("::operator()")) << name;
 }
-
-TEST(FunctionNames, PartsAndCopiesOfAFunctionGoByItsName)
-{
-    EXPECT_EQ(Demangled("copy.constprop.0"), "copy");
-    EXPECT_EQ(Demangled("copy.part.3.isra.0.cold"), "copy");
-    EXPECT_EQ(Demangled("_ZN7subject7OverlayEiPKc.cold"), "subject::Overlay(int, char const*)");
-    EXPECT_EQ(Demangled("runtime.main"), "runtime.main");
-    EXPECT_EQ(Demangled("copy.constprop.main"), "copy.constprop.main");
-    EXPECT_EQ(Demangled(".cold"), ".cold");
-}

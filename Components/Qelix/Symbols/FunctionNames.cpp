@@ -1,5 +1,7 @@
 #include "Symbols/FunctionNames.h"
 
+#include "Symbols/RustNames.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cxxabi.h>
@@ -57,6 +59,10 @@ std::string_view WithoutCloneMark(std::string_view name)
 std::string Demangled(std::string_view name)
 {
     std::string plain(WithoutCloneMark(name));
+    if (std::string rust = DemangledRust(plain); !rust.empty())
+    {
+        return rust;
+    }
     if (!plain.starts_with("_Z"))
     {
         return plain;

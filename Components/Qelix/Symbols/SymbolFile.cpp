@@ -2,11 +2,13 @@
 
 #include "Symbols/EntryNames.h"
 #include "Symbols/FunctionNames.h"
+#include "Symbols/VdsoImage.h"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <elfutils/libdwfl.h>
+#include <fmt/format.h>
 #include <gelf.h>
 
 namespace qelix
@@ -41,6 +43,19 @@ void ReadSegments(SymbolFile* pFile)
         const uint64_t end = (header.p_vaddr + header.p_filesz + ZORV_PAGE - 1) / ZORV_PAGE * ZORV_PAGE;
         pFile->m_segments.push_back({begin, end - begin});
     }
+}
+
+std::string ReadBuildId(Dwfl_Module* pModule)
+{
+    const unsigned char* pBytes = nullptr;
+    GElf_Addr address = 0;
+    const int size = dwfl_module_build_id(pModule, &pBytes, &address);
+    std::string digits;
+    for (int i = 0; i < size; ++i)
+    {
+        digits += fmt::format("{:02x}", pBytes[i]);
+    }
+    return digits;
 }
 
 uint32_t AddFunction(SymbolFile* pFile, std::string_view linkedName, Dwarf_Die* pEntry)
@@ -85,12 +100,14 @@ std::unique_ptr<SymbolFile> OpenSymbolFile(const std::string& path)
 {
     auto pFile = std::make_unique<SymbolFile>();
     pFile->m_path = path;
+    const bool isVdso = path == ZORV_VDSO;
+    const int fd = isVdso ? OpenVdsoImage() : -1;
     pFile->m_pDwfl.reset(dwfl_begin(&g_callbacks));
-    if (pFile->m_pDwfl == nullptr || !path.starts_with('/'))
+    if (pFile->m_pDwfl == nullptr || (isVdso ? fd < 0 : !path.starts_with('/')))
     {
-        return pFile; // pseudo-files like [vdso] are none
+        return pFile; // other pseudo-files hold no code that has names
     }
-    pFile->m_pModule = dwfl_report_offline(pFile->m_pDwfl.get(), path.c_str(), path.c_str(), -1);
+    pFile->m_pModule = dwfl_report_offline(pFile->m_pDwfl.get(), path.c_str(), path.c_str(), fd);
     dwfl_report_end(pFile->m_pDwfl.get(), nullptr, nullptr);
     if (pFile->m_pModule == nullptr)
     {
@@ -98,7 +115,8 @@ std::unique_ptr<SymbolFile> OpenSymbolFile(const std::string& path)
     }
     pFile->m_isReadable = true;
     ReadSegments(pFile.get());
-    pFile->m_symbols = ReadSymbols(pFile->m_pModule, pFile->m_bias);
+    pFile->m_buildId = ReadBuildId(pFile->m_pModule);
+    pFile->m_symbols = ReadSymbols(pFile->m_pModule, pFile->m_bias, &pFile->m_hasLocalSymbols);
     pFile->m_debugInfo = OpenDebugInfo(pFile->m_pModule, pFile->m_bias);
     return pFile;
 }

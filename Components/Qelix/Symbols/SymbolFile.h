@@ -19,6 +19,8 @@ struct Dwfl_Module;
 namespace qelix
 {
 
+constexpr const char* ZORV_VDSO = "[vdso]"; // as mappings name the kernel's code
+
 struct DwflCloser
 {
     void operator()(Dwfl* pDwfl) const;
@@ -48,6 +50,8 @@ struct SymbolFile
 {
     std::string m_path;
     bool m_isReadable = false;
+    std::string m_buildId;          // hex digits; empty: it has none
+    bool m_hasLocalSymbols = false; // not only those that it exports
     std::unique_ptr<Dwfl, DwflCloser> m_pDwfl;
     Dwfl_Module* m_pModule = nullptr;
     uint64_t m_bias = 0; // of the library's view of the module
@@ -58,6 +62,7 @@ struct SymbolFile
     std::unordered_map<const void*, uint32_t> m_functionOfEntry; // of the debug information
 };
 
+// ZORV_VDSO opens this process's own. What cannot be opened is not readable and has no symbols.
 std::unique_ptr<SymbolFile> OpenSymbolFile(const std::string& path);
 
 // The file's address of what lies so far behind the start of a mapping of this size.

@@ -61,7 +61,7 @@ bool IsCode(const GElf_Sym& symbol)
 
 } // namespace
 
-std::vector<Symbol> ReadSymbols(Dwfl_Module* pModule, uint64_t bias)
+std::vector<Symbol> ReadSymbols(Dwfl_Module* pModule, uint64_t bias, bool* pHasLocal)
 {
     std::vector<Symbol> symbols;
     const int count = dwfl_module_getsymtab(pModule);
@@ -73,6 +73,7 @@ std::vector<Symbol> ReadSymbols(Dwfl_Module* pModule, uint64_t bias)
         if (pName != nullptr && *pName != '\0' && IsCode(symbol))
         {
             const uint64_t inFile = address - bias;
+            *pHasLocal = *pHasLocal || GELF_ST_BIND(symbol.st_info) == STB_LOCAL;
             const std::string name = pName;
             symbols.push_back({inFile, inFile + symbol.st_size, name.substr(0, name.find('@'))});
         }

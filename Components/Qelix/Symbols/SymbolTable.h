@@ -21,7 +21,8 @@ struct Symbol
 };
 
 // Sorted by address, the plainest name of each. bias: of the module's addresses over those in the file.
-std::vector<Symbol> ReadSymbols(Dwfl_Module* pModule, uint64_t bias);
+// *pHasLocal: there are some that no other file can link to.
+std::vector<Symbol> ReadSymbols(Dwfl_Module* pModule, uint64_t bias, bool* pHasLocal);
 
 // Null when no function holds the address.
 Symbol* FindSymbol(std::vector<Symbol>* pSymbols, uint64_t address);

@@ -96,7 +96,8 @@ CodePlace LookUp(Symbolizer* pSymbolizer, Module* pModule, uint64_t address)
                  {FunctionInSession(pSymbolizer, pModule, frame.m_function),
                   SourceInSession(pSymbolizer, pModule, frame.m_source), frame.m_line});
     }
-    if (place.m_functions.empty())
+    place.m_isNamed = !place.m_functions.empty();
+    if (!place.m_isNamed)
     {
         const std::string name = fmt::format("{}+{:#x}", ModuleName(pFile->m_path), address);
         AddFrame(pSymbolizer, &place, {FunctionId(pSymbolizer, {name, pFile->m_path})});
@@ -104,12 +105,23 @@ CodePlace LookUp(Symbolizer* pSymbolizer, Module* pModule, uint64_t address)
     return place;
 }
 
+void OpenModule(Module* pModule, const std::string& path, const RecordedFiles& recorded)
+{
+    pModule->m_pFile = OpenSymbolFile(path);
+    pModule->m_match = MatchOf(*pModule->m_pFile, recorded);
+    if (pModule->m_match == ZORV_FILE_NOT_HERE)
+    {
+        pModule->m_pFile = std::make_unique<SymbolFile>(); // another kernel's code has other addresses
+        pModule->m_pFile->m_path = path;
+    }
+}
+
 const CodePlace& PlaceIn(Symbolizer* pSymbolizer, const Mapping& mapping, uint64_t address)
 {
     Module& module = pSymbolizer->m_modules[mapping.m_path];
     if (module.m_pFile == nullptr)
     {
-        module.m_pFile = OpenSymbolFile(mapping.m_path);
+        OpenModule(&module, mapping.m_path, pSymbolizer->m_recorded);
     }
     const uint64_t inFile =
         AddressInFile(*module.m_pFile, mapping.m_end - mapping.m_start, address - mapping.m_start);

@@ -4,6 +4,7 @@
 
 #include "Symbols/FunctionNames.h"
 #include "Symbols/ModuleMap.h"
+#include "Symbols/RecordedFiles.h"
 #include "Symbols/SymbolFile.h"
 
 #include <cstdint>
@@ -42,6 +43,7 @@ struct CodePlace
 {
     std::vector<uint32_t> m_functions; // ids; inlined ones first, the one that really stands there last
     std::vector<uint32_t> m_lines;     // ids, one for each function
+    bool m_isNamed = false;            // a symbol or debug information told the name
     bool m_isUnwinding = false;        // code of the agent or of its unwinder
     bool m_isSignalReturn = false;     // where libc returns from a signal handler
 };
@@ -50,6 +52,7 @@ struct CodePlace
 struct Module
 {
     std::unique_ptr<SymbolFile> m_pFile;
+    FileMatch m_match = ZORV_FILE_SAME;
     std::unordered_map<uint64_t, CodePlace> m_places; // by address in the file
     std::vector<uint32_t> m_functionIds;              // of the file's functions
     std::vector<uint32_t> m_sourceIds;                // of the file's sources
@@ -58,6 +61,7 @@ struct Module
 // Ids are indexes.
 struct Symbolizer
 {
+    RecordedFiles m_recorded; // to be set before the first look-up
     std::vector<Function> m_functions;
     std::vector<CodeLine> m_lines;
     std::vector<std::string> m_sources = {""}; // paths of source files
