@@ -1,6 +1,7 @@
 // qelix: runs a program under the agent and reads what the agent wrote.
 #include "Commands/CommandLine.h"
 #include "Commands/Commands.h"
+#include "Commands/HelpLayout.h"
 #include "Session/Failure.h"
 
 #include <CLI/CLI.hpp>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <exception>
 #include <unistd.h>
+#include <vector>
 
 namespace qelix
 {
@@ -30,8 +32,38 @@ void PrintNote(const std::string& text)
 namespace
 {
 
+struct CommandGroup
+{
+    const char* m_pName;
+    std::vector<const char*> m_commands;
+};
+
+// The first screen shows the commands by what they are for; one that stands in no group is one that reads.
+void GroupCommands(CLI::App* pApp)
+{
+    const CommandGroup groups[] = {
+        {"Record", {"run", "record", "env"}},
+        {"Steer what is running", {"status", "pause", "resume", "stop"}},
+        {"Look after it", {"check", "list", "symbols", "completion", "help", "version"}},
+    };
+    for (CLI::App* pCommand : pApp->get_subcommands([](const CLI::App*) { return true; }))
+    {
+        pCommand->group("Read");
+        for (const CommandGroup& group : groups)
+        {
+            const bool isHere = std::find(group.m_commands.begin(), group.m_commands.end(),
+                                          pCommand->get_name()) != group.m_commands.end();
+            if (isHere)
+            {
+                pCommand->group(group.m_pName);
+            }
+        }
+    }
+}
+
 void AddCommands(CLI::App* pApp, const std::vector<std::string>* pProgram, int* pStatus)
 {
+    pApp->formatter(HelpLayout()); // before the commands, which take it over
     pApp->require_subcommand(1);
     pApp->set_version_flag("--version", "qelix " QELIX_VERSION);
     pApp->add_option("--errors",
@@ -39,10 +71,17 @@ void AddCommands(CLI::App* pApp, const std::vector<std::string>* pProgram, int* 
         ->type_name("=FORM");
     AddRunCommand(pApp, pProgram, pStatus);
     AddRecordCommand(pApp, pProgram, pStatus);
+    AddSteerCommands(pApp, pStatus);
     AddDumpCommand(pApp, pStatus);
     AddReportCommand(pApp, pStatus);
     AddViewCommands(pApp, pStatus);
     AddExportCommand(pApp, pStatus);
+    AddCheckCommand(pApp, pStatus);
+    AddEnvCommand(pApp, pStatus);
+    AddListCommand(pApp, pStatus);
+    AddCompletionCommand(pApp, pStatus);
+    AddHelpCommands(pApp, pStatus);
+    GroupCommands(pApp);
 }
 
 int Execute(std::vector<std::string> arguments, bool* pIsJson)

@@ -15,7 +15,12 @@ namespace
 
 SessionRecord FullRecord()
 {
-    SessionRecord record{{"prog", "\xff"}, 77, 4'000'000, {{78, 77}}, 256};
+    SessionRecord record;
+    record.m_command = {"prog", "\xff"};
+    record.m_programPid = 77;
+    record.m_tickNs = 4'000'000;
+    record.m_parentOf = {{78, 77}};
+    record.m_waitStatus = 256;
     record.m_program = "/bin/prog";
     record.m_agentVersion = "1.2.3";
     record.m_agentBuildId = "abcd";

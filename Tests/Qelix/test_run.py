@@ -265,6 +265,55 @@ def test_a_directory_that_cannot_be_made_is_named(tmp_path):
     assert str(tmp_path / "file" / "session") in result.stderr
 
 
+@pytest.mark.skipif(os.getuid() == 0, reason="root may write everywhere")
+def test_a_read_only_directory_is_named(tmp_path):
+    tmp_path.chmod(0o555)
+    result = qelix("run", "true", cwd=tmp_path)
+    assert result.returncode == 125
+    assert "cannot make the session directory" in result.stderr and "choose another with -o DIR" in result.stderr
+
+
+# In a mount namespace of its own, so that nothing stays mounted: $1 is the size, the rest is run in the folder.
+ON_SMALL_DISK = "mount -t tmpfs -o size=$1 tmpfs . && cd . && cd \"$PWD\" && shift && exec \"$@\""
+
+
+def on_small_disk(folder, options, *command):
+    if os.getuid() != 0:
+        pytest.skip("only root can mount a small disk")
+    mounted = ["unshare", "-m", "sh", "-c", ON_SMALL_DISK, "sh", options]
+    if subprocess.run([*mounted, "true"], cwd=folder, capture_output=True).returncode != 0:
+        pytest.skip("mounting is not allowed here")
+    return subprocess.run([*mounted, *command], cwd=folder, capture_output=True, text=True, timeout=120)
+
+
+def test_a_read_only_disk_is_named(tmp_path):
+    result = on_small_disk(tmp_path, "1M,ro", QELIX, "run", "true")
+    assert result.returncode == 125
+    assert "Read-only file system" in result.stderr and "choose another with -o DIR" in result.stderr
+
+
+def test_on_a_disk_that_fills_up_the_program_ends_as_natively(tmp_path):
+    program = ["sh", "-c", f"{SUBJECT} count 100000 && exit 6"]
+    result = on_small_disk(tmp_path, "256k", QELIX, "run", "--threshold", "0", *program)
+    assert result.returncode == 6, result.stderr
+    assert "ended with status 6" in result.stderr
+
+
+def test_on_a_full_disk_nothing_is_started(tmp_path):
+    fill = ["sh", "-c", f"head -c 1M /dev/zero > full 2>/dev/null; {QELIX} run touch /tmp/started-on-a-full-disk"]
+    result = on_small_disk(tmp_path, "64k", *fill)
+    assert result.returncode == 125, result.stderr
+    assert "make room or choose another directory with -o DIR" in result.stderr
+    assert not os.path.exists("/tmp/started-on-a-full-disk")
+
+
+def test_the_report_fits_a_narrow_terminal_and_needs_none(session):
+    environment = {key: value for key, value in os.environ.items() if key != "TERM"}
+    result = qelix("run", "-o", session, SUBJECT, "contend", "20", stdin=subprocess.DEVNULL,
+                   start_new_session=True, env={**environment, "COLUMNS": "80"})
+    assert result.returncode == 0 and "\x1b" not in result.stderr
+
+
 def test_a_session_path_with_blanks_and_a_relative_one(tmp_path):
     result = qelix("run", "-o", "my session: 1", "--", SUBJECT, "count", "1", cwd=tmp_path)
     assert result.returncode == 0

@@ -16,19 +16,6 @@ constexpr const char* ZORV_BARE_COMMAND = "run";
 constexpr const char* g_runners[] = {ZORV_BARE_COMMAND,
                                      "record"}; // whose own words end where the program begins
 
-const CLI::App* FindCommand(const CLI::App& app, const std::string& word)
-{
-    const auto commands = app.get_subcommands([](const CLI::App*) { return true; });
-    const auto found = std::find_if(commands.begin(), commands.end(),
-                                    [&](const CLI::App* pCommand) { return pCommand->check_name(word); });
-    return found != commands.end() ? *found : nullptr;
-}
-
-bool IsRunner(const CLI::App* pCommand)
-{
-    return std::find(std::begin(g_runners), std::end(g_runners), pCommand->get_name()) != std::end(g_runners);
-}
-
 bool IsExecutable(const std::string& word)
 {
     try
@@ -110,6 +97,19 @@ bool TakeErrorForm(std::vector<std::string>* pArguments)
 
 } // namespace
 
+const CLI::App* FindCommand(const CLI::App& app, const std::string& word)
+{
+    const auto commands = app.get_subcommands([](const CLI::App*) { return true; });
+    const auto found = std::find_if(commands.begin(), commands.end(),
+                                    [&](const CLI::App* pCommand) { return pCommand->check_name(word); });
+    return found != commands.end() ? *found : nullptr;
+}
+
+bool IsRunner(const CLI::App& command)
+{
+    return std::find(std::begin(g_runners), std::end(g_runners), command.get_name()) != std::end(g_runners);
+}
+
 CommandLine SplitCommandLine(const CLI::App& app, std::vector<std::string> arguments)
 {
     InsertBareCommand(app, &arguments);
@@ -117,7 +117,7 @@ CommandLine SplitCommandLine(const CLI::App& app, std::vector<std::string> argum
     line.m_own = std::move(arguments);
     const std::size_t index = CommandIndex(app, line.m_own);
     const CLI::App* pCommand = index < line.m_own.size() ? FindCommand(app, line.m_own[index]) : nullptr;
-    if (pCommand != nullptr && IsRunner(pCommand))
+    if (pCommand != nullptr && IsRunner(*pCommand))
     {
         const auto program =
             line.m_own.begin() + static_cast<std::ptrdiff_t>(ProgramIndex(*pCommand, line.m_own, index + 1));

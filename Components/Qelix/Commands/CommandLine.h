@@ -21,6 +21,12 @@ struct CommandLine
     bool m_isJson = false; // --errors=json, which stands in none of them
 };
 
+// Null when there is no such command.
+const CLI::App* FindCommand(const CLI::App& app, const std::string& word);
+
+// Do its own words end where a program's begin?
+bool IsRunner(const CLI::App& command);
+
 // A line without a command that names an executable, or begins with an option of `run`, is that of `run`.
 CommandLine SplitCommandLine(const CLI::App& app, std::vector<std::string> arguments);
 

@@ -16,6 +16,12 @@ namespace qelix
 // The program and its arguments are there when the command line has been parsed.
 void AddRunCommand(CLI::App* pApp, const std::vector<std::string>* pProgram, int* pStatus);
 void AddRecordCommand(CLI::App* pApp, const std::vector<std::string>* pProgram, int* pStatus);
+void AddSteerCommands(CLI::App* pApp, int* pStatus); // status, pause, resume, stop
+void AddCheckCommand(CLI::App* pApp, int* pStatus);
+void AddEnvCommand(CLI::App* pApp, int* pStatus);
+void AddListCommand(CLI::App* pApp, int* pStatus);
+void AddCompletionCommand(CLI::App* pApp, int* pStatus);
+void AddHelpCommands(CLI::App* pApp, int* pStatus); // help, version
 void AddDumpCommand(CLI::App* pApp, int* pStatus);
 void AddReportCommand(CLI::App* pApp, int* pStatus);
 void AddViewCommands(CLI::App* pApp, int* pStatus); // threads, locks, waits, io, blocked

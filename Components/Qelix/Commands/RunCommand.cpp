@@ -1,5 +1,6 @@
 #include "Commands/Commands.h"
 #include "Commands/RunOptions.h"
+#include "Commands/RunPlan.h"
 #include "Report/Report.h"
 #include "Session/AgentConfiguration.h"
 #include "Session/AgentReports.h"
@@ -10,21 +11,21 @@
 #include "Session/ProgramCheck.h"
 #include "Session/ProgramRun.h"
 #include "Session/ProgramSearch.h"
-#include "Session/Ranks.h"
 #include "Session/RunOverseer.h"
 #include "Session/SessionDirectory.h"
 #include "Session/SessionProcesses.h"
 #include "Session/SessionRecord.h"
+#include "Session/SessionSearch.h"
 #include "Session/Sizes.h"
+#include "Session/ThreadLimits.h"
 #include "Symbols/BuildIds.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <ctime>
 #include <memory>
+#include <set>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,41 +33,6 @@ namespace qelix
 {
 namespace
 {
-
-// What has been decided before anything is made.
-struct RunPlan
-{
-    std::string m_program;
-    std::string m_agent;
-    Thresholds m_thresholds;
-    std::optional<SampleSettings> m_sampling;
-    std::optional<uint64_t> m_durationNs;
-    std::optional<uint64_t> m_budgetBytes;
-    std::optional<int64_t> m_rank;
-    uint64_t m_tickNs;
-};
-
-SessionRecord RecordOf(const RunOptions& options, const RunPlan& plan)
-{
-    SessionRecord record;
-    record.m_command = options.m_command;
-    record.m_tickNs = plan.m_tickNs;
-    record.m_program = plan.m_program;
-    record.m_agentVersion = QELIX_VERSION;
-    record.m_agentBuildId = BuildIdOf(plan.m_agent);
-    record.m_machine = ThisMachine();
-    record.m_launcherPid = getpid();
-    record.m_rank = plan.m_rank;
-    record.m_thresholds = plan.m_thresholds;
-    record.m_profileChildren = options.m_profileChildren;
-    record.m_budgetBytes = plan.m_budgetBytes;
-    if (plan.m_sampling)
-    {
-        record.m_intervalNs = plan.m_sampling->m_intervalNs;
-        record.m_depth = plan.m_sampling->m_depth;
-    }
-    return record;
-}
 
 OverseerTask TaskOf(const RunOptions& options, const RunPlan& plan)
 {
@@ -102,6 +68,7 @@ void RunUnderAgent(const RunOptions& options, const RunPlan& plan, const Session
     WriteConfiguration({session.m_configPath, plan.m_agent, block.m_name, standIn.m_pid, plan.m_thresholds,
                         options.m_profileChildren, plan.m_sampling, plan.m_rank});
     ProcessWatch watch(session.m_path);
+    pRecord->m_launcherPid = getpid();
     pRecord->m_blockName = block.m_name;
     pRecord->m_start = ReadClocks();
     pRecord->m_programPid = StartProgram(
@@ -144,20 +111,6 @@ std::optional<int> WaitStatusOf(const SessionRecord& record, const std::vector<A
     return isEndedByAgent ? std::nullopt : record.m_waitStatus;
 }
 
-std::string EndText(const std::optional<int>& waitStatus)
-{
-    if (!waitStatus)
-    {
-        return "was ended by the agent";
-    }
-    if (WIFSIGNALED(*waitStatus))
-    {
-        const int signal = WTERMSIG(*waitStatus);
-        return fmt::format("was ended by signal {} ({})", signal, strsignal(signal));
-    }
-    return fmt::format("ended with status {}", WEXITSTATUS(*waitStatus));
-}
-
 // What goes wrong here is told, and changes the status under --strict alone.
 bool FinishSession(const std::string& sessionPath, SessionRecord* pRecord, bool withReport)
 {
@@ -192,49 +145,51 @@ RunPlan PlanOf(const RunOptions& options)
     {
         throw Failure(ZORV_STATUS_OWN_FAILURE, "no program to run; say: qelix run PROGRAM ARGS...");
     }
-    RunPlan plan;
-    plan.m_tickNs = KernelTickNs();
-    plan.m_thresholds = ThresholdsOf(options);
-    plan.m_sampling = SamplingOf(options, plan.m_tickNs, PrintNote);
-    if (!plan.m_sampling && !IsAnyClassOn(plan.m_thresholds))
-    {
-        throw Failure(
-            ZORV_STATUS_OWN_FAILURE,
-            "without samples and with every class off there would be nothing to record; leave a class on");
-    }
-    plan.m_durationNs = DurationOf(options);
-    plan.m_budgetBytes = BudgetOf(options);
-    plan.m_rank = ParseRank(options.m_rank);
+    RunPlan plan = PlanRecording(options);
     plan.m_program = FindProgram(options.m_command.front());
     RequireTraceable(plan.m_program);
     if (IsAnyClassOn(plan.m_thresholds))
     {
         RequireTraceablePreloads(getenv("LD_PRELOAD"));
     }
-    plan.m_agent = FindAgent();
     return plan;
 }
 
-SessionDirectory MakeDirectoryFor(const RunOptions& options, const RunPlan& plan)
+// The kernel and libc refuse some programs a second thread. Which it was is not said anywhere, so all that ran
+// are asked.
+void ExplainSecondThread(const SessionRecord& record, const std::string& sessionPath, int waitStatus)
 {
-    if (options.m_directory.empty())
+    if (waitStatus == 0)
     {
-        return MakeSessionDirectory(DefaultSessionName(options.m_command.front(), time(nullptr), getpid()));
+        return;
     }
-    return plan.m_rank ? MakeRankDirectory(options.m_directory, *plan.m_rank)
-                       : MakeSessionDirectory(options.m_directory);
+    std::set<std::string> programs = {record.m_program};
+    for (const ExecFact& exec : ReadAgentLogs(sessionPath).m_execs)
+    {
+        programs.insert(exec.m_path);
+    }
+    for (const std::string& program : programs)
+    {
+        if (const std::string reason = SecondThreadReason(program, waitStatus); !reason.empty())
+        {
+            PrintNote(reason);
+            return;
+        }
+    }
 }
 
 // Ours is the program's status, or its death.
 int Run(const RunOptions& options, bool withReport)
 {
     const RunPlan plan = PlanOf(options);
-    const SessionDirectory session = MakeDirectoryFor(options, plan);
+    const SessionDirectory session = MakeDirectoryFor(options, plan, options.m_command.front());
     SessionRecord record = RecordOf(options, plan);
     RunInSession(options, plan, session, &record);
     const std::vector<AgentError> errors = ReadAgentErrors(session.m_path);
     const std::optional<int> waitStatus = WaitStatusOf(record, errors);
-    PrintNote(fmt::format("{} {}", options.m_command.front(), EndText(waitStatus)));
+    PrintNote(fmt::format("{} {}", options.m_command.front(),
+                          waitStatus ? EndText(*waitStatus) : "was ended by the agent"));
+    ExplainSecondThread(record, session.m_path, waitStatus.value_or(0));
     const bool isComplete = FinishSession(session.m_path, &record, withReport);
     if (!isComplete && options.m_isStrict)
     {
@@ -255,11 +210,10 @@ void AddRunner(CLI::App* pCommand, const std::vector<std::string>* pProgram, int
 {
     const auto pOptions = std::make_shared<RunOptions>();
     AddRunOptions(pCommand, pOptions.get());
-    pCommand->footer(
-        "What follows the options is the program and its own arguments; no -- is needed in front of it.\n"
-        "Leaves with the program's status, and dies of the signal that ended it; 127: no such program,\n"
-        "126: it cannot be run or traced, 125: qelix itself failed. Everything that qelix prints goes to\n"
-        "standard error.");
+    pCommand->footer("What follows the options is the program and its own arguments; no -- is needed\n"
+                     "in front of it. Leaves with the program's status, and dies of the signal that\n"
+                     "ended it; 127: no such program, 126: it cannot be run or traced, 125: qelix\n"
+                     "itself failed. Everything that qelix prints goes to standard error.");
     pCommand->callback(
         [pOptions, pProgram, pStatus, withReport]
         {
@@ -272,9 +226,9 @@ void AddRunner(CLI::App* pCommand, const std::vector<std::string>* pProgram, int
 
 void AddRunCommand(CLI::App* pApp, const std::vector<std::string>* pProgram, int* pStatus)
 {
-    CLI::App* pRun =
-        pApp->add_subcommand("run", "Run a program and report where its threads waited and burnt CPU:\n"
-                                    "qelix run [OPTIONS] PROGRAM ARGS..., or qelix PROGRAM ARGS...");
+    CLI::App* pRun = pApp->add_subcommand(
+        "run", "Run a program and report where its threads waited and burnt CPU: qelix run "
+               "[OPTIONS] PROGRAM ARGS..., or qelix PROGRAM ARGS...");
     AddRunner(pRun, pProgram, pStatus, true);
 }
 
