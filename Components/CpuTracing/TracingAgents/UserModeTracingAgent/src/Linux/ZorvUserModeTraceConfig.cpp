@@ -39,7 +39,7 @@ static char* TrimPath(char* pValue)
 // whose leak checker looks for it in our data, and not in the process record.
 static char* DuplicatePath(char* pValue)
 {
-    static char* pCopies[PATH_ROWS];
+    static __attribute__((used)) char* pCopies[PATH_ROWS];
     static size_t count;
     char* pCopy = ZorvUmaStrdup(TrimPath(pValue));
     pCopies[count++ % PATH_ROWS] = pCopy;

@@ -15,7 +15,6 @@ namespace
 {
 
 using PhdrCallback = int (*)(struct dl_phdr_info* pInfo, size_t size, void* pData);
-using FindObject = int (*)(void* pAddress, struct dl_find_object* pResult);
 
 // What _dl_find_object says of a module; all of it null where it says nothing.
 struct ObjectPlace
@@ -45,7 +44,6 @@ struct ModuleList
 };
 
 ModuleList* g_pList; // changes hands only under the turn to unwind
-FindObject g_pFindObject;
 ObjectPlace g_unwinder; // stays, as its handle is never closed
 bool g_isUnwinderShared;
 
@@ -58,7 +56,7 @@ int IteratePhdrOfLibc(PhdrCallback callback, void* pData);
 static ObjectPlace PlaceOf(void* pAddress)
 {
     struct dl_find_object found;
-    if (g_pFindObject(pAddress, &found) != 0)
+    if (_dl_find_object(pAddress, &found) != 0)
         return {};
     return {found.dlfo_map_start, found.dlfo_map_end, found.dlfo_eh_frame};
 }
@@ -137,9 +135,6 @@ static void RenewList()
 void ZorvUmsListModules(void* pUnwinder, bool wasLoaded)
 {
     g_isUnwinderShared = wasLoaded;
-    g_pFindObject = reinterpret_cast<FindObject>(dlsym(RTLD_DEFAULT, "_dl_find_object"));
-    if (g_pFindObject == nullptr)
-        return;
     g_unwinder = PlaceOf(static_cast<struct link_map*>(pUnwinder)->l_ld);
     RenewList();
 }
