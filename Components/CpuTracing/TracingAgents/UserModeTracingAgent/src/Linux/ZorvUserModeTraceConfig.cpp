@@ -7,7 +7,6 @@ namespace
 {
 
 constexpr size_t LINE_SIZE = 5120;
-constexpr size_t PATH_ROWS = 9; // rows of the table whose value is a path
 
 using ApplyRow = bool (*)(ZorvUmaProfileInfo* pProfileInfo, char* pValue);
 
@@ -35,15 +34,10 @@ static char* TrimPath(char* pValue)
     return pValue;
 }
 
-// A copy of it for the life of the process. It comes from the program's allocator where that has one of its own,
-// whose leak checker looks for it in our data, and not in the process record.
+// A copy of it for the life of the process.
 static char* DuplicatePath(char* pValue)
 {
-    static __attribute__((used)) char* pCopies[PATH_ROWS];
-    static size_t count;
-    char* pCopy = ZorvUmaStrdup(TrimPath(pValue));
-    pCopies[count++ % PATH_ROWS] = pCopy;
-    return pCopy;
+    return ZorvUmaStrdup(TrimPath(pValue));
 }
 
 // At most ZORV_UMS_MAX_EVENTS numbers; the rest of a longer list is left out. Returns how many were stored.
