@@ -142,6 +142,11 @@ std::vector<std::string> CautionLines(const SessionFacts& session)
             fmt::format("interval: {} were asked for, and the kernel's tick gives a sample every {}",
                         DurationText(*session.m_settings.m_intervalNs), DurationText(session.m_periodNs)));
     }
+    if (session.m_record.m_isBudgetReached)
+    {
+        cautions.push_back(fmt::format("budget: collection was paused when the files had reached {}",
+                                       BytesText(session.m_record.m_budgetBytes.value_or(0))));
+    }
     if (session.m_foldedLocks != 0)
     {
         cautions.push_back(fmt::format("locks: {} that were waited for least were not told apart",

@@ -120,16 +120,28 @@ void WriteLockPeople(Lines out, const SessionFacts& session, const LockFacts& lo
     }
 }
 
+// "(server, queue.cpp:120)"; without a line the module alone.
+std::string PlaceText(const Function& function)
+{
+    const std::string module = PrintableText(ModuleName(function.m_module));
+    if (function.m_line == 0)
+    {
+        return " (" + CutTo(module, 24) + ")";
+    }
+    const std::string source = PrintableText(ModuleName(function.m_source));
+    return fmt::format(" ({}, {}:{})", CutTo(module, 14), CutTo(source, 16), function.m_line);
+}
+
 void WriteFunction(Lines out, const SessionFacts& session, const FunctionRow& row, uint64_t samples,
                    const Screen& screen)
 {
-    const std::string module = " (" + CutTo(PrintableText(ModuleName(row.m_pFunction->m_module)), 24) + ")";
+    const std::string place = PlaceText(*row.m_pFunction);
     const auto percent = [samples](uint64_t part)
     { return 100.0 * static_cast<double>(part) / static_cast<double>(samples); };
-    fmt::format_to(
-        out, "  {:>7} {:>6.1f} {:>6.1f}  {}{}\n", DurationText(SampledNs(session, row.m_count.m_self)),
-        percent(row.m_count.m_self), percent(row.m_count.m_total),
-        CutTo(PrintableText(row.m_pFunction->m_name), screen.m_width - 25 - WidthOf(module)), module);
+    fmt::format_to(out, "  {:>7} {:>6.1f} {:>6.1f}  {}{}\n",
+                   DurationText(SampledNs(session, row.m_count.m_self)), percent(row.m_count.m_self),
+                   percent(row.m_count.m_total),
+                   CutTo(PrintableText(row.m_pFunction->m_name), screen.m_width - 25 - WidthOf(place)), place);
 }
 
 } // namespace
