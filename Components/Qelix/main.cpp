@@ -75,6 +75,8 @@ void AddCommands(CLI::App* pApp, const std::vector<std::string>* pProgram, int* 
     AddDumpCommand(pApp, pStatus);
     AddReportCommand(pApp, pStatus);
     AddViewCommands(pApp, pStatus);
+    AddCpuCommand(pApp, pStatus);
+    AddSymbolsCommand(pApp, pStatus);
     AddExportCommand(pApp, pStatus);
     AddCheckCommand(pApp, pStatus);
     AddEnvCommand(pApp, pStatus);

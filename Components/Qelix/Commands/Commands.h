@@ -25,6 +25,8 @@ void AddHelpCommands(CLI::App* pApp, int* pStatus); // help, version
 void AddDumpCommand(CLI::App* pApp, int* pStatus);
 void AddReportCommand(CLI::App* pApp, int* pStatus);
 void AddViewCommands(CLI::App* pApp, int* pStatus); // threads, locks, waits, io, blocked
+void AddCpuCommand(CLI::App* pApp, int* pStatus);
+void AddSymbolsCommand(CLI::App* pApp, int* pStatus);
 void AddExportCommand(CLI::App* pApp, int* pStatus);
 
 // Text that leaves through standard output; ends the command when nothing can be written there.

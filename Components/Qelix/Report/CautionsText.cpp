@@ -1,6 +1,7 @@
 // What keeps a report from being the whole truth.
 #include "Report/Report.h"
 #include "Report/TextParts.h"
+#include "Symbols/ModuleFacts.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -108,6 +109,19 @@ bool IsCutOff(const ProcessFacts& process)
                                             });
 }
 
+// What is gone has numbers for names, and says so itself.
+void AddChangedFiles(Cautions* pCautions, const SessionFacts& session)
+{
+    for (const ModuleFacts& module : ModulesOf(*session.m_pSymbolizer))
+    {
+        if (module.m_match == ZORV_FILE_CHANGED || module.m_match == ZORV_FILE_NEWER)
+        {
+            pCautions->push_back(
+                fmt::format("changed: {}: {}", PrintableText(module.m_path), MatchText(module.m_match)));
+        }
+    }
+}
+
 } // namespace
 
 std::vector<std::string> CautionLines(const SessionFacts& session)
@@ -152,6 +166,7 @@ std::vector<std::string> CautionLines(const SessionFacts& session)
         cautions.push_back(fmt::format("locks: {} that were waited for least were not told apart",
                                        Plural(session.m_foldedLocks, "lock", "locks")));
     }
+    AddChangedFiles(&cautions, session);
     AddLost(&cautions, session.m_log);
     for (const AgentError& error : session.m_agentErrors)
     {

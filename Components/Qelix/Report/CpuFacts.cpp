@@ -17,10 +17,10 @@ std::vector<FunctionRow> RankedFunctions(const Symbolizer& symbolizer, const Fun
     std::sort(rows.begin(), rows.end(),
               [](const FunctionRow& a, const FunctionRow& b)
               {
-                  return std::tie(b.m_count.m_self, b.m_count.m_total, a.m_pFunction->m_name,
-                                  a.m_pFunction->m_module) < std::tie(a.m_count.m_self, a.m_count.m_total,
-                                                                      b.m_pFunction->m_name,
-                                                                      b.m_pFunction->m_module);
+                  return std::tie(b.m_count.m_selfNs, b.m_count.m_self, b.m_count.m_totalNs, b.m_count.m_total,
+                                  a.m_pFunction->m_name, a.m_pFunction->m_module) <
+                         std::tie(a.m_count.m_selfNs, a.m_count.m_self, a.m_count.m_totalNs, a.m_count.m_total,
+                                  b.m_pFunction->m_name, b.m_pFunction->m_module);
               });
     return rows;
 }
@@ -79,7 +79,7 @@ FunctionCounts FunctionsOf(const SessionFacts& session)
     FunctionCounts counts;
     for (const ProcessFacts& process : session.m_processes)
     {
-        AddFunctions(&counts, FunctionsOf(process.m_samples));
+        AddFunctions(&counts, FunctionsOf(process.m_samples), NsPerSample(session, process));
     }
     return counts;
 }
@@ -87,17 +87,34 @@ FunctionCounts FunctionsOf(const SessionFacts& session)
 namespace
 {
 
-uint64_t ExpiriesNs(const SessionFacts& session, uint64_t samples, uint64_t allSamples, uint64_t overruns)
+struct Missed
+{
+    uint64_t m_overruns = 0;
+    uint64_t m_lost = 0;
+};
+
+uint64_t CountOf(const std::map<pid_t, uint64_t>& counts, const ProcessFacts& process)
+{
+    const auto found = counts.find(static_cast<pid_t>(process.m_pid));
+    return found == counts.end() ? 0 : found->second;
+}
+
+double ExpiriesNs(const SessionFacts& session, uint64_t samples, uint64_t allSamples, const Missed& missed)
 {
     // Below the tick a timer expires several times between two ticks, and each of them is told.
     const uint64_t interval = session.m_settings.m_intervalNs.value_or(0);
-    const uint64_t period = overruns == 0 || interval == 0 ? session.m_periodNs : interval;
+    const uint64_t period = missed.m_overruns == 0 || interval == 0 ? session.m_periodNs : interval;
     double expiries = static_cast<double>(samples);
     if (allSamples != 0)
     {
-        expiries *= 1 + static_cast<double>(overruns) / static_cast<double>(allSamples);
+        expiries *=
+            1 + static_cast<double>(missed.m_overruns + missed.m_lost) / static_cast<double>(allSamples);
     }
-    const double nanoseconds = expiries * static_cast<double>(period);
+    return expiries * static_cast<double>(period);
+}
+
+uint64_t WholeNs(double nanoseconds)
+{
     return nanoseconds >= 0x1p64 ? UINT64_MAX : static_cast<uint64_t>(nanoseconds);
 }
 
@@ -110,14 +127,32 @@ uint64_t SampledNs(const SessionFacts& session, uint64_t samples)
     {
         allSamples += process.m_samples.m_allSamples;
     }
-    return ExpiriesNs(session, samples, allSamples, session.m_log.m_timerOverruns);
+    return WholeNs(ExpiriesNs(session, samples, allSamples,
+                              {session.m_log.m_timerOverruns, session.m_log.m_lostSampleRecords}));
 }
 
 uint64_t SampledNs(const SessionFacts& session, const ProcessFacts& process, uint64_t samples)
 {
-    const auto overruns = session.m_log.m_overrunsOf.find(static_cast<pid_t>(process.m_pid));
-    return ExpiriesNs(session, samples, process.m_samples.m_allSamples,
-                      overruns == session.m_log.m_overrunsOf.end() ? 0 : overruns->second);
+    return WholeNs(ExpiriesNs(
+        session, samples, process.m_samples.m_allSamples,
+        {CountOf(session.m_log.m_overrunsOf, process), CountOf(session.m_log.m_lostSamplesOf, process)}));
+}
+
+double NsPerSample(const SessionFacts& session, const ProcessFacts& process)
+{
+    return ExpiriesNs(
+        session, 1, process.m_samples.m_allSamples,
+        {CountOf(session.m_log.m_overrunsOf, process), CountOf(session.m_log.m_lostSamplesOf, process)});
+}
+
+double SampledNs(const SessionFacts& session)
+{
+    double nanoseconds = 0;
+    for (const ProcessFacts& process : session.m_processes)
+    {
+        nanoseconds += static_cast<double>(process.m_samples.m_samples) * NsPerSample(session, process);
+    }
+    return nanoseconds;
 }
 
 } // namespace qelix

@@ -16,7 +16,8 @@ struct FunctionRow
     FunctionCount m_count;
 };
 
-// Most samples in the function itself first, then most in what it calls; equal ones by name.
+// Most time in the function itself first, then most in what it calls; equal ones by name. Samples alone tell
+// where they were not weighed.
 std::vector<FunctionRow> RankedFunctions(const Symbolizer& symbolizer, const FunctionCounts& counts);
 
 struct ModuleRow
@@ -42,5 +43,7 @@ FunctionCounts FunctionsOf(const SessionFacts& session);
 // signal was still pending made no sample: what was missed is shared out among those that were made.
 uint64_t SampledNs(const SessionFacts& session, uint64_t samples);
 uint64_t SampledNs(const SessionFacts& session, const ProcessFacts& process, uint64_t samples);
+double NsPerSample(const SessionFacts& session, const ProcessFacts& process);
+double SampledNs(const SessionFacts& session); // all of them, each weighed as its process asks for
 
 } // namespace qelix

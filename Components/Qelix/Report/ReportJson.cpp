@@ -1,6 +1,7 @@
 #include "Report/CpuFacts.h"
 #include "Report/Report.h"
 #include "Report/ThreadTimes.h"
+#include "Symbols/ModuleFacts.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -262,6 +263,23 @@ Json TimesJson(const SessionFacts& session)
     return list;
 }
 
+// What could be named.
+Json ModulesJson(const Symbolizer& symbolizer)
+{
+    Json list = Json::array();
+    for (const ModuleFacts& module : ModulesOf(symbolizer))
+    {
+        list.push_back({{"path", module.m_path},
+                        {"buildId", module.m_buildId},
+                        {"isChanged", module.m_match == ZORV_FILE_CHANGED || module.m_match == ZORV_FILE_NEWER},
+                        {"addresses", module.m_addresses},
+                        {"named", module.m_named},
+                        {"withLine", module.m_withLine},
+                        {"remarks", RemarksOn(module)}});
+    }
+    return list;
+}
+
 } // namespace
 
 std::string ReportJson(const SessionFacts& session)
@@ -292,6 +310,7 @@ std::string ReportJson(const SessionFacts& session)
     json["locks"] = std::move(locks);
     json["neverReturned"] = std::move(neverReturned);
     json["cpu"] = CpuJson(session);
+    json["modules"] = ModulesJson(*session.m_pSymbolizer);
     json["agent"] = AgentJson(session);
     // Names come from the program: bytes that are no UTF-8 are replaced rather than refused.
     return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";

@@ -14,6 +14,22 @@ namespace
 
 constexpr uint32_t ZORV_EXTRA_FRAMES = 8; // that the agent records beyond the configured depth
 
+constexpr std::size_t ZORV_STACKS_PENDING = 50000;
+
+struct StackHash
+{
+    std::size_t operator()(const std::vector<uint64_t>& stack) const
+    {
+        uint64_t hash = stack.size();
+        for (const uint64_t address : stack)
+        {
+            hash = (hash ^ address) * 0x9E3779B97F4A7C15;
+            hash ^= hash >> 32;
+        }
+        return hash;
+    }
+};
+
 struct Gathering
 {
     ProcessSamples m_process;
@@ -22,7 +38,68 @@ struct Gathering
     const ProcessFilter& m_filter;
     std::unordered_map<int32_t, ThreadSamples> m_threads;
     std::vector<NameFact> m_names;
+    // Most samples have a stack that another one had: each is looked up once, as long as memory may be had.
+    std::unordered_map<int32_t, std::unordered_map<std::vector<uint64_t>, uint64_t, StackHash>> m_pending;
+    std::size_t m_pendingCount = 0;
 };
+
+void CountOnce(FunctionCounts* pCounts, const std::vector<uint32_t>& ids, uint64_t samples)
+{
+    if (ids.empty())
+    {
+        return;
+    }
+    (*pCounts)[ids.front()].m_self += samples;
+    std::vector<uint32_t> once = ids;
+    std::sort(once.begin(), once.end());
+    once.erase(std::unique(once.begin(), once.end()), once.end());
+    for (const uint32_t id : once)
+    {
+        (*pCounts)[id].m_total += samples;
+    }
+}
+
+void TakeStack(Gathering* pGathering, int32_t tid, const std::vector<uint64_t>& stack, uint64_t time,
+               uint64_t samples)
+{
+    const SampleView& view = pGathering->m_view;
+    ThreadSamples& thread = pGathering->m_threads[tid];
+    const StackIds ids = IdsOfStack(pGathering->m_pSymbols, stack, time, view.m_withAgentFrames);
+    AddStack(&thread, ids.m_functions, view.m_withStacks, samples);
+    if (view.m_withLines)
+    {
+        CountOnce(&thread.m_lines, ids.m_lines, samples);
+    }
+}
+
+void TakePending(Gathering* pGathering)
+{
+    for (const auto& [tid, stacks] : pGathering->m_pending)
+    {
+        for (const auto& [stack, samples] : stacks)
+        {
+            TakeStack(pGathering, tid, stack, 0, samples);
+        }
+    }
+    pGathering->m_pending.clear();
+    pGathering->m_pendingCount = 0;
+}
+
+// What lay at an address may depend on the time.
+void AddSample(Gathering* pGathering, const SampleRecord& sample)
+{
+    if (!pGathering->m_pSymbols->m_map.m_isStable)
+    {
+        TakeStack(pGathering, sample.m_hdr.m_tid, sample.m_callStack, sample.m_hdr.m_startTime, 1);
+        return;
+    }
+    uint64_t& samples = pGathering->m_pending[sample.m_hdr.m_tid][sample.m_callStack];
+    pGathering->m_pendingCount += samples++ == 0 ? 1 : 0;
+    if (pGathering->m_pendingCount == ZORV_STACKS_PENDING)
+    {
+        TakePending(pGathering);
+    }
+}
 
 void AddEvents(ThreadSamples* pThread, const std::vector<ZorvUmsEventData>& events)
 {
@@ -60,9 +137,7 @@ struct RecordTaker
             return;
         }
         ThreadSamples& thread = m_pGathering->m_threads[sample.m_hdr.m_tid];
-        const std::vector<uint32_t> functions = FunctionsOfStack(
-            m_pGathering->m_pSymbols, sample.m_callStack, sample.m_hdr.m_startTime, view.m_withAgentFrames);
-        AddStack(&thread, functions, view.m_withStacks);
+        AddSample(m_pGathering, sample);
         AddEvents(&thread, sample.m_events);
         if (view.m_depth != 0 && sample.m_callStack.size() >= view.m_depth + ZORV_EXTRA_FRAMES)
         {
@@ -112,6 +187,8 @@ void SettleThreads(Gathering* pGathering)
               { return std::tuple(b.m_samples, a.m_tid) < std::tuple(a.m_samples, b.m_tid); });
 }
 
+} // namespace
+
 uint32_t ChildOf(StackTree* pTree, uint32_t parent, uint32_t function)
 {
     if (pTree->m_nodes.empty())
@@ -127,38 +204,25 @@ uint32_t ChildOf(StackTree* pTree, uint32_t parent, uint32_t function)
     return at->second;
 }
 
-} // namespace
-
-std::vector<uint32_t> FunctionsOfStack(ProcessSymbols* pSymbols, const std::vector<uint64_t>& stack,
-                                       uint64_t time, bool withAgentFrames)
+StackIds IdsOfStack(ProcessSymbols* pSymbols, const std::vector<uint64_t>& stack, uint64_t time,
+                    bool withAgentFrames)
 {
-    std::vector<uint32_t> functions;
+    StackIds ids;
     const std::size_t own = FirstOwnFrame(pSymbols, stack, time);
     for (std::size_t i = withAgentFrames ? 0 : own; i < stack.size(); ++i)
     {
-        const uint64_t address = FrameAddress(pSymbols, stack, i, own, time);
-        const std::vector<uint32_t>& here = PlaceOf(pSymbols, address, time).m_functions;
-        functions.insert(functions.end(), here.begin(), here.end());
+        const CodePlace& place = PlaceOf(pSymbols, FrameAddress(pSymbols, stack, i, own, time), time);
+        ids.m_functions.insert(ids.m_functions.end(), place.m_functions.begin(), place.m_functions.end());
+        ids.m_lines.insert(ids.m_lines.end(), place.m_lines.begin(), place.m_lines.end());
     }
-    return functions;
+    return ids;
 }
 
-void AddStack(ThreadSamples* pThread, const std::vector<uint32_t>& functions, bool withStacks)
+void AddStack(ThreadSamples* pThread, const std::vector<uint32_t>& functions, bool withStacks, uint64_t samples)
 {
-    ++pThread->m_samples;
-    if (functions.empty())
-    {
-        return;
-    }
-    ++pThread->m_functions[functions.front()].m_self;
-    std::vector<uint32_t> once = functions;
-    std::sort(once.begin(), once.end());
-    once.erase(std::unique(once.begin(), once.end()), once.end());
-    for (const uint32_t function : once)
-    {
-        ++pThread->m_functions[function].m_total;
-    }
-    if (!withStacks)
+    pThread->m_samples += samples;
+    CountOnce(&pThread->m_functions, functions, samples);
+    if (!withStacks || functions.empty())
     {
         return;
     }
@@ -167,29 +231,32 @@ void AddStack(ThreadSamples* pThread, const std::vector<uint32_t>& functions, bo
     {
         node = ChildOf(&pThread->m_stacks, node, *function);
     }
-    ++pThread->m_stacks.m_nodes[node].m_self;
+    pThread->m_stacks.m_nodes[node].m_self += samples;
 }
 
-void AddFunctions(FunctionCounts* pCounts, const FunctionCounts& more)
+void AddFunctions(FunctionCounts* pCounts, const FunctionCounts& more, double nsPerSample)
 {
     for (const auto& [function, count] : more)
     {
         FunctionCount& sum = (*pCounts)[function];
         sum.m_self += count.m_self;
         sum.m_total += count.m_total;
+        sum.m_selfNs += static_cast<double>(count.m_self) * nsPerSample;
+        sum.m_totalNs += static_cast<double>(count.m_total) * nsPerSample;
     }
 }
 
 ProcessSamples ReadSampleFacts(const std::string& path, ProcessSymbols* pSymbols, const SampleView& view,
                                const ProcessFilter& filter)
 {
-    Gathering gathering{{}, pSymbols, view, filter, {}, {}};
+    Gathering gathering{{}, pSymbols, view, filter, {}, {}, {}, 0};
     const auto pFile = OpenRecordFile(path);
     Record record;
     while (NextRecord(pFile.get(), &record))
     {
         std::visit(RecordTaker{&gathering}, record.m_body);
     }
+    TakePending(&gathering);
     ProcessSamples& process = gathering.m_process;
     process.m_path = path;
     process.m_isEmpty = !pFile->m_header.m_isPresent;

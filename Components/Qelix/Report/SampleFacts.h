@@ -19,6 +19,8 @@ struct FunctionCount
 {
     uint64_t m_self = 0;  // samples that interrupted it
     uint64_t m_total = 0; // samples whose stack holds it, however often
+    double m_selfNs = 0;  // the CPU time that they stand for, once they are weighed
+    double m_totalNs = 0;
 };
 
 using FunctionCounts = std::unordered_map<uint32_t, FunctionCount>; // by the symbolizer's ids
@@ -44,6 +46,7 @@ struct ThreadSamples
     uint64_t m_samples = 0;
     uint64_t m_truncated = 0; // their stacks are deeper than what was recorded
     FunctionCounts m_functions;
+    FunctionCounts m_lines;            // by ids of lines; only where it is asked for
     StackTree m_stacks;                // only where it is asked for
     std::vector<uint64_t> m_eventSums; // of the counters, in the order of the process's events
     LifeSpan m_span;
@@ -68,6 +71,7 @@ struct ProcessSamples
 struct SampleView
 {
     bool m_withStacks = false;
+    bool m_withLines = false;
     bool m_withAgentFrames = false; // those of the agent's handler and of the signal's delivery
     uint32_t m_depth = 0;           // that was asked for; 0: not known
 };
@@ -75,13 +79,24 @@ struct SampleView
 ProcessSamples ReadSampleFacts(const std::string& path, ProcessSymbols* pSymbols, const SampleView& view,
                                const ProcessFilter& filter = {});
 
-// Adds one stack, innermost function first.
-void AddStack(ThreadSamples* pThread, const std::vector<uint32_t>& functions, bool withStacks);
+// Adds a stack that so many samples have, innermost function first.
+void AddStack(ThreadSamples* pThread, const std::vector<uint32_t>& functions, bool withStacks,
+              uint64_t samples = 1);
 
-void AddFunctions(FunctionCounts* pCounts, const FunctionCounts& more);
+// nsPerSample: CPU time that each of the counted samples stands for.
+void AddFunctions(FunctionCounts* pCounts, const FunctionCounts& more, double nsPerSample = 0);
 
-// The functions of a stack from the innermost frame to the outermost, inlined ones included.
-std::vector<uint32_t> FunctionsOfStack(ProcessSymbols* pSymbols, const std::vector<uint64_t>& stack,
-                                       uint64_t time, bool withAgentFrames);
+// Finds or makes the node of a function called from that of the parent.
+uint32_t ChildOf(StackTree* pTree, uint32_t parent, uint32_t function);
+
+// Ids from the innermost frame to the outermost, inlined functions included.
+struct StackIds
+{
+    std::vector<uint32_t> m_functions;
+    std::vector<uint32_t> m_lines;
+};
+
+StackIds IdsOfStack(ProcessSymbols* pSymbols, const std::vector<uint64_t>& stack, uint64_t time,
+                    bool withAgentFrames);
 
 } // namespace qelix

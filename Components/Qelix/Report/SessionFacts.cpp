@@ -133,6 +133,16 @@ std::vector<std::pair<TraceClass, CallFacts>> ByClass(const std::vector<const Na
     return {std::make_move_iterator(classes.begin()), std::make_move_iterator(classes.end())};
 }
 
+RecordedFiles FilesOfRun(const SessionRecord& record)
+{
+    RecordedFiles files{record.m_buildIds, record.m_machine.m_bootId, {}};
+    if (record.m_start)
+    {
+        files.m_startTime = static_cast<int64_t>(record.m_start->m_realtimeNs / 1'000'000'000);
+    }
+    return files;
+}
+
 } // namespace
 
 SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples, const SessionView& view)
@@ -152,6 +162,7 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
     session.m_periodNs =
         std::max(session.m_settings.m_intervalNs.value_or(0), session.m_record.m_tickNs.value_or(0));
     session.m_pSymbolizer = std::make_shared<Symbolizer>();
+    session.m_pSymbolizer->m_recorded = FilesOfRun(session.m_record);
     const std::map<std::string, ProcessFiles> filesOf = FilesOfProcesses(path);
     Reading reading{samples, view, view.m_filter.m_from || view.m_filter.m_to ? FirstTime(filesOf) : 0, {}};
     reading.m_samples.m_depth = session.m_settings.m_depth.value_or(0);

@@ -118,7 +118,13 @@ void TakeLogLine(const std::string& path, const char* pLine, AgentLogFacts* pFac
     const std::string_view line = pLine;
     TakeInfoLine(path, line, pFacts);
     AddCount(line, "Lost trace records count = ", &pFacts->m_lostTraceRecords);
-    AddCount(line, "Lost sample records count = ", &pFacts->m_lostSampleRecords);
+    uint64_t lost = 0;
+    AddCount(line, "Lost sample records count = ", &lost);
+    if (lost != 0)
+    {
+        pFacts->m_lostSampleRecords += lost;
+        pFacts->m_lostSamplesOf[PidInFileName(path)] += lost;
+    }
     uint64_t overruns = 0;
     AddCount(line, "Timer overrun count (", &overruns);
     if (overruns != 0)

@@ -1,0 +1,108 @@
+// Where the threads burnt CPU: by function, by call path, by source line. And what could be named.
+#include "Commands/Commands.h"
+#include "Commands/ViewOptions.h"
+#include "Report/CpuViews.h"
+#include "Session/Failure.h"
+
+#include <CLI/CLI.hpp>
+#include <memory>
+
+namespace qelix
+{
+namespace
+{
+
+constexpr double ZORV_LEAST_SHARE_SHOWN = 0.005; // of the text of a tree; CSV and JSON have all
+
+struct CpuOptions
+{
+    std::string m_session;
+    bool m_isTree = false;
+    bool m_isByLine = false;
+    bool m_withAgentFrames = false;
+    FilterOptions m_filter;
+    TableOptions m_table;
+};
+
+// The rows of a tree have their order from it.
+void RequireTreeOrder(const CpuOptions& options)
+{
+    if (options.m_isTree && !options.m_table.m_sort.empty())
+    {
+        throw Failure(ZORV_STATUS_OWN_FAILURE, "--sort would take the tree apart; leave it or --tree out");
+    }
+}
+
+Table CpuTable(const SessionFacts& session, const CpuOptions& options)
+{
+    if (!options.m_isTree)
+    {
+        return options.m_isByLine ? LinesView(session) : FunctionsView(session);
+    }
+    const bool isText = !options.m_table.m_isJson && !options.m_table.m_isCsv;
+    return CallTreeView(session, isText ? ZORV_LEAST_SHARE_SHOWN : 0, isText);
+}
+
+int Cpu(CpuOptions options)
+{
+    RequireTreeOrder(options);
+    const std::string directory = SessionOr(options.m_session);
+    SessionView view;
+    view.m_filter = FilterOf(options.m_filter);
+    const SessionFacts session = ReadSessionFacts(directory,
+                                                  {.m_withStacks = options.m_isTree,
+                                                   .m_withLines = options.m_isByLine,
+                                                   .m_withAgentFrames = options.m_withAgentFrames},
+                                                  view);
+    if (SampleCount(session) == 0)
+    {
+        throw Failure(ZORV_STATUS_DAMAGED,
+                      "{} has no samples of what was asked for; record with qelix run, and leave filters out",
+                      directory);
+    }
+    if (options.m_isTree && !options.m_table.m_rows)
+    {
+        options.m_table.m_rows = 0; // a tree that is cut off after some rows misleads
+    }
+    PrintTable(CpuTable(session, options), options.m_table);
+    return IsDamaged(session) ? ZORV_STATUS_DAMAGED : 0;
+}
+
+int Symbols(const CpuOptions& options)
+{
+    const SessionFacts session = ReadSessionFacts(SessionOr(options.m_session));
+    PrintTable(SymbolsView(session), options.m_table);
+    return IsDamaged(session) ? ZORV_STATUS_DAMAGED : 0;
+}
+
+} // namespace
+
+void AddCpuCommand(CLI::App* pApp, int* pStatus)
+{
+    const auto pOptions = std::make_shared<CpuOptions>();
+    CLI::App* pCpu = pApp->add_subcommand("cpu", "Where the threads burnt CPU");
+    pCpu->add_option("DIR", pOptions->m_session, "Session directory (qelix-last)")->type_name("");
+    CLI::Option* pFlat = pCpu->add_flag("--flat", "Functions, by their own time (the default)");
+    CLI::Option* pTree =
+        pCpu->add_flag("--tree", pOptions->m_isTree, "Functions below those that called them")->excludes(pFlat);
+    pCpu->add_flag("--lines", pOptions->m_isByLine, "Source lines, by their own time")
+        ->excludes(pFlat)
+        ->excludes(pTree);
+    pCpu->add_flag("--agent-frames", pOptions->m_withAgentFrames,
+                   "Show the frames of the agent's signal handler too");
+    AddFilterOptions(pCpu, &pOptions->m_filter);
+    AddTableOptions(pCpu, &pOptions->m_table);
+    pCpu->callback([pOptions, pStatus] { *pStatus = Cpu(*pOptions); });
+}
+
+void AddSymbolsCommand(CLI::App* pApp, int* pStatus)
+{
+    const auto pOptions = std::make_shared<CpuOptions>();
+    CLI::App* pSymbols =
+        pApp->add_subcommand("symbols", "What of a session could be named, and why the rest could not");
+    pSymbols->add_option("DIR", pOptions->m_session, "Session directory (qelix-last)")->type_name("");
+    AddTableOptions(pSymbols, &pOptions->m_table);
+    pSymbols->callback([pOptions, pStatus] { *pStatus = Symbols(*pOptions); });
+}
+
+} // namespace qelix
