@@ -6,8 +6,10 @@
 #include "Session/LauncherStandIn.h"
 #include "Session/ProgramRun.h"
 #include "Session/ProgramSearch.h"
+#include "Session/Ranks.h"
 #include "Session/SessionDirectory.h"
 #include "Session/Sizes.h"
+#include "Session/ThreadLimits.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -87,6 +89,35 @@ TEST(ControlBlock, ANameThatAnotherQelixHoldsIsLeftToIt)
     const ControlBlock first;
     const ControlBlock second;
     EXPECT_NE(first.m_name, second.m_name);
+}
+
+TEST(ThreadLimits, AreToldFromTheImportsOfAFile)
+{
+    EXPECT_EQ(ThreadLimitsOf("/usr/bin/unshare").m_namespaceCalls, std::vector<std::string>{"unshare"});
+    EXPECT_TRUE(ThreadLimitsOf("/proc/self/exe").m_namespaceCalls.empty());
+    EXPECT_TRUE(ThreadLimitsOf("/etc/passwd").m_namespaceCalls.empty());
+    EXPECT_TRUE(ThreadLimitsOf("/nonexistent").m_identityCalls.empty());
+    constexpr int failed = 1 << 8;
+    EXPECT_NE(SecondThreadReason("/usr/bin/unshare", failed), "");
+    EXPECT_EQ(SecondThreadReason("/usr/bin/unshare", 0), "");
+    EXPECT_EQ(SecondThreadReason("/usr/bin/unshare", SIGSEGV), "") << "it is refused, not killed";
+    EXPECT_EQ(SecondThreadReason("/bin/true", failed), "");
+}
+
+TEST(Ranks, AreWholeNumbersThatSomebodyTells)
+{
+    EXPECT_EQ(ParseRank("0"), 0);
+    EXPECT_EQ(ParseRank("70000"), 70000);
+    EXPECT_EQ(ParseRank("none"), std::nullopt);
+    for (const char* pText : {"", "-1", "1x", " 1", "4294967296", "AUTO"})
+    {
+        EXPECT_THROW(ParseRank(pText), Failure) << pText;
+    }
+    setenv("PMI_RANK", "nonsense", 1);
+    EXPECT_EQ(ParseRank("auto"), std::nullopt);
+    setenv("PMI_RANK", "12", 1);
+    EXPECT_EQ(ParseRank("auto"), 12);
+    unsetenv("PMI_RANK");
 }
 
 TEST(LauncherStandIn, DiesInOurPlaceAndIsReaped)

@@ -107,7 +107,11 @@ def test_a_waiting_session_can_be_paused_before_its_program_starts(tmp_path):
     assert qelix("stop", session).returncode == 0
     subprocess.run([SUBJECT, "count", "10"], env=environment, check=True, timeout=60)
     assert all(path.stat().st_size < 1000 for path in (session / "trace").iterdir())
-    assert qelix("list", "--remove-older", "0", cwd=tmp_path).returncode == 0
+    assert "ended" in qelix("status", session).stdout
+    block = "/dev/shm" + json.loads((session / "session.json").read_text())["block"]
+    assert os.path.exists(block), "what is started later finds it, and records nothing"
+    assert qelix("list", "--remove-older", "0", "--yes", cwd=tmp_path).returncode == 0
+    assert not session.exists() and not os.path.exists(block)
 
 
 def test_the_forms_of_the_variables(tmp_path):
@@ -167,7 +171,7 @@ def test_nothing_is_removed_without_a_word_and_nothing_foreign_at_all(sessions):
     (sessions / "first" / "notes").write_text("mine")
     result = qelix("list", sessions, "--remove-older", "0", "--yes")
     assert "1 removed" in result.stderr and "has not made" in result.stderr
-    assert not (sessions / "job" / "rank=1").exists()
+    assert not (sessions / "job").exists() and not (sessions / "qelix-last").is_symlink()
     assert [path.name for path in (sessions / "first").iterdir()] == ["notes"]
     assert (sessions / "no-session").exists()
 
@@ -186,8 +190,12 @@ def test_what_a_link_points_to_is_not_removed(tmp_path):
     qelix("record", "-o", outside / "session", "true")
     (tmp_path / "inside").mkdir()
     (tmp_path / "inside" / "link").symlink_to(outside / "session")
-    assert qelix("list", tmp_path / "inside", "--remove-older", "0", "--yes").returncode == 0
+    qelix("record", "-o", tmp_path / "inside" / "hollow", "true")
+    shutil.rmtree(tmp_path / "inside" / "hollow" / "trace")
+    (tmp_path / "inside" / "hollow" / "trace").symlink_to(outside / "session" / "trace")
+    assert qelix("list", tmp_path / "inside", "--remove-older", "0", "--yes").returncode == 125
     assert (outside / "session" / "session.json").exists()
+    assert list((outside / "session" / "trace").iterdir())
 
 
 # ---- help ------------------------------------------------------------------------------------------------

@@ -148,6 +148,12 @@ int RemoveOld(std::vector<ListedSession> sessions, const ListOptions& options)
                             session.m_target.m_path));
         }
     }
+    const fs::path newest = fs::path(options.m_directory) / "qelix-last";
+    std::error_code error;
+    if (fs::is_symlink(newest, error) && !fs::exists(newest, error))
+    {
+        fs::remove(newest, error);
+    }
     PrintNote(fmt::format("{} removed", removed));
     return removed == sessions.size() ? 0 : ZORV_STATUS_OWN_FAILURE;
 }

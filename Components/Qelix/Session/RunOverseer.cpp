@@ -23,6 +23,8 @@ namespace
 constexpr uint64_t ZORV_NS_PER_SECOND = 1'000'000'000;
 constexpr uint64_t ZORV_LINE_EVERY_NS = ZORV_NS_PER_SECOND;
 constexpr uint64_t ZORV_SIZE_EVERY_NS = 50'000'000;
+// A session of thousands of processes takes its time to look through, and the program needs the CPU.
+constexpr uint64_t ZORV_REST_FACTOR = 20;
 constexpr std::string_view ZORV_ERASE_LINE = "\r\x1b[K";
 
 void WriteToTerminal(std::string_view text)
@@ -130,9 +132,10 @@ uint64_t Due(RunOverseer* pOverseer, uint64_t* pNext, uint64_t every, uint64_t n
     if (now >= *pNext)
     {
         Try(pOverseer, action);
-        *pNext = now + every;
+        const uint64_t cost = ReadClocks().m_monotonicNs - now;
+        *pNext = now + std::max(every, cost * ZORV_REST_FACTOR);
     }
-    return *pNext - now;
+    return *pNext > now ? *pNext - now : 0;
 }
 
 } // namespace

@@ -16,6 +16,8 @@ namespace qelix
 namespace
 {
 
+// A file name has 255 bytes, and the date and the rest need theirs.
+constexpr std::size_t ZORV_LONGEST_NAME = 128;
 constexpr const char* ZORV_NEWEST_LINK = "qelix-last";
 
 constexpr const char* g_folders[] = {".log", ".error", "trace", "sample", "metadata"};
@@ -111,7 +113,7 @@ std::string RecordFilePath(const std::string& session)
 
 std::string DefaultSessionName(const std::string& program, time_t start, pid_t pid)
 {
-    std::string name = fs::path(program).filename();
+    std::string name = fs::path(program).filename().string().substr(0, ZORV_LONGEST_NAME);
     std::replace_if(
         name.begin(), name.end(), [](char c) { return c == '=' || static_cast<unsigned char>(c) <= ' '; }, '_');
     tm local = {};

@@ -22,6 +22,7 @@ namespace
 
 constexpr std::string_view ZORV_SESSION_VARIABLE = "QELIX_SESSION_DIR=";
 constexpr std::string_view ZORV_BLOCK_KEY = "QELIX_SHM_NAME=";
+constexpr std::string_view ZORV_RANK_START = "rank=";
 constexpr int ZORV_MOST_ANCESTORS = 64;
 
 // The session that the process was started in; empty when its environment does not tell.
@@ -86,7 +87,7 @@ bool IsOfThisBoot(const SessionRecord& record)
     return then.m_bootId.empty() || machine.m_bootId.empty() || then.m_bootId == machine.m_bootId;
 }
 
-bool IsOfAgentOrUs(const fs::path& path)
+bool IsOfAgent(const fs::path& path)
 {
     const std::string ending = path.extension();
     for (const char* pOurs : {".umt", ".ums", ".meta", ".txt", ".err"})
@@ -97,6 +98,36 @@ bool IsOfAgentOrUs(const fs::path& path)
         }
     }
     return false;
+}
+
+void RemoveOurFiles(const std::string& folder)
+{
+    std::error_code error;
+    std::error_code gone;
+    for (fs::directory_iterator entry(folder, gone), end; !gone && entry != end; entry.increment(gone))
+    {
+        if (IsOfAgent(entry->path()) && entry->is_regular_file(error))
+        {
+            fs::remove(entry->path(), error);
+        }
+    }
+}
+
+// The link that an agent takes to a rank, and the job's directory behind its last rank.
+void RemoveFromJob(const fs::path& session)
+{
+    const std::string name = session.filename();
+    if (!name.starts_with(ZORV_RANK_START))
+    {
+        return;
+    }
+    std::error_code error;
+    const fs::path link = session.parent_path() / (".rank-" + name.substr(ZORV_RANK_START.size()));
+    if (fs::is_symlink(link, error))
+    {
+        fs::remove(link, error);
+    }
+    fs::remove(session.parent_path(), error); // unless it holds anything
 }
 
 } // namespace
@@ -144,15 +175,15 @@ SessionTarget FindSession(const std::string& directory, std::optional<pid_t> pid
 
 SessionState StateOf(const SessionTarget& session)
 {
+    const auto collection = CollectionStateOf(session.m_blockName);
     const bool hasProcess = !LiveProcessesOf(session.m_path, session.m_blockName).empty();
     const SessionRecord& record = session.m_record;
-    const bool isProgramThere =
-        !session.m_blockName.empty() && !record.m_waitStatus && IsAlive(record.m_launcherPid);
-    const auto collection = CollectionStateOf(session.m_blockName);
-    const bool isForOthers = record.m_launcherPid == 0 && record.m_programPid == 0 && collection.has_value();
-    if (!hasProcess && !isProgramThere && !isForOthers)
+    const bool isProgramThere = collection && !record.m_waitStatus && IsAlive(record.m_launcherPid);
+    const bool isForOthers = record.m_launcherPid == 0 && record.m_programPid == 0;
+    const bool isWaiting = isForOthers && collection && collection != ZORV_COLLECTION_STOPPED;
+    if (!hasProcess && !isProgramThere && !isWaiting)
     {
-        return record.m_waitStatus || record.m_end ? ZORV_SESSION_ENDED : ZORV_SESSION_ABANDONED;
+        return record.m_waitStatus || isForOthers ? ZORV_SESSION_ENDED : ZORV_SESSION_ABANDONED;
     }
     if (collection == ZORV_COLLECTION_STOPPED)
     {
@@ -202,20 +233,21 @@ bool RemoveSession(const SessionTarget& session)
          {LogFolder(session.m_path), ErrorFolder(session.m_path), TraceFolder(session.m_path),
           SampleFolder(session.m_path), MetadataFolder(session.m_path)})
     {
-        std::error_code gone;
-        for (fs::directory_iterator entry(folder, gone), end; !gone && entry != end; entry.increment(gone))
+        if (!fs::is_symlink(folder, error))
         {
-            if (IsOfAgentOrUs(entry->path()) && entry->is_regular_file(error))
-            {
-                fs::remove(entry->path(), error);
-            }
+            RemoveOurFiles(folder);
+            fs::remove(folder, error);
         }
-        fs::remove(folder, error);
     }
     fs::remove(ConfigurationFile(session.m_path), error);
     fs::remove(RecordFilePath(session.m_path), error);
     RemoveControlBlock(session.m_blockName);
-    return fs::remove(session.m_path, error);
+    const bool isRemoved = fs::remove(session.m_path, error);
+    if (isRemoved)
+    {
+        RemoveFromJob(session.m_path);
+    }
+    return isRemoved;
 }
 
 } // namespace qelix
