@@ -192,18 +192,23 @@ std::string FormatsAsText()
     return text;
 }
 
-void AddFilterOptions(CLI::App* pExport, ExportOptions* pOptions)
+// Each takes one word: what stands behind it is the session.
+void AddList(CLI::App* pExport, const char* pName, std::vector<std::string>* pList, const char* pWhat,
+             const char* pType)
 {
-    pExport->add_option("--thread", pOptions->m_filter.m_threads, "Only threads of this name (a pattern) or id")
-        ->type_name("NAME");
+    pExport->add_option(pName, *pList, pWhat)->delimiter(',')->allow_extra_args(false)->type_name(pType);
+}
+
+void AddFilters(CLI::App* pExport, ExportOptions* pOptions)
+{
+    AddList(pExport, "--thread", &pOptions->m_filter.m_threads,
+            "Threads by name (* and ? stand for others) or id", "NAME,...");
+    AddList(pExport, "--process", &pOptions->m_filter.m_processes, "Processes by name or id", "NAME,...");
+    AddList(pExport, "--class", &pOptions->m_classes,
+            "Classes of calls: pthread, sleep, ...; cpu are the samples", "CLASS,...");
     pExport
-        ->add_option("--process", pOptions->m_filter.m_processes,
-                     "Only processes of this name (a pattern) or id")
-        ->type_name("NAME");
-    pExport->add_option("--class", pOptions->m_classes, "Only calls of these classes; cpu stands for samples")
-        ->delimiter(',')
-        ->type_name("CLASS,...");
-    pExport->add_option("--time", pOptions->m_time, "Only what lies in this range, since the first record")
+        ->add_option("--time", pOptions->m_time,
+                     "What lies between, from the first record on: 500ms..2s, 10s..")
         ->type_name("FROM..TO");
     pExport->add_flag("--agent-frames", pOptions->m_withAgentFrames,
                       "Show the frames of the agent's signal handler too");
@@ -233,7 +238,7 @@ void AddExportCommand(CLI::App* pApp, int* pStatus)
         ->type_name("NAME");
     pExport->add_flag("--partition", pOptions->m_isPartitioned,
                       "Of csv: a folder of all tables, compressed, a file for each process under rank=N");
-    AddFilterOptions(pExport, pOptions.get());
+    AddFilters(pExport, pOptions.get());
     pExport->footer(FormatsAsText());
     pExport->callback([pOptions, pStatus] { *pStatus = Export(*pOptions); });
 }

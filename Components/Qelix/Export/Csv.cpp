@@ -1,8 +1,7 @@
 // Tables of comma-separated values. Every row names its process and thread, so that a file can be read without
 // the others.
+#include "Export/Folded.h"
 #include "Export/Formats.h"
-
-#include "Report/FoldedStacks.h"
 
 #include <filesystem>
 #include <fmt/format.h>

@@ -31,7 +31,8 @@ std::size_t SelectableOf(const std::string& name)
         }
         known += (i == 0 ? "" : ", ") + std::string(SelectableName(i));
     }
-    throw Failure(ZORV_STATUS_OWN_FAILURE, "there is no class \"{}\"; the classes are {}", name, known);
+    throw Failure(ZORV_STATUS_OWN_FAILURE, "--class: there is no class \"{}\"; the classes are {}", name,
+                  known);
 }
 
 uint64_t TimeOr(std::string_view text, std::string_view range, uint64_t otherwise)
@@ -44,7 +45,7 @@ uint64_t TimeOr(std::string_view text, std::string_view range, uint64_t otherwis
     if (!time)
     {
         throw Failure(ZORV_STATUS_OWN_FAILURE,
-                      "\"{}\" is no range of time; say FROM..TO since the first record, such as 500ms..2s",
+                      "--time: \"{}\" is no span of time; say FROM..TO, such as 500ms..2s, 10s.. or ..1s",
                       range);
     }
     return *time;
@@ -83,6 +84,10 @@ void ParseTimeRange(std::string_view text, ExportFilter* pFilter)
         mark == std::string_view::npos ? "none" : text.substr(mark + ZORV_RANGE_MARK.size());
     pFilter->m_fromNs = TimeOr(from, text, 0);
     pFilter->m_toNs = TimeOr(to, text, UINT64_MAX);
+    if (pFilter->m_fromNs >= pFilter->m_toNs)
+    {
+        throw Failure(ZORV_STATUS_OWN_FAILURE, "--time: \"{}\" ends before it begins", text);
+    }
 }
 
 void NarrowSurvey(const ExportFilter& filter, SessionSurvey* pSurvey)

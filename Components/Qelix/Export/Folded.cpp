@@ -1,36 +1,65 @@
+#include "Export/Folded.h"
+
 #include "Export/Formats.h"
 
-#include "Report/FoldedStacks.h"
-
+#include <algorithm>
 #include <fmt/format.h>
 #include <map>
 
 namespace qelix
 {
+namespace
+{
+
+struct ThreadStack
+{
+    int32_t m_tid;
+    uint32_t m_stack;
+    auto operator<=>(const ThreadStack&) const = default;
+};
+
+std::string LineOf(const SessionStream& stream, const SurveyedProcess& process, const ThreadStack& stack)
+{
+    std::string line = FoldedLabel(process.m_name, process.m_pid) + ';' +
+                       FoldedLabel(process.m_threads.at(stack.m_tid).m_name, stack.m_tid);
+    for (const uint32_t function : FunctionsOfStack(stream.m_stacks, stack.m_stack))
+    {
+        line += ';' + FoldedFrame(stream.m_symbolizer.m_functions[function].m_name);
+    }
+    return line;
+}
+
+} // namespace
+
+std::string FoldedFrame(const std::string& name)
+{
+    std::string text = PrintableText(name);
+    std::replace(text.begin(), text.end(), ';', ':');
+    return text;
+}
+
+std::string FoldedLabel(const std::string& name, int64_t id)
+{
+    return fmt::format("{} ({})", name.empty() ? "-" : FoldedFrame(name), id);
+}
 
 void WriteFolded(SessionStream* pStream, Output* pOutput)
 {
     for (const SurveyedProcess& process : pStream->m_survey.m_processes)
     {
-        std::map<std::pair<int32_t, uint32_t>, uint64_t> counts; // by thread and stack
+        std::map<ThreadStack, uint64_t> counts;
         const RecordSink sink{nullptr, [&counts](const StreamedSample& sample) {
                                   ++counts[{sample.m_tid, sample.m_stack}];
                               }};
         StreamRecords(pStream, process, sink);
-        std::map<std::string, uint64_t> lines; // places of one function differ, their lines do not
-        for (const auto& [key, count] : counts)
+        std::map<std::string, uint64_t> lines; // several places of a function give one line
+        for (const auto& [stack, count] : counts)
         {
-            std::string stack = FoldedLabel(process.m_name, process.m_pid) + ';' +
-                                FoldedLabel(process.m_threads.at(key.first).m_name, key.first);
-            for (const uint32_t function : FunctionsOfStack(pStream->m_stacks, key.second))
-            {
-                stack += ';' + FoldedFrame(pStream->m_symbolizer.m_functions[function].m_name);
-            }
-            lines[stack] += count;
+            lines[LineOf(*pStream, process, stack)] += count;
         }
-        for (const auto& [stack, count] : lines)
+        for (const auto& [line, count] : lines)
         {
-            Put(pOutput, fmt::format("{} {}\n", stack, count));
+            Put(pOutput, fmt::format("{} {}\n", line, count));
         }
     }
 }

@@ -2,9 +2,10 @@
 // functions that were called with the time that they took. A sample's labels name its process and thread.
 #include "Export/Formats.h"
 
+#include <algorithm>
 #include <map>
+#include <numeric>
 #include <protozero/pbf_writer.hpp>
-#include <tuple>
 
 namespace qelix
 {
@@ -22,6 +23,7 @@ constexpr protozero::pbf_tag_type STRING = 6;
 constexpr protozero::pbf_tag_type DURATION_NANOS = 10;
 constexpr protozero::pbf_tag_type PERIOD_TYPE = 11;
 constexpr protozero::pbf_tag_type PERIOD = 12;
+constexpr protozero::pbf_tag_type DEFAULT_SAMPLE_TYPE = 14;
 } // namespace profile_field
 
 struct ProfileWriter
@@ -30,6 +32,7 @@ struct ProfileWriter
     Output* m_pOutput;
     NameTable m_strings;
     std::string m_message; // one field of the profile at a time
+    bool m_hasSamples;
 };
 
 struct SampleKey
@@ -143,6 +146,7 @@ void PutSamplesOf(ProfileWriter* pWriter, const SurveyedProcess& process)
     StreamRecords(pWriter->m_pStream, process, sink);
     for (const auto& [key, values] : samples)
     {
+        pWriter->m_hasSamples = pWriter->m_hasSamples || !key.m_isCall;
         PutSample(pWriter, key, values,
                   {{"process", LabelOf(process.m_name, process.m_pid)},
                    {"thread", LabelOf(process.m_threads.at(key.m_tid).m_name, key.m_tid)}});
@@ -192,13 +196,25 @@ void PutMapping(ProfileWriter* pWriter, uint64_t id, const std::string& path)
                });
 }
 
-// The places of the stacks: addresses differ from process to process, so a place has the one it was seen at
-// first.
+// Readers take the first mapping for the program itself, and that is what lies lowest.
+void PutMappings(ProfileWriter* pWriter, const NameTable& modules, const std::vector<uint64_t>& lowest)
+{
+    std::vector<uint32_t> order(lowest.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::sort(order.begin(), order.end(), [&lowest](uint32_t a, uint32_t b) { return lowest[a] < lowest[b]; });
+    for (const uint32_t module : order)
+    {
+        PutMapping(pWriter, module + 1, modules.m_names[module]);
+    }
+}
+
+// Addresses differ from process to process: a place has the one that it was seen at first.
 void PutPlaces(ProfileWriter* pWriter)
 {
-    const Symbolizer& symbolizer = pWriter->m_pStream->m_symbolizer;
+    const std::vector<Function>& known = pWriter->m_pStream->m_symbolizer.m_functions;
     const std::vector<StackPlace>& places = pWriter->m_pStream->m_stacks.m_places;
     NameTable modules;
+    std::vector<uint64_t> lowest; // address of each module
     for (uint32_t i = 0; i < places.size(); ++i)
     {
         std::vector<uint64_t> functions;
@@ -206,18 +222,16 @@ void PutPlaces(ProfileWriter* pWriter)
         {
             functions.push_back(OddId(function));
         }
-        const Function& outermost = symbolizer.m_functions[places[i].m_pPlace->m_functions.back()];
-        PutLocation(pWriter, OddId(i), NameId(&modules, outermost.m_module) + 1, places[i].m_address,
-                    functions);
+        const uint32_t module = NameId(&modules, known[places[i].m_pPlace->m_functions.back()].m_module);
+        lowest.resize(modules.m_names.size(), UINT64_MAX);
+        lowest[module] = std::min(lowest[module], places[i].m_address);
+        PutLocation(pWriter, OddId(i), uint64_t{module} + 1, places[i].m_address, functions);
     }
-    for (uint32_t i = 0; i < symbolizer.m_functions.size(); ++i)
+    for (uint32_t i = 0; i < known.size(); ++i)
     {
-        PutFunction(pWriter, OddId(i), symbolizer.m_functions[i].m_name, symbolizer.m_functions[i].m_module);
+        PutFunction(pWriter, OddId(i), known[i].m_name, known[i].m_module);
     }
-    for (uint32_t i = 0; i < modules.m_names.size(); ++i)
-    {
-        PutMapping(pWriter, i + 1, modules.m_names[i]);
-    }
+    PutMappings(pWriter, modules, lowest);
 }
 
 void PutCalledFunctions(ProfileWriter* pWriter)
@@ -240,11 +254,23 @@ void PutStrings(ProfileWriter* pWriter)
     }
 }
 
+void PutTotals(ProfileWriter* pWriter, int64_t dueSampleType)
+{
+    const SessionSurvey& survey = pWriter->m_pStream->m_survey;
+    pWriter->m_message.clear();
+    protozero::pbf_writer profile(pWriter->m_message);
+    profile.add_int64(profile_field::DURATION_NANOS,
+                      static_cast<int64_t>(survey.m_span.m_last - survey.m_span.m_first));
+    profile.add_int64(profile_field::PERIOD, static_cast<int64_t>(survey.m_periodNs));
+    profile.add_int64(profile_field::DEFAULT_SAMPLE_TYPE, dueSampleType);
+    Put(pWriter->m_pOutput, pWriter->m_message);
+}
+
 } // namespace
 
 void WritePprof(SessionStream* pStream, Output* pOutput)
 {
-    ProfileWriter writer{pStream, pOutput, {}, {}};
+    ProfileWriter writer{pStream, pOutput, {}, {}, false};
     StringId(&writer, ""); // the format wants it to be the first
     PutValueType(&writer, profile_field::SAMPLE_TYPE, "samples", "count");
     PutValueType(&writer, profile_field::SAMPLE_TYPE, "cpu", "nanoseconds");
@@ -257,13 +283,9 @@ void WritePprof(SessionStream* pStream, Output* pOutput)
     }
     PutPlaces(&writer);
     PutCalledFunctions(&writer);
+    const int64_t due = StringId(&writer, writer.m_hasSamples ? "cpu" : "wait");
     PutStrings(&writer);
-    writer.m_message.clear();
-    protozero::pbf_writer profile(writer.m_message);
-    const TimeSpan& span = pStream->m_survey.m_span;
-    profile.add_int64(profile_field::DURATION_NANOS, static_cast<int64_t>(span.m_last - span.m_first));
-    profile.add_int64(profile_field::PERIOD, static_cast<int64_t>(pStream->m_survey.m_periodNs));
-    Put(pOutput, writer.m_message);
+    PutTotals(&writer, due);
 }
 
 } // namespace qelix

@@ -3,7 +3,8 @@
 // disorder, so what does not fit into memory is sorted in pieces, kept in a spill file, and merged on the way
 // out.
 //
-//     TimeOrder<Item> order{.m_isBefore = ...};
+//     TimeOrder<Item> order;
+//     order.m_isBefore = ...;
 //     AddItem(&order, item); ...              any number of times
 //     SettleOrder(&order);                    once
 //     while (const Item* pItem = PeekItem(&order)) { ...; DropItem(&order); }

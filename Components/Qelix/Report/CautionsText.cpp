@@ -146,7 +146,7 @@ std::vector<std::string> CautionLines(const SessionFacts& session)
     if (const uint64_t truncated = CountTruncated(session); truncated != 0)
     {
         cautions.push_back(
-            fmt::format("cut off: {} have deeper stacks than were recorded; record with a larger --depth",
+            fmt::format("cut off: {} have deeper stacks than were recorded; record with a larger --stacks=DEPTH",
                         Plural(truncated, "sample", "samples")));
     }
     if (session.m_settings.m_intervalNs.value_or(0) != 0 &&
