@@ -67,22 +67,15 @@ TEST(Export, ATimeSpanCountsFromTheFirstRecordOfTheSession)
         "trace/trace_host_42.umt",
         FileBytes().StreamHeader().Pthread(1, 1000, 1010).Pthread(1, 1020, 1050).Pthread(1, 1060, NEVER));
     ExportFilter filter;
-    ParseTimeRange("15..30", &filter);
+    filter.m_records.m_from = 15;
+    filter.m_records.m_to = 30;
     EXPECT_NE(Exported(folder, WriteJsonLines, filter).find("\"start\":1020"), std::string::npos);
     EXPECT_EQ(Exported(folder, WriteJsonLines, filter).find("\"start\":1060"), std::string::npos);
     EXPECT_EQ(Exported(folder, WriteJsonLines, filter).find("\"start\":1000"), std::string::npos);
-    ParseTimeRange("55..", &filter);
+    filter.m_records.m_from = 55;
+    filter.m_records.m_to.reset();
     EXPECT_NE(Exported(folder, WriteJsonLines, filter).find("\"start\":1060"), std::string::npos);
     EXPECT_EQ(Exported(folder, WriteJsonLines, filter).find("\"start\":1020"), std::string::npos);
-}
-
-TEST(Export, SpansThatAreNoneAreRefused)
-{
-    ExportFilter filter;
-    for (const char* pText : {"", "5", "a..b", "2..1", "1..1", "1...2"})
-    {
-        EXPECT_THROW(ParseTimeRange(pText, &filter), std::exception) << pText;
-    }
 }
 
 TEST(Export, SessionsOfRanksAreOne)

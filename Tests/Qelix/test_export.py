@@ -342,7 +342,7 @@ def test_a_span_of_time(recorded):
                     for record in truth.records.read_samples(path)[1] if record.start]
     first = min(trace_times + sample_times)
     middle = samples[len(samples) // 2]
-    found, lines = counted(recorded, "--time", f"..{middle - first}")
+    found, lines = counted(recorded, "--time", f"..{middle - first + 1}")
     assert found["sample"] == len([time for time in samples if time <= middle])
     assert found["call"] == len([c for c in truth.calls_of(recorded) if c.start <= middle])
     found, lines = counted(recorded, "--time", f"{middle - first}..")
@@ -400,7 +400,7 @@ def test_a_device_is_written_not_replaced(recorded):
     "arguments, part",
     [
         (["nonsense", "{session}"], "the formats are folded, speedscope"),
-        (["json"], "qelix export FORMAT DIR"),
+        ([], "qelix export FORMAT DIR"),
         (["json", "{session}", "--class", "naps"], "the classes are pthread"),
         (["json", "{session}", "--time", "soon"], "FROM..TO"),
         (["json", "{session}", "--time", "2s..1s"], "ends before it begins"),

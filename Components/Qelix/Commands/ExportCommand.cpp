@@ -1,4 +1,5 @@
 #include "Commands/Commands.h"
+#include "Commands/ViewOptions.h"
 #include "Export/Formats.h"
 #include "Session/Failure.h"
 
@@ -12,6 +13,8 @@ namespace qelix
 {
 namespace
 {
+
+constexpr const char* ZORV_SAMPLES_CLASS = "cpu";
 
 struct ExportFormat
 {
@@ -46,9 +49,7 @@ struct ExportOptions
     std::string m_table = "calls";
     bool m_isPartitioned = false;
     bool m_withAgentFrames = false;
-    std::vector<std::string> m_classes;
-    std::string m_time;
-    ExportFilter m_filter;
+    FilterOptions m_filter;
 };
 
 const ExportFormat& FormatOf(const std::string& name)
@@ -157,22 +158,30 @@ void Write(SessionStream* pStream, const ExportOptions& options, const ExportFor
     CloseOutput(pOutput.get());
 }
 
-int Export(ExportOptions options)
+// Samples are a class of their own here.
+ExportFilter ExportFilterOf(FilterOptions options)
+{
+    ExportFilter filter;
+    if (!options.m_classes.empty())
+    {
+        filter.m_withSamples = std::erase(options.m_classes, ZORV_SAMPLES_CLASS) != 0;
+        filter.m_withCalls = !options.m_classes.empty();
+    }
+    filter.m_records = FilterOf(options);
+    return filter;
+}
+
+int Export(const ExportOptions& options)
 {
     const bool isNamed = !options.m_to.empty();
-    const std::string session = isNamed ? options.m_first : options.m_second;
-    if (session.empty() || (isNamed && !options.m_second.empty()))
+    if ((options.m_first.empty() && !isNamed) || (isNamed && !options.m_second.empty()))
     {
         throw Failure(ZORV_STATUS_OWN_FAILURE, "say what to export, and as what: qelix export FORMAT DIR");
     }
+    const std::string session = SessionOr(isNamed ? options.m_first : options.m_second);
     const ExportFormat& format = FormatOf(isNamed ? options.m_to : options.m_first);
     CheckOptions(options, format);
-    options.m_filter.m_classes = ParseClasses(options.m_classes);
-    if (!options.m_time.empty())
-    {
-        ParseTimeRange(options.m_time, &options.m_filter);
-    }
-    const auto pStream = OpenStream(session, options.m_filter, options.m_withAgentFrames);
+    const auto pStream = OpenStream(session, ExportFilterOf(options.m_filter), options.m_withAgentFrames);
     RequireRecords(*pStream, format);
     Write(pStream.get(), options, format);
     for (const Damage& damage : pStream->m_survey.m_damages)
@@ -192,28 +201,6 @@ std::string FormatsAsText()
     return text;
 }
 
-// Each takes one word: what stands behind it is the session.
-void AddList(CLI::App* pExport, const char* pName, std::vector<std::string>* pList, const char* pWhat,
-             const char* pType)
-{
-    pExport->add_option(pName, *pList, pWhat)->delimiter(',')->allow_extra_args(false)->type_name(pType);
-}
-
-void AddFilters(CLI::App* pExport, ExportOptions* pOptions)
-{
-    AddList(pExport, "--thread", &pOptions->m_filter.m_threads,
-            "Threads by name (* and ? stand for others) or id", "NAME,...");
-    AddList(pExport, "--process", &pOptions->m_filter.m_processes, "Processes by name or id", "NAME,...");
-    AddList(pExport, "--class", &pOptions->m_classes,
-            "Classes of calls: pthread, sleep, ...; cpu are the samples", "CLASS,...");
-    pExport
-        ->add_option("--time", pOptions->m_time,
-                     "What lies between, from the first record on: 500ms..2s, 10s..")
-        ->type_name("FROM..TO");
-    pExport->add_flag("--agent-frames", pOptions->m_withAgentFrames,
-                      "Show the frames of the agent's signal handler too");
-}
-
 } // namespace
 
 void AddExportCommand(CLI::App* pApp, int* pStatus)
@@ -221,7 +208,7 @@ void AddExportCommand(CLI::App* pApp, int* pStatus)
     const auto pOptions = std::make_shared<ExportOptions>();
     CLI::App* pExport =
         pApp->add_subcommand("export", "Hand what a session holds to other tools, in a form that they read");
-    pExport->add_option("FORMAT", pOptions->m_first, "One of those below")->required()->type_name("");
+    pExport->add_option("FORMAT", pOptions->m_first, "One of those below")->type_name("");
     pExport->add_option("DIR", pOptions->m_second, "Session directory, as qelix run has made it")
         ->type_name("");
     pExport->add_option("--to", pOptions->m_to, "The format, when it does not stand before DIR")
@@ -238,7 +225,10 @@ void AddExportCommand(CLI::App* pApp, int* pStatus)
         ->type_name("NAME");
     pExport->add_flag("--partition", pOptions->m_isPartitioned,
                       "Of csv: a folder of all tables, compressed, a file for each process under rank=N");
-    AddFilters(pExport, pOptions.get());
+    AddFilterOptions(pExport, &pOptions->m_filter);
+    pExport->get_option("--class")->description("Classes of calls: pthread, sleep, ...; cpu are the samples");
+    pExport->add_flag("--agent-frames", pOptions->m_withAgentFrames,
+                      "Show the frames of the agent's signal handler too");
     pExport->footer(FormatsAsText());
     pExport->callback([pOptions, pStatus] { *pStatus = Export(*pOptions); });
 }

@@ -94,24 +94,30 @@ std::string StackAsCsv(const SessionStream& stream, uint32_t stack)
     return CsvText(text);
 }
 
+// Where the sample fell: function, module, source file and line.
+std::string InnermostAsCsv(const SessionStream& stream, uint32_t stack)
+{
+    if (stack == 0)
+    {
+        return ",,,";
+    }
+    const PlacedFrame& frame = stream.m_stacks.m_frames[stack];
+    const CodePlace& place = *stream.m_stacks.m_places[frame.m_place].m_pPlace;
+    const CodeLine& line = stream.m_symbolizer.m_lines[place.m_lines.front()];
+    const Function& function = stream.m_symbolizer.m_functions[line.m_function];
+    return fmt::format("{},{},{},{}", CsvText(function.m_name), CsvText(function.m_module),
+                       CsvText(stream.m_symbolizer.m_sources[line.m_source]),
+                       line.m_line == 0 ? "" : std::to_string(line.m_line));
+}
+
 void WriteSamples(TableWriter* pWriter, const SurveyedProcess& process)
 {
     SessionStream* pStream = pWriter->m_pStream;
     const auto write = [&](const StreamedSample& sample)
     {
-        std::string function;
-        std::string module;
-        if (sample.m_stack != 0)
-        {
-            const PlacedFrame& frame = pStream->m_stacks.m_frames[sample.m_stack];
-            const CodePlace& place = *pStream->m_stacks.m_places[frame.m_place].m_pPlace;
-            const Function& innermost = pStream->m_symbolizer.m_functions[place.m_functions.front()];
-            function = CsvText(innermost.m_name);
-            module = CsvText(innermost.m_module);
-        }
         Put(pWriter->m_pOutput,
-            fmt::format("{},{},{},{},{},{}\n", pWriter->m_heads[sample.m_tid], sample.m_time, sample.m_core,
-                        function, module, StackAsCsv(*pStream, sample.m_stack)));
+            fmt::format("{},{},{},{},{}\n", pWriter->m_heads[sample.m_tid], sample.m_time, sample.m_core,
+                        InnermostAsCsv(*pStream, sample.m_stack), StackAsCsv(*pStream, sample.m_stack)));
     };
     StreamRecords(pStream, process, {nullptr, write});
 }
@@ -119,7 +125,7 @@ void WriteSamples(TableWriter* pWriter, const SurveyedProcess& process)
 constexpr const char* ZORV_THREAD_COLUMNS = "pid,process,tid,thread";
 constexpr Table g_tables[] = {
     {"calls", "class,kind,function,start_ns,end_ns,duration_ns,object,result,region", WriteCalls},
-    {"samples", "time_ns,core,function,module,stack", WriteSamples},
+    {"samples", "time_ns,core,function,module,source,line,stack", WriteSamples},
     {"threads", "is_main", WriteThreads},
 };
 

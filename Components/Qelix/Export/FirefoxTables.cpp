@@ -10,15 +10,20 @@ namespace
 
 constexpr std::size_t ZORV_COLUMN_MEMORY = std::size_t{1} << 20;
 
-uint32_t FunctionOf(ThreadTables* pTables, uint32_t function)
+// The thread's own index of an id.
+uint32_t IndexOf(std::unordered_map<uint32_t, uint32_t>* pIndices, std::vector<uint32_t>* pIds, uint32_t id)
 {
-    const auto [at, isNew] =
-        pTables->m_functionOf.emplace(function, static_cast<uint32_t>(pTables->m_functions.size()));
+    const auto [at, isNew] = pIndices->emplace(id, static_cast<uint32_t>(pIds->size()));
     if (isNew)
     {
-        pTables->m_functions.push_back(function);
+        pIds->push_back(id);
     }
     return at->second;
+}
+
+std::string NumberOrNull(uint32_t number)
+{
+    return number == 0 ? "null" : std::to_string(number);
 }
 
 template <typename List, typename ToJson>
@@ -47,19 +52,25 @@ void PutStackTable(Output* pOutput, const ThreadTables& tables)
     Put(pOutput, "}");
 }
 
-// A frame for each function: lines of a function are not told apart.
-void PutFrameTable(Output* pOutput, const ThreadTables& tables)
+// A frame is a line of a function.
+void PutFrameTable(Output* pOutput, ThreadTables* pTables)
 {
-    const std::size_t count = tables.m_functions.size();
+    const std::vector<CodeLine>& known = pTables->m_pStream->m_symbolizer.m_lines;
+    const std::size_t count = pTables->m_lines.size();
     Put(pOutput, fmt::format(",\n\"frameTable\":{{\"length\":{}", count));
-    std::size_t next = 0;
-    PutList(pOutput, "func", tables.m_functions, [&next](uint32_t) { return std::to_string(next++); });
+    PutList(pOutput, "func", pTables->m_lines,
+            [&](uint32_t line) {
+                return std::to_string(
+                    IndexOf(&pTables->m_functionOf, &pTables->m_functions, known[line].m_function));
+            });
+    PutList(pOutput, "line", pTables->m_lines,
+            [&known](uint32_t line) { return NumberOrNull(known[line].m_line); });
     PutConstantColumn(pOutput, "address", "-1", count);
     for (const char* pName : {"inlineDepth", "category", "subcategory"})
     {
         PutConstantColumn(pOutput, pName, "0", count);
     }
-    for (const char* pName : {"nativeSymbol", "innerWindowID", "implementation", "line", "column"})
+    for (const char* pName : {"nativeSymbol", "innerWindowID", "implementation", "column"})
     {
         PutConstantColumn(pOutput, pName, "null", count);
     }
@@ -77,10 +88,15 @@ void PutFunctionTable(Output* pOutput, ThreadTables* pTables, NameTable* pModule
             [&](uint32_t function) { return std::to_string(NameId(pModules, known[function].m_module)); });
     PutConstantColumn(pOutput, "isJS", "false", count);
     PutConstantColumn(pOutput, "relevantForJS", "false", count);
-    for (const char* pName : {"fileName", "lineNumber", "columnNumber"})
-    {
-        PutConstantColumn(pOutput, pName, "null", count);
-    }
+    PutList(pOutput, "fileName", pTables->m_functions,
+            [&](uint32_t function)
+            {
+                const std::string& source = known[function].m_source;
+                return source.empty() ? "null" : std::to_string(TextOf(pTables, source));
+            });
+    PutList(pOutput, "lineNumber", pTables->m_functions,
+            [&known](uint32_t function) { return NumberOrNull(known[function].m_line); });
+    PutConstantColumn(pOutput, "columnNumber", "null", count);
     Put(pOutput, "}");
 }
 
@@ -128,12 +144,12 @@ std::optional<uint32_t> StackOf(ThreadTables* pTables, uint32_t stack)
     const StackTable& stacks = pTables->m_pStream->m_stacks;
     const PlacedFrame& frame = stacks.m_frames[stack];
     std::optional<uint32_t> prefix = StackOf(pTables, frame.m_parent); // as deep as a stack
-    const std::vector<uint32_t>& functions = stacks.m_places[frame.m_place].m_pPlace->m_functions;
-    for (auto function = functions.rbegin(); function != functions.rend(); ++function)
+    const std::vector<uint32_t>& lines = stacks.m_places[frame.m_place].m_pPlace->m_lines;
+    for (auto line = lines.rbegin(); line != lines.rend(); ++line)
     {
         pTables->m_prefixes.push_back(prefix);
         prefix = static_cast<uint32_t>(pTables->m_frames.size());
-        pTables->m_frames.push_back(FunctionOf(pTables, *function));
+        pTables->m_frames.push_back(IndexOf(&pTables->m_lineOf, &pTables->m_lines, *line));
     }
     pTables->m_stackOf[stack] = *prefix;
     return prefix;
@@ -168,7 +184,7 @@ void PutCodeTables(Output* pOutput, ThreadTables* pTables)
 {
     NameTable modules;
     PutStackTable(pOutput, *pTables);
-    PutFrameTable(pOutput, *pTables);
+    PutFrameTable(pOutput, pTables);
     PutFunctionTable(pOutput, pTables, &modules);
     PutResourceTable(pOutput, pTables, modules);
     Put(pOutput,

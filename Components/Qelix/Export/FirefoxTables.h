@@ -42,7 +42,9 @@ struct ThreadTables
     std::vector<uint32_t> m_functions;                   // the symbolizer's ids
     std::unordered_map<uint32_t, uint32_t> m_stackOf;    // by the session's id: the last of its stacks here
     std::vector<std::optional<uint32_t>> m_prefixes;     // of the stacks
-    std::vector<uint32_t> m_frames;                      // of the stacks: indices of functions
+    std::vector<uint32_t> m_frames;                      // of the stacks: indices of lines
+    std::unordered_map<uint32_t, uint32_t> m_lineOf;     // by the symbolizer's id
+    std::vector<uint32_t> m_lines;                       // the symbolizer's ids
 };
 
 uint32_t TextOf(ThreadTables* pTables, const std::string& text);

@@ -65,13 +65,14 @@ std::string FramesAsJson(LineWriter* pWriter, uint32_t stack)
 {
     const std::vector<Function>& functions = pWriter->m_pStream->m_symbolizer.m_functions;
     std::vector<std::string>& texts = pWriter->m_functions;
-    while (texts.size() < functions.size())
-    {
-        texts.push_back(JsonText(functions[texts.size()].m_name));
-    }
+    texts.resize(functions.size()); // only few of a file's functions are ever met
     std::string text;
     for (const uint32_t function : FunctionsOfStack(pWriter->m_pStream->m_stacks, stack))
     {
+        if (texts[function].empty())
+        {
+            texts[function] = JsonText(functions[function].m_name);
+        }
         text += (text.empty() ? "" : ",") + texts[function];
     }
     return text;

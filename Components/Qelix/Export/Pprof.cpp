@@ -153,7 +153,8 @@ void PutSamplesOf(ProfileWriter* pWriter, const SurveyedProcess& process)
     }
 }
 
-void PutFunction(ProfileWriter* pWriter, uint64_t id, const std::string& name, const std::string& file)
+void PutFunction(ProfileWriter* pWriter, uint64_t id, const std::string& name, const std::string& file,
+                 uint32_t line)
 {
     const int64_t nameId = StringId(pWriter, name);
     const int64_t fileId = StringId(pWriter, file);
@@ -164,11 +165,18 @@ void PutFunction(ProfileWriter* pWriter, uint64_t id, const std::string& name, c
                    pMessage->add_int64(2, nameId);
                    pMessage->add_int64(3, nameId);
                    pMessage->add_int64(4, fileId);
+                   pMessage->add_int64(5, line);
                });
 }
 
+struct LocationLine
+{
+    uint64_t m_function;
+    uint32_t m_line;
+};
+
 void PutLocation(ProfileWriter* pWriter, uint64_t id, uint64_t mapping, uint64_t address,
-                 const std::vector<uint64_t>& functions)
+                 const std::vector<LocationLine>& lines)
 {
     PutMessage(pWriter, profile_field::LOCATION,
                [&](protozero::pbf_writer* pMessage)
@@ -176,10 +184,11 @@ void PutLocation(ProfileWriter* pWriter, uint64_t id, uint64_t mapping, uint64_t
                    pMessage->add_uint64(1, id);
                    pMessage->add_uint64(2, mapping);
                    pMessage->add_uint64(3, address);
-                   for (const uint64_t function : functions)
+                   for (const LocationLine& line : lines)
                    {
-                       protozero::pbf_writer line(*pMessage, 4);
-                       line.add_uint64(1, function);
+                       protozero::pbf_writer message(*pMessage, 4);
+                       message.add_uint64(1, line.m_function);
+                       message.add_int64(2, line.m_line);
                    }
                });
 }
@@ -192,7 +201,10 @@ void PutMapping(ProfileWriter* pWriter, uint64_t id, const std::string& path)
                {
                    pMessage->add_uint64(1, id);
                    pMessage->add_int64(5, pathId);
-                   pMessage->add_bool(7, true); // the names are found already
+                   for (const protozero::pbf_tag_type field : {7, 8, 9, 10}) // the names are found already
+                   {
+                       pMessage->add_bool(field, true);
+                   }
                });
 }
 
@@ -211,25 +223,27 @@ void PutMappings(ProfileWriter* pWriter, const NameTable& modules, const std::ve
 // Addresses differ from process to process: a place has the one that it was seen at first.
 void PutPlaces(ProfileWriter* pWriter)
 {
-    const std::vector<Function>& known = pWriter->m_pStream->m_symbolizer.m_functions;
+    const Symbolizer& symbolizer = pWriter->m_pStream->m_symbolizer;
+    const std::vector<Function>& known = symbolizer.m_functions;
     const std::vector<StackPlace>& places = pWriter->m_pStream->m_stacks.m_places;
     NameTable modules;
     std::vector<uint64_t> lowest; // address of each module
     for (uint32_t i = 0; i < places.size(); ++i)
     {
-        std::vector<uint64_t> functions;
-        for (const uint32_t function : places[i].m_pPlace->m_functions)
+        std::vector<LocationLine> lines;
+        for (const uint32_t line : places[i].m_pPlace->m_lines)
         {
-            functions.push_back(OddId(function));
+            lines.push_back({OddId(symbolizer.m_lines[line].m_function), symbolizer.m_lines[line].m_line});
         }
         const uint32_t module = NameId(&modules, known[places[i].m_pPlace->m_functions.back()].m_module);
         lowest.resize(modules.m_names.size(), UINT64_MAX);
         lowest[module] = std::min(lowest[module], places[i].m_address);
-        PutLocation(pWriter, OddId(i), uint64_t{module} + 1, places[i].m_address, functions);
+        PutLocation(pWriter, OddId(i), uint64_t{module} + 1, places[i].m_address, lines);
     }
-    for (uint32_t i = 0; i < known.size(); ++i)
+    for (const uint32_t i : UsedFunctions(pWriter->m_pStream->m_stacks))
     {
-        PutFunction(pWriter, OddId(i), known[i].m_name, known[i].m_module);
+        const std::string& file = known[i].m_source.empty() ? known[i].m_module : known[i].m_source;
+        PutFunction(pWriter, OddId(i), known[i].m_name, file, known[i].m_line);
     }
     PutMappings(pWriter, modules, lowest);
 }
@@ -239,8 +253,8 @@ void PutCalledFunctions(ProfileWriter* pWriter)
     const std::vector<std::string>& names = pWriter->m_pStream->m_names.m_names;
     for (uint32_t i = 0; i < names.size(); ++i)
     {
-        PutFunction(pWriter, EvenId(i), names[i], "");
-        PutLocation(pWriter, EvenId(i), 0, 0, {EvenId(i)});
+        PutFunction(pWriter, EvenId(i), names[i], "", 0);
+        PutLocation(pWriter, EvenId(i), 0, 0, {{EvenId(i), 0}});
     }
 }
 

@@ -26,8 +26,7 @@ struct ProcessStream
     const RecordSink* m_pSink;
     ProcessSymbols m_symbols;
     const SurveyedProcess& m_process;
-    uint64_t m_from;
-    uint64_t m_to;
+    ProcessFilter m_filter;
     std::map<CalledFunction, uint32_t> m_known; // names of functions, only while the map is stable
 };
 
@@ -43,9 +42,15 @@ uint32_t NameOfFunction(ProcessStream* pProcess, const CalledFunction& called, u
     return pProcess->m_known[called] = NameId(&pProcess->m_pStream->m_names, name);
 }
 
-bool IsWantedSpan(const ProcessStream& process, uint64_t start, uint64_t end)
+bool IsWanted(const ProcessStream& process, int32_t tid, uint64_t start, uint64_t end)
 {
-    return end >= process.m_from && start <= process.m_to;
+    return process.m_process.m_threads.contains(tid) && CutToTimes(process.m_filter, &start, &end);
+}
+
+bool IsWanted(const ProcessStream& process, TraceClass traceClass)
+{
+    const std::vector<TraceClass>& classes = process.m_filter.m_classes;
+    return classes.empty() || std::find(classes.begin(), classes.end(), traceClass) != classes.end();
 }
 
 struct RecordTaker
@@ -57,9 +62,8 @@ struct RecordTaker
     {
         const CallKind* pKind = FindCallKind(hdr.m_recType, hdr.m_subType);
         const TraceClass traceClass = ClassOf(*pKind);
-        if (!m_pProcess->m_pStream->m_filter.m_classes[traceClass] ||
-            !m_pProcess->m_process.m_threads.contains(hdr.m_tid) ||
-            !IsWantedSpan(*m_pProcess, hdr.m_startTime, hdr.m_endTime))
+        if (!IsWanted(*m_pProcess, traceClass) ||
+            !IsWanted(*m_pProcess, hdr.m_tid, hdr.m_startTime, hdr.m_endTime))
         {
             return;
         }
@@ -83,8 +87,7 @@ struct RecordTaker
     void operator()(const SampleRecord& sample) const
     {
         const ZorvUmsRecordHdr& hdr = sample.m_hdr;
-        if (!m_pProcess->m_process.m_threads.contains(hdr.m_tid) ||
-            !IsWantedSpan(*m_pProcess, hdr.m_startTime, hdr.m_startTime))
+        if (!IsWanted(*m_pProcess, hdr.m_tid, hdr.m_startTime, hdr.m_startTime))
         {
             return;
         }
@@ -112,11 +115,6 @@ void StreamFile(ProcessStream* pProcess, const std::string& path)
     }
 }
 
-uint64_t TimeBehind(uint64_t first, uint64_t distance)
-{
-    return distance > UINT64_MAX - first ? UINT64_MAX : first + distance;
-}
-
 } // namespace
 
 uint32_t NameId(NameTable* pTable, const std::string& name)
@@ -136,7 +134,7 @@ std::unique_ptr<SessionStream> OpenStream(const std::string& path, const ExportF
     pStream->m_survey = SurveySession(path);
     pStream->m_filter = filter;
     pStream->m_withAgentFrames = withAgentFrames;
-    NarrowSurvey(filter, &pStream->m_survey);
+    NarrowSurvey(filter.m_records, &pStream->m_survey);
     return pStream;
 }
 
@@ -148,19 +146,17 @@ std::string LabelOf(const std::string& name, int64_t id)
 void StreamRecords(SessionStream* pStream, const SurveyedProcess& process, const RecordSink& sink)
 {
     const ExportFilter& filter = pStream->m_filter;
-    const uint64_t first = pStream->m_survey.m_span.m_first;
     ProcessStream stream{pStream,
                          &sink,
                          SymbolsOf(&pStream->m_symbolizer, ReadModuleMap(process.m_files.m_metadata)),
                          process,
-                         filter.m_fromNs == 0 ? 0 : TimeBehind(first, filter.m_fromNs),
-                         TimeBehind(first, filter.m_toNs),
+                         FilterOfRecords(filter.m_records, pStream->m_survey),
                          {}};
-    if (filter.m_classes[ZORV_SELECT_SAMPLES] && sink.m_onSample)
+    if (filter.m_withSamples && sink.m_onSample)
     {
         StreamFile(&stream, process.m_files.m_sample);
     }
-    if (sink.m_onCall)
+    if (filter.m_withCalls && sink.m_onCall)
     {
         StreamFile(&stream, process.m_files.m_trace);
     }

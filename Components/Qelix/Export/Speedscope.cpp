@@ -35,8 +35,10 @@ uint32_t FunctionFrame(ProfileWriter* pWriter, uint32_t function)
     if (isNew)
     {
         const Function& known = pWriter->m_pStream->m_symbolizer.m_functions[function];
+        const std::string& file = known.m_source.empty() ? known.m_module : known.m_source;
+        const std::string line = known.m_line == 0 ? "" : fmt::format(R"(,"line":{})", known.m_line);
         list.m_frames.push_back(
-            fmt::format(R"({{"name":{},"file":{}}})", JsonText(known.m_name), JsonText(known.m_module)));
+            fmt::format(R"({{"name":{},"file":{}{}}})", JsonText(known.m_name), JsonText(file), line));
     }
     return at->second;
 }

@@ -24,9 +24,10 @@ create table names (id integer primary key, name text);
 create table calls (id integer primary key, thread integer references threads, class text, kind text,
                     name integer references names, start_ns integer, end_ns integer, duration_ns integer,
                     object integer, result integer, region integer);
-create table functions (id integer primary key, name text, module integer references modules);
-create table frames (id integer, inlined integer, function integer references functions,
-                     primary key (id, inlined)) without rowid;
+create table functions (id integer primary key, name text, module integer references modules, source text,
+                        line integer);
+create table frames (id integer, inlined integer, function integer references functions, source text,
+                     line integer, primary key (id, inlined)) without rowid;
 create table stacks (id integer primary key, parent integer references stacks, frame integer references frames);
 create table samples (id integer primary key, thread integer references threads, time_ns integer, core integer,
                       stack integer references stacks, region integer);
@@ -38,7 +39,7 @@ create view call_list as
   from calls c join threads t on t.id = c.thread join processes p on p.id = t.process join names n on n.id = c.name;
 create view sample_list as
   select s.id, p.rank, p.pid, p.name as process, t.tid, t.name as thread, s.time_ns, s.core, s.stack,
-         f.name as function, m.path as module
+         f.name as function, m.path as module, r.source, r.line
   from samples s join threads t on t.id = s.thread join processes p on p.id = t.process
        left join stacks k on k.id = s.stack left join frames r on r.id = k.frame and r.inlined = 0
        left join functions f on f.id = r.function left join modules m on m.id = f.module;
@@ -76,13 +77,18 @@ Inserts PrepareInserts(sqlite3* pDatabase)
     const auto insert = [pDatabase](const char* pTable, std::size_t columns)
     { return PrepareInsert(pDatabase, pTable, columns); };
     return {insert("session", 2),  insert("processes", 7), insert("threads", 5), insert("modules", 2),
-            insert("mappings", 5), insert("names", 2),     insert("calls", 11),  insert("functions", 3),
-            insert("frames", 3),   insert("stacks", 3),    insert("samples", 6), insert("counters", 5)};
+            insert("mappings", 5), insert("names", 2),     insert("calls", 11),  insert("functions", 5),
+            insert("frames", 5),   insert("stacks", 3),    insert("samples", 6), insert("counters", 5)};
 }
 
 DatabaseValue NumberOrNull(bool isKnown, uint64_t value)
 {
     return isKnown ? DatabaseValue(Number(value)) : DatabaseValue(Null{});
+}
+
+DatabaseValue TextOrNull(const std::string& text)
+{
+    return text.empty() ? DatabaseValue(Null{}) : DatabaseValue(PrintableText(text));
 }
 
 void WriteMappings(DatabaseWriter* pWriter, const SurveyedProcess& process, int64_t id)
@@ -148,12 +154,16 @@ void WriteStacks(DatabaseWriter* pWriter)
         Insert(pWriter->m_inserts.m_stacks.get(),
                {int64_t{stack}, NumberOrNull(frame.m_parent != 0, frame.m_parent), int64_t{frame.m_place}});
     }
+    const Symbolizer& symbolizer = pWriter->m_pStream->m_symbolizer;
     for (uint32_t place = 0; place < stacks.m_places.size(); ++place)
     {
         int64_t inlined = 0;
-        for (const uint32_t function : stacks.m_places[place].m_pPlace->m_functions)
+        for (const uint32_t id : stacks.m_places[place].m_pPlace->m_lines)
         {
-            Insert(pWriter->m_inserts.m_frames.get(), {int64_t{place}, inlined++, int64_t{function}});
+            const CodeLine& line = symbolizer.m_lines[id];
+            Insert(pWriter->m_inserts.m_frames.get(), {int64_t{place}, inlined++, int64_t{line.m_function},
+                                                       TextOrNull(symbolizer.m_sources[line.m_source]),
+                                                       NumberOrNull(line.m_line != 0, line.m_line)});
         }
     }
 }
@@ -166,11 +176,13 @@ void WriteNames(DatabaseWriter* pWriter)
     {
         Insert(pWriter->m_inserts.m_names.get(), {id++, PrintableText(name)});
     }
-    id = 0;
-    for (const Function& function : stream.m_symbolizer.m_functions)
+    for (const uint32_t used : UsedFunctions(stream.m_stacks))
     {
+        const Function& function = stream.m_symbolizer.m_functions[used];
         Insert(pWriter->m_inserts.m_functions.get(),
-               {id++, PrintableText(function.m_name), int64_t{NameId(&pWriter->m_modules, function.m_module)}});
+               {int64_t{used}, PrintableText(function.m_name),
+                int64_t{NameId(&pWriter->m_modules, function.m_module)}, TextOrNull(function.m_source),
+                NumberOrNull(function.m_line != 0, function.m_line)});
     }
     id = 0;
     for (const std::string& path : pWriter->m_modules.m_names)

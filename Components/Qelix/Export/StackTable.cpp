@@ -66,4 +66,14 @@ std::vector<uint32_t> FunctionsOfStack(const StackTable& table, uint32_t stack)
     return functions;
 }
 
+std::set<uint32_t> UsedFunctions(const StackTable& table)
+{
+    std::set<uint32_t> used;
+    for (const StackPlace& place : table.m_places)
+    {
+        used.insert(place.m_pPlace->m_functions.begin(), place.m_pPlace->m_functions.end());
+    }
+    return used;
+}
+
 } // namespace qelix

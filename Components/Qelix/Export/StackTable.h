@@ -4,6 +4,7 @@
 #include "Symbols/Symbolizer.h"
 
 #include <cstdint>
+#include <set>
 #include <unordered_map>
 #include <vector>
 
@@ -39,5 +40,8 @@ std::vector<uint32_t> PlacesOfStack(const StackTable& table, uint32_t stack);
 
 // Functions of a stack by the symbolizer's ids, outermost first, inlined ones included.
 std::vector<uint32_t> FunctionsOfStack(const StackTable& table, uint32_t stack);
+
+// The functions that stand in a stack, by id: a symbolizer knows those of whole files.
+std::set<uint32_t> UsedFunctions(const StackTable& table);
 
 } // namespace qelix
