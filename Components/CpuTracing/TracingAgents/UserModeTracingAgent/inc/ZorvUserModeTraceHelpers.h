@@ -256,6 +256,7 @@ void ZorvUmaForgetKeptFile(int fd); // somebody else closes it
 void ZorvUmaSyncAndClose(int* pFd);
 // Whether the number still stands for the agent's file, as it does for one that was never kept.
 bool ZorvUmaIsStillOwn(int fd);
+bool ZorvUmaIsKept(int fd); // one of this process's, and still its file
 // The number under which the file can be written: the same, a new one where the program has taken it, or -1.
 int ZorvUmaOwnDescriptor(int fd);
 // In a forked child: closes what the agent keeps there of its parent.

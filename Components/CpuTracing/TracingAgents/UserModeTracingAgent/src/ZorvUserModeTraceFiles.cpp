@@ -180,6 +180,12 @@ bool ZorvUmaIsStillOwn(int fd)
     return pFile == nullptr || IsStill(pFile, fd);
 }
 
+bool ZorvUmaIsKept(int fd)
+{
+    const KeptFile* pFile = FindKept(fd);
+    return pFile != nullptr && IsStill(pFile, fd);
+}
+
 void ZorvUmaForgetKeptFile(int fd)
 {
     KeptFile* pFile = FindKept(fd);

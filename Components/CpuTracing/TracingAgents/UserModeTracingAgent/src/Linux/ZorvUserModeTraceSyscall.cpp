@@ -88,6 +88,28 @@ template <typename ClassOfCall, long number> struct UnwinderCall
 template <ZorvEntryPoint* pEntry, typename Class, typename Pointer>
 using OfClass = ZorvGatedCall<typename Class::Pattern, pEntry, Class::CLASS, Pointer>;
 
+// The numbers under which the unwinder knows its pipe. The program may have closed them and opened files of its
+// own there, a forked child that has none of its parent's descriptors as well: the unwinder is told that its
+// pipe is gone, and makes another.
+static int g_unwindersPipe[2] = {-1, -1};
+
+static bool IsUnwindersPipe(long fd)
+{
+    return fd == g_unwindersPipe[0] || fd == g_unwindersPipe[1];
+}
+
+// Whether the call would reach a file of the program's.
+static bool IsOfLostPipe(long number, long first)
+{
+    if ((number != SYS_read && number != SYS_write && number != SYS_close) || !IsUnwindersPipe(first))
+        return false;
+    int fd = static_cast<int>(first);
+    bool isLost = !ZorvUmaIsKept(fd);
+    if (number == SYS_close)
+        ZorvUmaForgetKeptFile(fd);
+    return isLost;
+}
+
 // The unwinder tests memory through a pipe. libc's calls are points of cancellation, and a cancellation that is
 // under way waits, in the handler of the profiling signal, for the handler below it.
 template <ZorvEntryPoint* pEntry, typename Class, typename Pointer> struct OfUnwinder;
@@ -98,7 +120,9 @@ struct OfUnwinder<pEntry, Class, R (*)(P...)>
     {
         if (ZORV_LIKELY(!t_zorvState.m_isUnwinding))
             return OfClass<pEntry, typename Class::Class, R (*)(P...)>::Call(arguments...);
-        long result = ZorvRawSyscall(Class::NUMBER, (long)arguments...);
+        const long words[] = {(long)arguments...};
+        long result =
+            IsOfLostPipe(Class::NUMBER, words[0]) ? -EBADF : ZorvRawSyscall(Class::NUMBER, (long)arguments...);
         if (result >= 0)
             return static_cast<R>(result);
         errno = static_cast<int>(-result);
@@ -143,7 +167,7 @@ template <ZorvEntryPoint* pEntry, typename, typename Pointer> struct PipeOfUnwin
         int result = OfClass<pEntry, Other, Pointer>::Call(pFds, flags);
         if (ZORV_UNLIKELY(t_zorvState.m_isUnwinding && result == 0))
             for (int i = 0; i < 2; i++)
-                pFds[i] = ZorvUmaKeepFile(pFds[i], nullptr, 0);
+                pFds[i] = g_unwindersPipe[i] = ZorvUmaKeepFile(pFds[i], nullptr, 0);
         return result;
     }
 };
