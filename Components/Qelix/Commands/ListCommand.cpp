@@ -123,6 +123,17 @@ bool IsOver(const ListedSession& session)
     return session.m_state == ZORV_SESSION_ENDED || session.m_state == ZORV_SESSION_ABANDONED;
 }
 
+// What pointed to the newest session that is gone.
+void RemoveEmptyLink(const std::string& folder)
+{
+    const fs::path link = fs::path(folder) / "qelix-last";
+    std::error_code error;
+    if (fs::is_symlink(link, error) && !fs::exists(link, error))
+    {
+        fs::remove(link, error);
+    }
+}
+
 int RemoveOld(std::vector<ListedSession> sessions, const ListOptions& options)
 {
     const double newest =
@@ -148,12 +159,7 @@ int RemoveOld(std::vector<ListedSession> sessions, const ListOptions& options)
                             session.m_target.m_path));
         }
     }
-    const fs::path newest = fs::path(options.m_directory) / "qelix-last";
-    std::error_code error;
-    if (fs::is_symlink(newest, error) && !fs::exists(newest, error))
-    {
-        fs::remove(newest, error);
-    }
+    RemoveEmptyLink(options.m_directory);
     PrintNote(fmt::format("{} removed", removed));
     return removed == sessions.size() ? 0 : ZORV_STATUS_OWN_FAILURE;
 }
