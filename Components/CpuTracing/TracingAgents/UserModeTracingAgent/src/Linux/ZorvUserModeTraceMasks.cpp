@@ -8,6 +8,8 @@
 #include "ZorvUserModeTraceLoader.h"
 #include "ZorvUserModeTraceSignals.h"
 
+#include <sys/uio.h>
+
 static int ProfilingSignal()
 {
     return ZorvUmaGetProfileInfo()->m_umsConfig.m_timerSignalNum;
@@ -29,11 +31,31 @@ static sigset_t OnlyProfilingSignal()
     return profiling;
 }
 
-const sigset_t* ZorvUmsProgramsSignals(const sigset_t* pSet, sigset_t* pCopy)
+// The set without the signal: itself, where it has none.
+static const sigset_t* WithoutSignal(const sigset_t* pSet, sigset_t* pCopy)
 {
-    if (ZORV_LIKELY(!IsSignalKept() || pSet == nullptr || sigismember(pSet, ProfilingSignal()) != 1))
+    if (pSet == nullptr || sigismember(pSet, ProfilingSignal()) != 1)
         return pSet;
     *pCopy = *pSet;
+    sigdelset(pCopy, ProfilingSignal());
+    return pCopy;
+}
+
+// What the kernel would read of a set, read by the kernel: for calls that refuse an address that is none.
+static bool CopySet(const sigset_t* pSet, sigset_t* pCopy)
+{
+    constexpr size_t size = _NSIG / 8;
+    sigemptyset(pCopy);
+    const iovec to = {pCopy, size};
+    const iovec from = {const_cast<sigset_t*>(pSet), size};
+    return ZorvRawSyscall(SYS_process_vm_readv, ZorvUmaGetPid(), reinterpret_cast<long>(&to), 1,
+                          reinterpret_cast<long>(&from), 1) == static_cast<long>(size);
+}
+
+const sigset_t* ZorvUmsProgramsSignals(const sigset_t* pSet, sigset_t* pCopy)
+{
+    if (ZORV_LIKELY(!IsSignalKept() || pSet == nullptr || !CopySet(pSet, pCopy)))
+        return pSet;
     sigdelset(pCopy, ProfilingSignal());
     return pCopy;
 }
@@ -84,7 +106,7 @@ static int ChangeMask(void* pReal, int how, const sigset_t* pSet, sigset_t* pOld
     bool isUnwanted = pSet == nullptr ? wasUnwanted : IsUnwantedAfter(how, pSet);
     sigset_t programs;
     if (how != SIG_UNBLOCK)
-        pSet = ZorvUmsProgramsSignals(pSet, &programs);
+        pSet = WithoutSignal(pSet, &programs);
     int result = ZorvCallReal<int>(pReal, how, pSet, pOld);
     if (result != 0)
         return result;
