@@ -178,4 +178,23 @@ TEST_F(SampleCapture, TheHandlerAddsTheOverrunAndKeepsErrno)
     EXPECT_EQ(Written(), 2 * TWO_FRAMES_SIZE);
 }
 
+// No return from a signal would give it back.
+TEST_F(SampleCapture, CalledAsAFunctionTheHandlerLeavesTheSignalMaskAlone)
+{
+    const auto readMask = []
+    {
+        uint64_t mask = 0;
+        syscall(SYS_rt_sigprocmask, SIG_BLOCK, nullptr, &mask, sizeof mask);
+        return mask;
+    };
+    const uint64_t before = readMask();
+    ucontext_t context{};
+    m_pInfo->m_umsConfig.m_nbrEvents = 1;
+    m_pInfo->m_umsConfig.m_recLength = 80;
+    Handle(SI_TIMER, m_pInfo, nullptr);
+    Handle(SI_TIMER, m_pInfo, &context);
+    EXPECT_EQ(readMask(), before);
+    EXPECT_EQ(Written(), 2 * (TWO_FRAMES_SIZE + 40));
+}
+
 } // namespace

@@ -442,6 +442,11 @@ static void MaskCancellations(int how)
 // the handler that gets it under way may be what this one has interrupted.
 static void ReadCounters(ZorvPerfPmcData* pData)
 {
+    if (!t_zorvState.m_isInterrupted) // called as a function: no mask comes back at the end of it
+    {
+        ZorvReadPerfEvent(ZORV_PMC_TYPE_CORE, pData);
+        return;
+    }
     int state;
     int type;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
@@ -535,12 +540,12 @@ extern "C" void ZorvUmsSignalHandler(int, siginfo_t* pSigInfo, void* pUContext)
         return;
     int savedErrno = errno;
     // A cancellation waits: it would take the unwinder's lock along. The return from the signal opens it again.
-    if (pUContext != nullptr)
+    bool wasInterrupted = t_zorvState.m_isInterrupted;
+    t_zorvState.m_isInterrupted = IsFromKernel(pUContext);
+    if (t_zorvState.m_isInterrupted)
         MaskCancellations(SIG_BLOCK);
     __atomic_add_fetch(&pProfileInfo->m_timerOverrunCnt, static_cast<uint64_t>(pSigInfo->si_overrun),
                        __ATOMIC_SEQ_CST);
-    bool wasInterrupted = t_zorvState.m_isInterrupted;
-    t_zorvState.m_isInterrupted = wasInterrupted || IsFromKernel(pUContext);
     ZorvUmsCaptureSampleRecord(pProfileInfo);
     t_zorvState.m_isInterrupted = wasInterrupted;
     errno = savedErrno;
