@@ -8,8 +8,10 @@
 #include <array>
 #include <cstring>
 #include <elfutils/libdwfl.h>
+#include <filesystem>
 #include <fmt/format.h>
 #include <gelf.h>
+#include <system_error>
 
 namespace qelix
 {
@@ -103,9 +105,12 @@ std::unique_ptr<SymbolFile> OpenSymbolFile(const std::string& path)
     const bool isVdso = path == ZORV_VDSO;
     const int fd = isVdso ? OpenVdsoImage() : -1;
     pFile->m_pDwfl.reset(dwfl_begin(&g_callbacks));
-    if (pFile->m_pDwfl == nullptr || (isVdso ? fd < 0 : !path.starts_with('/')))
+    std::error_code error;
+    // Other pseudo-files hold no code that has names, and a pipe would be waited for.
+    const bool isFile = path.starts_with('/') && std::filesystem::is_regular_file(path, error);
+    if (pFile->m_pDwfl == nullptr || (isVdso ? fd < 0 : !isFile))
     {
-        return pFile; // other pseudo-files hold no code that has names
+        return pFile;
     }
     pFile->m_pModule = dwfl_report_offline(pFile->m_pDwfl.get(), path.c_str(), path.c_str(), fd);
     dwfl_report_end(pFile->m_pDwfl.get(), nullptr, nullptr);
