@@ -78,6 +78,8 @@ void AddCommands(CLI::App* pApp, const std::vector<std::string>* pProgram, int* 
     AddCpuCommand(pApp, pStatus);
     AddSymbolsCommand(pApp, pStatus);
     AddExportCommand(pApp, pStatus);
+    AddPageCommands(pApp, pStatus);
+    AddCompareCommands(pApp, pStatus);
     AddCheckCommand(pApp, pStatus);
     AddEnvCommand(pApp, pStatus);
     AddListCommand(pApp, pStatus);

@@ -28,6 +28,8 @@ void AddViewCommands(CLI::App* pApp, int* pStatus); // threads, locks, waits, io
 void AddCpuCommand(CLI::App* pApp, int* pStatus);
 void AddSymbolsCommand(CLI::App* pApp, int* pStatus);
 void AddExportCommand(CLI::App* pApp, int* pStatus);
+void AddCompareCommands(CLI::App* pApp, int* pStatus); // diff, merge, ranks
+void AddPageCommands(CLI::App* pApp, int* pStatus); // timeline, flame, html
 
 // Text that leaves through standard output; ends the command when nothing can be written there.
 void PrintOut(const std::string& text);
