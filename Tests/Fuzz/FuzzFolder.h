@@ -12,4 +12,7 @@ const std::string& FuzzSessionPath();
 // Replaces a file of the session.
 void WriteFuzzFile(const std::string& name, std::string_view bytes);
 
+// All of its files: sections of the input, each behind its length in four bytes. The order is fuzz.py's.
+void WriteFuzzSession(std::string_view input);
+
 std::string_view TextOf(const uint8_t* pData, std::size_t size);
