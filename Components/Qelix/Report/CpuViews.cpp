@@ -13,14 +13,14 @@ namespace qelix
 namespace
 {
 
-constexpr Column g_timeColumns[] = {
+constexpr TableColumn g_timeColumns[] = {
     {"selfShare", "self", ZORV_CELL_SHARE},
     {"totalShare", "total", ZORV_CELL_SHARE},
     {"selfNs", "self", ZORV_CELL_TIME},
     {"totalNs", "total", ZORV_CELL_TIME},
 };
 
-Table TableOfTimes(std::initializer_list<Column> columns)
+Table TableOfTimes(std::initializer_list<TableColumn> columns)
 {
     Table table;
     table.m_columns.assign(std::begin(g_timeColumns), std::end(g_timeColumns));
