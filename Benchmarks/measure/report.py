@@ -16,7 +16,7 @@ MOST_MIB = 200.0
 
 
 def _timed(arguments):
-    """Seconds from start to end, and the peak of the resident memory in MiB; what it prints is thrown away."""
+    """Seconds from start to end and on a CPU, and the peak of the resident memory in MiB."""
     start = time.monotonic()
     try:
         process = subprocess.Popen(arguments, env=clean_environment(), stdin=subprocess.DEVNULL,
@@ -27,7 +27,7 @@ def _timed(arguments):
     process.returncode = os.waitstatus_to_exitcode(status)
     if process.returncode != 0:
         raise Failed(f"{os.path.basename(arguments[0])} ended with status {process.returncode}")
-    return time.monotonic() - start, usage.ru_maxrss / 1024
+    return time.monotonic() - start, usage.ru_utime + usage.ru_stime, usage.ru_maxrss / 1024
 
 
 def _rows(subject, arguments, records, rounds, targets):
@@ -35,14 +35,15 @@ def _rows(subject, arguments, records, rounds, targets):
         runs = [_timed(arguments) for _ in range(rounds)]
     except Failed as failure:
         return [skipped(GROUP, subject, "time", str(failure))]
-    seconds, peak = [run[0] for run in runs], max(run[1] for run in runs)
+    seconds, peak = [run[0] for run in runs], max(run[2] for run in runs)
     rate = Row(GROUP, subject, "rate", "M records/s", [records / second / 1e6 for second in seconds])
     duration = Row(GROUP, subject, "time", "s", seconds)
-    memory = Row(GROUP, subject, "peak memory", "MiB", [run[1] for run in runs])
+    cpu = Row(GROUP, subject, "CPU time", "s", [run[1] for run in runs])
+    memory = Row(GROUP, subject, "peak memory", "MiB", [run[2] for run in runs])
     if targets and records == RECORDS:
         duration.target = Target(f"< {MOST_SECONDS:g} s", duration.median < MOST_SECONDS)
         memory.target = Target(f"< {MOST_MIB:g} MiB", peak < MOST_MIB)
-    return [duration, rate, memory]
+    return [duration, cpu, rate, memory]
 
 
 def _peer(directory, records, rounds):
