@@ -165,6 +165,10 @@ void WriteNext(Lines out, const SessionFacts& session, const Screen& screen)
     {
         fmt::format_to(out, "  qelix blocked {}\n", directory);
     }
+    if (SampleCount(session) != 0)
+    {
+        fmt::format_to(out, "  qelix cpu {}\n", directory);
+    }
     fmt::format_to(out, "  qelix report --full {}\n", directory);
 }
 
