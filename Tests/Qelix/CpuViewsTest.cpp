@@ -131,6 +131,17 @@ TEST_F(CpuViewsTest, LinesAreCountedOnlyWhereTheyAreAskedFor)
     EXPECT_EQ(rows[0]["line"], nullptr) << "there is no file to tell it";
 }
 
+TEST_F(CpuViewsTest, ForAScreenSourcesLoseTheirFolders)
+{
+    Table table{{{"selfNs", "self", ZORV_CELL_TIME},
+                 {"totalNs", "total", ZORV_CELL_TIME},
+                 {"source", "source", ZORV_CELL_TEXT}}};
+    AddRow(&table, uint64_t{1}, uint64_t{2}, TextCell("/src/app/a.c:12"));
+    AddRow(&table, uint64_t{3}, uint64_t{4}, TextCell(""));
+    EXPECT_EQ(Rows(BriefTable(table)),
+              Json::parse(R"([{"selfNs": 1, "source": "a.c:12"}, {"selfNs": 3, "source": null}])"));
+}
+
 TEST_F(CpuViewsTest, AddressesOfAMissingFileAreCountedAndExplained)
 {
     AddSample(&m_files[42], {0x10, 0x31});

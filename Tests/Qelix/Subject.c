@@ -190,6 +190,38 @@ static int Burn(long milliseconds, long count)
     return 0;
 }
 
+// Ten functions, from a fifth of the CPU time down to a fiftieth.
+WORK(ShareTwenty, 11)
+WORK(ShareSixteen, 13)
+WORK(ShareFourteen, 17)
+WORK(ShareTwelve, 19)
+WORK(ShareTen, 23)
+WORK(ShareNine, 29)
+WORK(ShareSeven, 31)
+WORK(ShareSix, 37)
+WORK(ShareFour, 41)
+WORK(ShareTwo, 43)
+
+static int Shares(long milliseconds)
+{
+    const long turnMs = 400;
+    const long hundredthNs = turnMs * 10000;
+    for (long left = milliseconds; left > 0; left -= turnMs)
+    {
+        ShareTwenty(20 * hundredthNs);
+        ShareSixteen(16 * hundredthNs);
+        ShareFourteen(14 * hundredthNs);
+        ShareTwelve(12 * hundredthNs);
+        ShareTen(10 * hundredthNs);
+        ShareNine(9 * hundredthNs);
+        ShareSeven(7 * hundredthNs);
+        ShareSix(6 * hundredthNs);
+        ShareFour(4 * hundredthNs);
+        ShareTwo(2 * hundredthNs);
+    }
+    return 0;
+}
+
 int main(int argc, char** argv)
 {
     const char* pWhat = argc > 1 ? argv[1] : "";
@@ -213,6 +245,10 @@ int main(int argc, char** argv)
     if (strcmp(pWhat, "burn") == 0 && argc > 3)
     {
         return Burn(number, strtol(argv[3], NULL, 10));
+    }
+    if (strcmp(pWhat, "shares") == 0)
+    {
+        return Shares(number);
     }
     return strcmp(pWhat, "await") == 0 ? Await() : 2;
 }

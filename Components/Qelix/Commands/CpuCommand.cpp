@@ -17,6 +17,7 @@ constexpr double ZORV_LEAST_SHARE_SHOWN = 0.005; // of the text of a tree; CSV a
 struct CpuOptions
 {
     std::string m_session;
+    bool m_isFlat = false; // what there is without any of the three
     bool m_isTree = false;
     bool m_isByLine = false;
     bool m_withAgentFrames = false;
@@ -43,6 +44,20 @@ Table CpuTable(const SessionFacts& session, const CpuOptions& options)
     return CallTreeView(session, isText ? ZORV_LEAST_SHARE_SHOWN : 0, isText);
 }
 
+void Print(Table table, TableOptions options)
+{
+    if (!options.m_isJson && !options.m_isCsv)
+    {
+        if (!options.m_sort.empty())
+        {
+            SortTable(&table, options.m_sort); // also by a column that is not shown
+            options.m_sort.clear();
+        }
+        table = BriefTable(table);
+    }
+    PrintTable(std::move(table), options);
+}
+
 int Cpu(CpuOptions options)
 {
     RequireTreeOrder(options);
@@ -64,14 +79,14 @@ int Cpu(CpuOptions options)
     {
         options.m_table.m_rows = 0; // a tree that is cut off after some rows misleads
     }
-    PrintTable(CpuTable(session, options), options.m_table);
+    Print(CpuTable(session, options), options.m_table);
     return IsDamaged(session) ? ZORV_STATUS_DAMAGED : 0;
 }
 
 int Symbols(const CpuOptions& options)
 {
     const SessionFacts session = ReadSessionFacts(SessionOr(options.m_session));
-    PrintTable(SymbolsView(session), options.m_table);
+    Print(SymbolsView(session), options.m_table);
     return IsDamaged(session) ? ZORV_STATUS_DAMAGED : 0;
 }
 
@@ -82,7 +97,8 @@ void AddCpuCommand(CLI::App* pApp, int* pStatus)
     const auto pOptions = std::make_shared<CpuOptions>();
     CLI::App* pCpu = pApp->add_subcommand("cpu", "Where the threads burnt CPU");
     pCpu->add_option("DIR", pOptions->m_session, "Session directory (qelix-last)")->type_name("");
-    CLI::Option* pFlat = pCpu->add_flag("--flat", "Functions, by their own time (the default)");
+    CLI::Option* pFlat =
+        pCpu->add_flag("--flat", pOptions->m_isFlat, "Functions, by their own time (the default)");
     CLI::Option* pTree =
         pCpu->add_flag("--tree", pOptions->m_isTree, "Functions below those that called them")->excludes(pFlat);
     pCpu->add_flag("--lines", pOptions->m_isByLine, "Source lines, by their own time")

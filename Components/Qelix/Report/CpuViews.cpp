@@ -197,6 +197,32 @@ Table CallTreeView(const SessionFacts& session, double leastShare, bool isIndent
     return table;
 }
 
+Table BriefTable(const Table& table)
+{
+    constexpr std::string_view dropped[] = {"totalNs", "samples", "depth", "buildId"};
+    constexpr std::string_view shortened[] = {"source", "line"};
+    Table brief;
+    brief.m_notes = table.m_notes;
+    brief.m_rows.resize(table.m_rows.size());
+    for (std::size_t column = 0; column < table.m_columns.size(); ++column)
+    {
+        const std::string_view key = table.m_columns[column].m_pKey;
+        if (std::find(std::begin(dropped), std::end(dropped), key) != std::end(dropped))
+        {
+            continue;
+        }
+        const bool isPath = std::find(std::begin(shortened), std::end(shortened), key) != std::end(shortened);
+        brief.m_columns.push_back(table.m_columns[column]);
+        for (std::size_t row = 0; row < table.m_rows.size(); ++row)
+        {
+            const Cell& cell = table.m_rows[row][column];
+            const auto* pText = std::get_if<std::string>(&cell);
+            brief.m_rows[row].push_back(isPath && pText != nullptr ? TextCell(ModuleName(*pText)) : cell);
+        }
+    }
+    return brief;
+}
+
 Table SymbolsView(const SessionFacts& session)
 {
     Table table;

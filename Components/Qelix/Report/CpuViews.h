@@ -14,6 +14,9 @@ Table LinesView(const SessionFacts& session);     // the session must have been 
 // this share of the time is left out. The session must have been read with its stacks.
 Table CallTreeView(const SessionFacts& session, double leastShare, bool isIndented);
 
+// The same for a screen: without the columns that other ones make up for, and sources without their folders.
+Table BriefTable(const Table& table);
+
 // What could be named of each module, and why not.
 Table SymbolsView(const SessionFacts& session);
 
