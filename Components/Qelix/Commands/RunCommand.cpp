@@ -1,6 +1,7 @@
 #include "Commands/Commands.h"
 #include "Commands/RunOptions.h"
 #include "Commands/RunPlan.h"
+#include "Compare/RankSummary.h"
 #include "Report/Report.h"
 #include "Session/AgentConfiguration.h"
 #include "Session/AgentReports.h"
@@ -122,6 +123,12 @@ bool FinishSession(const std::string& sessionPath, SessionRecord* pRecord, bool 
         {
             PrintNote(fmt::format("{} cannot be written; the session lacks the facts of its end",
                                   RecordFilePath(sessionPath)));
+        }
+        // One rank of a job: the table of all its ranks then needs no second reading.
+        if (pRecord->m_rank && !WriteRankSummary(sessionPath))
+        {
+            PrintNote(fmt::format("{} lacks the summary of its rank; qelix ranks will read the session instead",
+                                  sessionPath));
         }
         if (!withReport)
         {
