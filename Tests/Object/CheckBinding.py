@@ -25,7 +25,7 @@ ADDRESS_OFFSET = {1: 40, 3: 32}
 # Calls without a record of their own.
 WITHOUT_RECORD = ("pthread_setname_np", "quick_exit")
 # The agent needs these itself: they are not called.
-NOT_FAKED = ("dlopen", "dlmopen")
+NOT_FAKED = ("dlopen", "dlmopen", "dlclose")
 # What the program calls beside the versioned names.
 SINGLES = ("pthread_mutex_lock", "pthread_exit")
 

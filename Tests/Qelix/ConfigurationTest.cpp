@@ -276,7 +276,7 @@ TEST(Minimums, TimesAreUnderstoodWithTheirUnits)
     EXPECT_EQ(ParseDuration("0"), 0u);
     EXPECT_EQ(ParseDuration("750"), 750u);
     for (const char* pText :
-         {"", "ms", "-1ms", "1.5ms", "1 ms", "1m", "1msx", "99999999999999999999", "18446744073710s"})
+         {"", "ms", "-1ms", "1.5ms", "1 ms", "1msx", "99999999999999999999", "18446744073710s"})
     {
         EXPECT_EQ(ParseDuration(pText), std::nullopt) << pText;
     }

@@ -26,11 +26,6 @@ constexpr int ZORV_SUMMARY_VERSION = 1;
 constexpr std::size_t ZORV_RANKED_KEPT = 5;
 constexpr uint64_t ZORV_LARGEST_SUMMARY = 1 << 20;
 
-std::string SummaryFile(const std::string& session)
-{
-    return session + "/summary.json";
-}
-
 // From the folder's name, which qelix gives; else what the agents were told.
 int64_t RankOf(const SessionFacts& session)
 {
@@ -142,7 +137,7 @@ RankSummary SummaryIn(const Json& json)
 bool IsOlderThanFiles(const std::string& session)
 {
     std::error_code error;
-    const fs::file_time_type made = fs::last_write_time(SummaryFile(session), error);
+    const fs::file_time_type made = fs::last_write_time(SummaryFilePath(session), error);
     for (const std::string& folder : {TraceFolder(session), SampleFolder(session)})
     {
         for (const char* pEnding : {".umt", ".ums"})
@@ -182,11 +177,11 @@ bool WriteRankSummary(const std::string& session)
     try
     {
         const RankSummary summary = SummaryOf(ReadSessionFacts(session));
-        const std::string newPath = fmt::format("{}.new-{}", SummaryFile(session), getpid());
+        const std::string newPath = fmt::format("{}.new-{}", SummaryFilePath(session), getpid());
         std::ofstream file(newPath, std::ios::trunc);
         file << SummaryJson(summary).dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
         file.close();
-        const bool isWritten = file && rename(newPath.c_str(), SummaryFile(session).c_str()) == 0;
+        const bool isWritten = file && rename(newPath.c_str(), SummaryFilePath(session).c_str()) == 0;
         if (!isWritten)
         {
             unlink(newPath.c_str());
@@ -202,7 +197,7 @@ bool WriteRankSummary(const std::string& session)
 std::optional<RankSummary> ReadRankSummary(const std::string& session)
 {
     std::error_code error;
-    const std::string path = SummaryFile(session);
+    const std::string path = SummaryFilePath(session);
     if (!fs::is_regular_file(path, error) || fs::file_size(path, error) > ZORV_LARGEST_SUMMARY ||
         IsOlderThanFiles(session))
     {

@@ -111,6 +111,11 @@ std::string RecordFilePath(const std::string& session)
     return session + "/session.json";
 }
 
+std::string SummaryFilePath(const std::string& session)
+{
+    return session + "/summary.json";
+}
+
 std::string DefaultSessionName(const std::string& program, time_t start, pid_t pid)
 {
     std::string name = fs::path(program).filename().string().substr(0, ZORV_LONGEST_NAME);
@@ -178,6 +183,7 @@ void RemoveSessionDirectory(const SessionDirectory& session)
     std::error_code ignored;
     fs::remove(ConfigurationFile(session.m_path), ignored);
     fs::remove(RecordFilePath(session.m_path), ignored);
+    fs::remove(SummaryFilePath(session.m_path), ignored);
     for (const char* pFolder : g_folders)
     {
         fs::remove_all(fs::path(session.m_path) / pFolder, ignored);

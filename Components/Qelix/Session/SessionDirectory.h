@@ -26,6 +26,7 @@ std::string SampleFolder(const std::string& session);   // .ums files
 std::string MetadataFolder(const std::string& session); // .meta files
 std::string ConfigurationFile(const std::string& session);
 std::string RecordFilePath(const std::string& session); // what qelix notes of the run
+std::string SummaryFilePath(const std::string& session); // what one rank of a job leaves for the table of all
 
 // "qelix-PROGRAM-DATE-TIME-PID", local time; what a configured path cannot hold is replaced in the program's
 // name.

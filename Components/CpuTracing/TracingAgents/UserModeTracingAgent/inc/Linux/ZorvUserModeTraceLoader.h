@@ -12,6 +12,11 @@ void ZorvUmsListModules(void* pUnwinder, bool wasLoaded);
 // loader is taken for a module that is listed: in a forked child nobody may hold it any more.
 void ZorvUmsListModule(void* pHandle);
 
+// Around a dlclose(3): modules may vanish under an answer that begins behind Begin no more.
+void ZorvUmsBeginClosing();
+void ZorvUmsEndClosing();
+void ZorvUmsForgetClosings(); // in a forked child: those of other threads never end there
+
 // The calling thread is about to enter the loader, or has left it: it may hold the loader's locks in between.
 // Gives what Leave wants back.
 const void* ZorvUmsEnterLoader(const void* pFrame);

@@ -24,6 +24,9 @@ void ZorvUmsOpenUnwinder(ZorvUmaProfileInfo* pProfileInfo);
 void ZorvUmsPrepareThread();
 // Behind a dlopen(3) that gave this handle: lets the unwinder know the modules that came.
 void ZorvUmsFollowLoader(void* pHandle);
+// Around a dlclose(3): nobody unwinds through what it takes away.
+void ZorvUmsBeginUnload();
+void ZorvUmsEndUnload();
 // In a forked child: the turn to unwind may be held by a thread that does not exist here.
 void ZorvUmsForgetTurn();
 // In the parent, before and behind a fork(2): nobody is inside the unwinder meanwhile.

@@ -4,6 +4,7 @@
 //
 // The list is made where modules arrive: at the start, and behind a dlopen. A module that has gone since, or
 // whose place another one has taken, is told by _dl_find_object(3), which takes no lock, and is passed over.
+// While a dlclose runs, that may come too late: then only what was there at the start is answered.
 
 #include "ZorvUserModeTraceLoader.h"
 #include "ZorvUserModeTraceInterposers.h"
@@ -30,6 +31,7 @@ struct ListedModule
     uintptr_t m_dynamic;        // address of the dynamic section
     void* m_pFirst;             // address of the first loaded byte
     ObjectPlace m_place;
+    bool m_isLasting; // there at the start: no dlclose takes it away
 };
 
 // One piece of storage: the modules, then all their program headers.
@@ -43,9 +45,10 @@ struct ModuleList
     ListedModule m_modules[];
 };
 
-ModuleList* g_pList; // changes hands only under the turn to unwind
+ModuleList* g_pList;    // changes hands only under the turn to unwind
 ObjectPlace g_unwinder; // stays, as its handle is never closed
 bool g_isUnwinderShared;
+uint32_t g_closings; // calls of dlclose(3) under way
 
 int IteratePhdrOfLibc(PhdrCallback callback, void* pData);
 
@@ -94,6 +97,14 @@ static void NoteAddresses(ListedModule* pModule)
     }
 }
 
+static bool WasLasting(const ListedModule* pModule)
+{
+    for (size_t i = 0; i < g_pList->m_count; i++)
+        if (g_pList->m_modules[i].m_dynamic == pModule->m_dynamic)
+            return g_pList->m_modules[i].m_isLasting;
+    return false;
+}
+
 static int AddModule(struct dl_phdr_info* pInfo, size_t size, void* pData)
 {
     auto pList = static_cast<ModuleList*>(pData);
@@ -112,6 +123,7 @@ static int AddModule(struct dl_phdr_info* pInfo, size_t size, void* pData)
     NoteAddresses(pModule);
     if (pModule->m_pFirst != nullptr)
         pModule->m_place = PlaceOf(pModule->m_pFirst);
+    pModule->m_isLasting = g_pList == nullptr || WasLasting(pModule);
     return 0;
 }
 
@@ -153,6 +165,23 @@ void ZorvUmsListModule(void* pHandle)
         RenewList();
 }
 
+void ZorvUmsBeginClosing()
+{
+    __atomic_add_fetch(&g_closings, 1, __ATOMIC_SEQ_CST);
+}
+
+void ZorvUmsEndClosing()
+{
+    // A child that was forked meanwhile has begun to count anew.
+    if (__atomic_load_n(&g_closings, __ATOMIC_SEQ_CST) != 0)
+        __atomic_sub_fetch(&g_closings, 1, __ATOMIC_SEQ_CST);
+}
+
+void ZorvUmsForgetClosings()
+{
+    __atomic_store_n(&g_closings, 0U, __ATOMIC_SEQ_CST);
+}
+
 // ---- threads inside the loader ---------------------------------------------------------------------------
 
 const void* ZorvUmsEnterLoader(const void* pFrame)
@@ -178,10 +207,12 @@ bool ZorvUmsIsUnwindingUnsafe()
 static int AnswerFromList(const ModuleList* pList, PhdrCallback callback, void* pData)
 {
     int result = 0;
+    bool isClosing = __atomic_load_n(&g_closings, __ATOMIC_SEQ_CST) != 0;
     for (size_t i = 0; i < pList->m_count && result == 0; i++)
     {
-        struct dl_phdr_info info = pList->m_modules[i].m_info;
-        if (IsStillThere(&pList->m_modules[i]))
+        const ListedModule* pModule = &pList->m_modules[i];
+        struct dl_phdr_info info = pModule->m_info;
+        if (pModule->m_isLasting || (!isClosing && IsStillThere(pModule)))
             result = callback(&info, sizeof(info), pData);
     }
     return result;

@@ -299,6 +299,27 @@ ZORV_VERSIONED_NAME(ZorvInterposeDlmopen_2_3_4, dlmopen, "@", ZORV_VERSION_2_3_4
 ZORV_VERSIONED_NAME(ZorvInterposeDlmopen_2_34, dlmopen, "@@", ZORV_VERSION_2_34);
 ZORV_WEAK_NAME(ZorvInterposeDlmopen, dlmopen);
 
+// ---- dlclose ---------------------------------------------------------------------------------------------
+
+static int CloseUnseen(void* pReal, void* pHandle)
+{
+    ZorvUmsBeginUnload();
+    int result = ZorvCallReal<int>(pReal, pHandle);
+    ZorvUmsEndUnload();
+    return result;
+}
+
+template <ZorvEntryPoint* pEntry, typename, typename> struct Close
+{
+    static int Call(void* pHandle)
+    {
+        void* pReal = ZorvRealOf(pEntry);
+        return pReal == nullptr ? -1 : CloseUnseen(pReal, pHandle);
+    }
+};
+
+ZORV_INTERPOSE_VERSIONED(Close, void, ZorvInterposeDlclose, dlclose, 1, 2_2_5, 2_34, AllOnes)
+
 // ---- mmap ------------------------------------------------------------------------------------------------
 
 // The file behind the descriptor; its length, or 0 with the failure logged.

@@ -114,6 +114,7 @@ static void GiveTurnBack()
 void ZorvUmsForgetTurn()
 {
     GiveTurnBack();
+    ZorvUmsForgetClosings();
 }
 
 // Around a fork: the child inherits the unwinder's lock as it is.
@@ -141,6 +142,29 @@ void ZorvUmsFollowLoader(void* pHandle)
         GiveTurnBack();
     }
     ZorvUmaLeaveAgent(&scope);
+}
+
+void ZorvUmsBeginUnload()
+{
+    if (g_pBacktrace == nullptr)
+        return;
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    ZorvUmsBeginClosing();
+    // Who unwinds now may not have seen it.
+    for (int attempt = 0; attempt < SET_UP_ATTEMPTS; attempt++)
+        if (TakeTurn(TURN_SLEEPS))
+        {
+            GiveTurnBack();
+            break;
+        }
+    ZorvUmaLeaveAgent(&scope);
+}
+
+void ZorvUmsEndUnload()
+{
+    if (g_pBacktrace != nullptr)
+        ZorvUmsEndClosing();
 }
 
 static bool HasStackForUnwinding()
