@@ -183,7 +183,6 @@ void RemoveSessionDirectory(const SessionDirectory& session)
     std::error_code ignored;
     fs::remove(ConfigurationFile(session.m_path), ignored);
     fs::remove(RecordFilePath(session.m_path), ignored);
-    fs::remove(SummaryFilePath(session.m_path), ignored);
     for (const char* pFolder : g_folders)
     {
         fs::remove_all(fs::path(session.m_path) / pFolder, ignored);

@@ -241,6 +241,7 @@ bool RemoveSession(const SessionTarget& session)
     }
     fs::remove(ConfigurationFile(session.m_path), error);
     fs::remove(RecordFilePath(session.m_path), error);
+    fs::remove(SummaryFilePath(session.m_path), error);
     RemoveControlBlock(session.m_blockName);
     const bool isRemoved = fs::remove(session.m_path, error);
     if (isRemoved)
