@@ -113,6 +113,23 @@ static void BurnInChild(void)
     Say("child gave %d", WEXITSTATUS(status));
 }
 
+// A child that shares the parent's memory has a mask of its own.
+static void BlockInSharingChild(void)
+{
+    sigset_t all = All();
+    sigset_t none;
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, NULL);
+    pid_t child = vfork();
+    if (child == 0)
+    {
+        pthread_sigmask(SIG_SETMASK, &all, NULL);
+        _exit(0);
+    }
+    waitpid(child, NULL, 0);
+    Say("behind vfork: is %d", IsBlocked());
+}
+
 // The new image finds the mask as the program left it.
 static int Replace(char* pSelf)
 {
@@ -143,5 +160,6 @@ int main(int count, char** ppArguments)
     HoldOne();
     WaitForAll();
     BurnInChild();
+    BlockInSharingChild();
     return 3;
 }

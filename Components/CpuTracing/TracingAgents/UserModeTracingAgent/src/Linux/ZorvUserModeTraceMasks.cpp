@@ -141,7 +141,9 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct GuardedMask
         if (ZORV_UNLIKELY(t_zorvState.m_isUnwinding))
             return ChangeMaskOfUnwinder(how, pSet, pOld);
         // So it does for the program, and a sample of this thread would wait for that lock.
-        if (ZORV_LIKELY(!IsSignalKept() || ZorvUmsIsUnwinder(__builtin_return_address(0))))
+        // A child of vfork(2) has a mask of its own and no timer, but its parent's memory.
+        if (ZORV_LIKELY(!IsSignalKept() || ZorvUmsIsUnwinder(__builtin_return_address(0)) ||
+                        ZorvUmaIsForeign()))
             return ZorvCallReal<int>(pReal, how, pSet, pOld);
         return ChangeMask(pReal, how, pSet, pOld);
     }
@@ -158,7 +160,7 @@ template <ZorvEntryPoint* pEntry, bool isHeld> struct OneSignalMask
         void* pReal = ZorvRealOf(pEntry);
         if (ZORV_UNLIKELY(pReal == nullptr))
             return -1;
-        if (ZORV_LIKELY(!ZorvUmsIsArmedSignal(sig)))
+        if (ZORV_LIKELY(!ZorvUmsIsArmedSignal(sig) || ZorvUmaIsForeign()))
             return ZorvCallReal<int>(pReal, sig);
         t_zorvState.m_isSignalUnwanted = isHeld;
         return 0;
