@@ -182,6 +182,7 @@ struct ZorvProcessState
     uint32_t m_threadCount;  // threads that own a per-thread record
     uint32_t m_streamUsers;  // threads inside a buffer change or a log line of their own
     uint32_t m_writerSignal; // futex word that ends the writer's rest
+    uint64_t m_nudgeTime;    // when a thread last ended it
     long m_cpuCount;         // configured CPUs, 0: not asked
 };
 

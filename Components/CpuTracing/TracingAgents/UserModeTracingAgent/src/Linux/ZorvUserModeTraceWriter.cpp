@@ -16,6 +16,12 @@ constexpr int MAX_CPUS = 1024;
 // this long between looks, an idle writer stays below 2 % of a CPU and sees stop and pause within 5 ms.
 constexpr long REST_NS = 2000000;
 constexpr int MOST_RESTS = 8; // between two passes, whatever a look finds
+// Waking the writer costs a thread as much as a hundred records. One that fills a buffer every 50 us leaves
+// that to the writer's own clock, unless buffers pile up; one that fills them seldom has it woken at once.
+constexpr long BUSY_REST_NS = 500000;
+constexpr uint64_t NUDGE_PERIOD_NS = 1000000;
+constexpr int PILE_OF_BUFFERS = 16;
+constexpr uint64_t SLICE_NS = 100000;
 
 // States of the futex word of the rest.
 constexpr uint32_t WRITER_AWAKE = 0;
@@ -134,22 +140,36 @@ static long Futex(ZorvUmaProfileInfo* pProfileInfo, int operation, uint32_t valu
 }
 
 // The instruction itself: libc's sleeping calls are traced ones and cancellation points.
-static void Rest(ZorvUmaProfileInfo* pProfileInfo)
+static void Rest(ZorvUmaProfileInfo* pProfileInfo, long restNs)
 {
     if (!ChangeSignal(pProfileInfo, WRITER_AWAKE, WRITER_RESTING))
         return;
     // Whoever comes now sees the rest and ends it; whoever came before is seen here.
     if (!IsPassDue(pProfileInfo))
     {
-        const timespec timeout = {0, REST_NS};
+        const timespec timeout = {0, restNs};
         Futex(pProfileInfo, FUTEX_WAIT_PRIVATE, WRITER_RESTING, &timeout);
     }
     ChangeSignal(pProfileInfo, WRITER_RESTING, WRITER_AWAKE);
 }
 
+static bool IsNudgeDue(ZorvUmaProfileInfo* pProfileInfo)
+{
+    uint64_t* pLast = &ZorvUmaStateOf(pProfileInfo)->m_nudgeTime;
+    uint64_t now = ZorvUmaGetTime();
+    int posts = 0;
+    sem_getvalue(&pProfileInfo->m_semaphore, &posts);
+    if (posts < PILE_OF_BUFFERS && now - __atomic_load_n(pLast, __ATOMIC_RELAXED) < NUDGE_PERIOD_NS)
+        return false;
+    __atomic_store_n(pLast, now, __ATOMIC_RELAXED);
+    return true;
+}
+
 void ZorvUmaNudgeWriter(ZorvUmaProfileInfo* pProfileInfo)
 {
-    if (ChangeSignal(pProfileInfo, WRITER_RESTING, WRITER_AWAKE))
+    uint32_t* pSignal = &ZorvUmaStateOf(pProfileInfo)->m_writerSignal;
+    if (__atomic_load_n(pSignal, __ATOMIC_SEQ_CST) == WRITER_RESTING && IsNudgeDue(pProfileInfo) &&
+        ChangeSignal(pProfileInfo, WRITER_RESTING, WRITER_AWAKE))
         Futex(pProfileInfo, FUTEX_WAKE_PRIVATE, 1, nullptr);
 }
 
@@ -177,12 +197,27 @@ static void LeaveProgramsScheduling(const ZorvUmaProfileInfo* pProfileInfo)
             CPU_SET(cpu, &set);
         ZorvUmaPthreadSetAffinity(ZorvUmaPthreadSelf(), sizeof(set), &set);
     }
-    long policy = ZorvRawSyscall(SYS_sched_getscheduler, 0);
-    if (policy == SCHED_FIFO || policy == SCHED_RR || policy == SCHED_DEADLINE)
+    struct sched_attr // sched_setattr(2); libc has no such call
     {
-        const sched_param param = {};
-        ZorvRawSyscall(SYS_sched_setscheduler, 0, SCHED_OTHER, reinterpret_cast<long>(&param));
-    }
+        uint32_t m_size;
+        uint32_t m_policy;
+        uint64_t m_flags;
+        int32_t m_nice;
+        uint32_t m_priority;
+        uint64_t m_runtime;
+        uint64_t m_deadline;
+        uint64_t m_period;
+    } attr = {};
+    if (ZorvRawSyscall(SYS_sched_getattr, 0, reinterpret_cast<long>(&attr), sizeof(attr), 0) != 0)
+        return;
+    if (attr.m_policy == SCHED_FIFO || attr.m_policy == SCHED_RR || attr.m_policy == SCHED_DEADLINE)
+        attr.m_policy = SCHED_OTHER;
+    attr.m_size = sizeof(attr);
+    attr.m_priority = 0;
+    // It runs often and briefly: with a slice of that length it waits for no thread that computes. Kernels
+    // before 6.12 take no slice from here.
+    attr.m_runtime = attr.m_policy == SCHED_OTHER ? SLICE_NS : 0;
+    ZorvRawSyscall(SYS_sched_setattr, 0, reinterpret_cast<long>(&attr), 0);
 }
 
 // Whether a post was there to be taken.
@@ -199,6 +234,7 @@ static bool DrainQueues(ZorvUmaProfileInfo* pProfileInfo)
 
 static void RunWriter(ZorvUmaProfileInfo* pProfileInfo)
 {
+    long restNs = REST_NS;
     while (!IsFlushing(pProfileInfo))
     {
         if (pProfileInfo->m_umsConfig.m_nbrEvents != 0)
@@ -209,9 +245,15 @@ static void RunWriter(ZorvUmaProfileInfo* pProfileInfo)
         if (IsFlushing(pProfileInfo))
             return;
         if (hasWorked)
+        {
+            restNs = BUSY_REST_NS;
             continue;
+        }
         for (int rest = 0; rest < MOST_RESTS && (rest == 0 || !IsPassDue(pProfileInfo)); rest++)
-            Rest(pProfileInfo);
+        {
+            Rest(pProfileInfo, restNs);
+            restNs = restNs < REST_NS ? restNs + restNs / 4 : REST_NS;
+        }
     }
 }
 
