@@ -5,9 +5,7 @@
 // entry points, look-up and pattern follow from the row; nothing else is written.
 #pragma once
 
-#include "ZorvUserModeTrace.h"
-
-#include <type_traits>
+#include "ZorvUserModeTraceCalls.h"
 
 // What a call answers while its real function cannot be found.
 enum class ZorvLookupFailure
@@ -26,13 +24,6 @@ struct ZorvEntryPoint
     ZorvLookupFailure m_failure;
 };
 
-// The record that a call leaves: its sub-type and the event class that switches it.
-struct ZorvCallClass
-{
-    uint16_t m_type; // ZorvPthreadType under ZORV_UMT_EVENT_PTHREAD, else ZorvSysCallType
-    ZorvUmtEventId m_event;
-};
-
 struct ZorvUmtThreadWrapperArg
 {
     void* (*m_pStartRoutine)(void*);
@@ -40,27 +31,11 @@ struct ZorvUmtThreadWrapperArg
     ZorvUmaProfileInfo* m_pProfileInfo;
 };
 
-// A call to be traced, and its state between the two halves. No destructor is pending over the real call: a
-// cancelled thread skips it.
-struct ZorvTracedCall
-{
-    ZorvUmaProfileInfo* m_pProfileInfo;
-    uint64_t m_funcVa;
-    uint64_t m_value; // lock address of a pthread record, sysValue of a system-call record
-    ZorvCallClass m_class;
-    uint16_t m_flags;
-
-    uint64_t m_startTime;
-    uint64_t m_startPauseId;
-    ZorvUmaBuffer* m_pCacheBuf; // holds the provisional record
-    uint32_t m_appendCount;     // as it is while nobody has written over that record
-    uint32_t m_lostByCache;     // records counted as lost because the provisional one found no room
-};
-
 // Finds the real function; prints a message and gives null when it is not there. errno is kept.
 void* ZorvFindReal(ZorvEntryPoint* pEntry);
 
-// The halves of a traced call; each keeps errno. Begin before the real call, End or EndIf behind it.
+// The halves of a traced call, out of line; each keeps errno. Begin before the real call, End or EndIf behind
+// it.
 void ZorvBeginCall(ZorvTracedCall* pCall);                    // takes pause id and time
 void ZorvBeginParkedCall(ZorvTracedCall* pCall);              // the same, and parks a provisional record
 void ZorvEndParkedCall(ZorvTracedCall* pCall, int result);    // completes or withdraws it
@@ -129,20 +104,62 @@ template <typename First, typename... Rest> static inline uint64_t ZorvFirstArgu
     return (uint64_t)first; // a pointer or a handle
 }
 
-// Runs the real call between two halves; void calls have no result to hand on.
-template <void (*begin)(ZorvTracedCall*), void (*end)(ZorvTracedCall*, int), typename R, typename... P>
-static inline R ZorvRunBetween(ZorvTracedCall* pCall, void* pReal, P... arguments)
+// Where the halves of a call stand.
+struct ZorvHalvesInPlace
 {
-    begin(pCall);
+    static ZORV_IN_PLACE ZorvUmaProfileInfo* TracedInfo(ZorvUmtEventId event)
+    {
+        ZorvUmaProfileInfo* pProfileInfo = __atomic_load_n(&g_pProfileInfo, __ATOMIC_RELAXED);
+        bool isTraced = pProfileInfo != nullptr && pProfileInfo->m_umtConfig.m_umtEventList[event].m_enable &&
+                        !ZorvDirectCalls::IsStopped(pProfileInfo);
+        return isTraced ? pProfileInfo : nullptr;
+    }
+    static ZORV_IN_PLACE void Begin(ZorvTracedCall* pCall)
+    {
+        ZorvBeginUnparked<ZorvDirectCalls>(pCall);
+    }
+    static ZORV_IN_PLACE void BeginParked(ZorvTracedCall* pCall)
+    {
+        ZorvBeginParked<ZorvDirectCalls>(pCall);
+    }
+    static ZORV_IN_PLACE void End(ZorvTracedCall* pCall, int result)
+    {
+        ZorvEndUnparked<ZorvDirectCalls>(pCall, result, false);
+    }
+    static ZORV_IN_PLACE void EndAnyLength(ZorvTracedCall* pCall, int result)
+    {
+        ZorvEndUnparked<ZorvDirectCalls>(pCall, result, true);
+    }
+    static ZORV_IN_PLACE void EndParked(ZorvTracedCall* pCall, int result)
+    {
+        ZorvEndParked<ZorvDirectCalls>(pCall, result);
+    }
+};
+
+struct ZorvHalvesOutOfLine
+{
+    static constexpr auto TracedInfo = ZorvTracedInfo;
+    static constexpr auto Begin = ZorvBeginCall;
+    static constexpr auto BeginParked = ZorvBeginParkedCall;
+    static constexpr auto End = ZorvEndCall;
+    static constexpr auto EndAnyLength = ZorvEndCallAnyLength;
+    static constexpr auto EndParked = ZorvEndParkedCall;
+};
+
+// Runs the real call between two halves; void calls have no result to hand on.
+template <typename R, typename Begin, typename End, typename... P>
+static inline R ZorvRunBetween(Begin begin, End end, void* pReal, P... arguments)
+{
+    begin();
     if constexpr (std::is_void_v<R>)
     {
         ZorvCallReal<R>(pReal, arguments...);
-        end(pCall, 0);
+        end(0);
     }
     else
     {
         R result = ZorvCallReal<R>(pReal, arguments...);
-        end(pCall, ZorvResultAsInt(result));
+        end(ZorvResultAsInt(result));
         return result;
     }
 }
@@ -156,9 +173,11 @@ struct ZorvParkedPattern
     {
         return true;
     }
-    template <typename R, typename... P> static inline R Run(ZorvTracedCall* pCall, void* pReal, P... arguments)
+    template <typename Halves, typename R, typename... P>
+    static ZORV_IN_PLACE R Run(ZorvTracedCall* pCall, void* pReal, P... arguments)
     {
-        return ZorvRunBetween<ZorvBeginParkedCall, ZorvEndParkedCall, R>(pCall, pReal, arguments...);
+        return ZorvRunBetween<R>([=] { Halves::BeginParked(pCall); },
+                                 [=](int result) { Halves::EndParked(pCall, result); }, pReal, arguments...);
     }
 };
 
@@ -169,9 +188,11 @@ struct ZorvDirectPattern
     {
         return true;
     }
-    template <typename R, typename... P> static inline R Run(ZorvTracedCall* pCall, void* pReal, P... arguments)
+    template <typename Halves, typename R, typename... P>
+    static ZORV_IN_PLACE R Run(ZorvTracedCall* pCall, void* pReal, P... arguments)
     {
-        return ZorvRunBetween<ZorvBeginCall, ZorvEndCall, R>(pCall, pReal, arguments...);
+        return ZorvRunBetween<R>([=] { Halves::Begin(pCall); }, [=](int result) { Halves::End(pCall, result); },
+                                 pReal, arguments...);
     }
 };
 
@@ -182,18 +203,10 @@ struct ZorvGatedCall;
 template <typename Pattern, ZorvEntryPoint* pEntry, ZorvCallClass callClass, typename R, typename... P>
 struct ZorvGatedCall<Pattern, pEntry, callClass, R (*)(P...)>
 {
-    static __attribute__((noinline)) R BehindGate(P... arguments)
+    template <typename Halves> static ZORV_IN_PLACE R Traced(void* pReal, P... arguments)
     {
-        void* pReal = ZorvRealOf(pEntry);
-        if (ZORV_UNLIKELY(pReal == nullptr))
-        {
-            if constexpr (std::is_void_v<R>)
-                return;
-            else
-                return ZorvFailureResult<R>(pEntry->m_failure, arguments...);
-        }
         ZorvUmaProfileInfo* pProfileInfo =
-            Pattern::Wants(callClass.m_event, arguments...) ? ZorvTracedInfo(callClass.m_event) : nullptr;
+            Pattern::Wants(callClass.m_event, arguments...) ? Halves::TracedInfo(callClass.m_event) : nullptr;
         if (pProfileInfo == nullptr)
             return ZorvCallReal<R>(pReal, arguments...);
 
@@ -206,7 +219,27 @@ struct ZorvGatedCall<Pattern, pEntry, callClass, R (*)(P...)>
             call.m_value = ZorvFirstArgument(arguments...);
         else
             call.m_value = 0;
-        return Pattern::template Run<R>(&call, pReal, arguments...);
+        return Pattern::template Run<Halves, R>(&call, pReal, arguments...);
+    }
+
+    static ZORV_COLD R TracedByReplaced(void* pReal, P... arguments)
+    {
+        return Traced<ZorvHalvesOutOfLine>(pReal, arguments...);
+    }
+
+    static __attribute__((noinline)) R BehindGate(P... arguments)
+    {
+        void* pReal = ZorvRealOf(pEntry);
+        if (ZORV_UNLIKELY(pReal == nullptr))
+        {
+            if constexpr (std::is_void_v<R>)
+                return;
+            else
+                return ZorvFailureResult<R>(pEntry->m_failure, arguments...);
+        }
+        if (ZORV_LIKELY(g_isPathDirect))
+            return Traced<ZorvHalvesInPlace>(pReal, arguments...);
+        return TracedByReplaced(pReal, arguments...);
     }
 
     static inline R Call(P... arguments)

@@ -1,6 +1,5 @@
 // The halves of a traced call, and the look-up of the real functions: what every interposer shares.
 
-#include "ZorvUserModeTraceAppend.h"
 #include "ZorvUserModeTraceInterposers.h"
 
 #include <cerrno>
@@ -81,13 +80,6 @@ void ZorvUmtChoosePath()
 
 ZorvUmaProfileInfo* ZorvTracedInfo(ZorvUmtEventId event)
 {
-    if (ZORV_LIKELY(g_isPathDirect))
-    {
-        ZorvUmaProfileInfo* pProfileInfo = __atomic_load_n(&g_pProfileInfo, __ATOMIC_RELAXED);
-        bool isTraced = pProfileInfo != nullptr && pProfileInfo->m_umtConfig.m_umtEventList[event].m_enable &&
-                        !ZorvDirectCalls::IsStopped(pProfileInfo);
-        return isTraced ? pProfileInfo : nullptr;
-    }
     ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
     return ZorvUmtIsTraceEvent(pProfileInfo, event) ? pProfileInfo : nullptr;
 }
@@ -97,237 +89,70 @@ uint64_t ZorvThresholdOf(ZorvUmtEventId event)
     return ZorvUmtGetEventThreshold(ZorvUmaGetProfileInfo(), event);
 }
 
-// ---- before the call -------------------------------------------------------------------------------------
-
-static inline int* ErrnoPlace()
-{
-    int* pErrno = t_zorvState.m_pErrno;
-    return ZORV_LIKELY(pErrno != nullptr) ? pErrno : &errno;
-}
-
-static inline bool IsPthreadCall(const ZorvTracedCall* pCall)
-{
-    return pCall->m_class.m_event == ZORV_UMT_EVENT_PTHREAD;
-}
-
-static inline ZorvPthreadCallRecord PthreadRecordOf(const ZorvTracedCall* pCall, int result)
-{
-    return {{pCall->m_value, pCall->m_funcVa, ZorvParallelRegionId(pCall->m_pProfileInfo), result, 0, 0},
-            pCall->m_class.m_type,
-            pCall->m_flags};
-}
-
-static inline ZorvSyscallCallRecord SyscallRecordOf(const ZorvTracedCall* pCall)
-{
-    return {{{pCall->m_funcVa}, ZorvParallelRegionId(pCall->m_pProfileInfo), pCall->m_value, 0, {}},
-            pCall->m_class.m_type,
-            pCall->m_flags};
-}
-
-template <typename Calls> static inline void StartTiming(ZorvTracedCall* pCall)
-{
-    pCall->m_pCacheBuf = nullptr;
-    pCall->m_lostByCache = 0;
-    pCall->m_startPauseId = Calls::CurrentPauseId(pCall->m_pProfileInfo);
-    pCall->m_startTime = Calls::GetTime();
-}
-
-template <typename Calls> static inline ZorvUmaBuffer* Park(const ZorvTracedCall* pCall);
-
-template <> inline ZorvUmaBuffer* Park<ZorvDirectCalls>(const ZorvTracedCall* pCall)
-{
-    if (IsPthreadCall(pCall))
-        return ZorvCacheCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime,
-                                              PthreadRecordOf(pCall, 0));
-    return ZorvCacheCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime, SyscallRecordOf(pCall));
-}
-
-template <> inline ZorvUmaBuffer* Park<ZorvDynamicCalls>(const ZorvTracedCall* pCall)
-{
-    if (IsPthreadCall(pCall))
-        return ZorvUmtCachePthreadRecord(pCall->m_pProfileInfo, pCall->m_startTime, pCall->m_value,
-                                         pCall->m_funcVa, static_cast<ZorvPthreadType>(pCall->m_class.m_type));
-    return ZorvUmtCacheSyscallRecord(pCall->m_pProfileInfo, pCall->m_startTime, pCall->m_funcVa,
-                                     static_cast<ZorvSysCallType>(pCall->m_class.m_type),
-                                     pCall->m_class.m_event, pCall->m_flags, pCall->m_value);
-}
-
-template <typename Calls> static inline void BeginParked(ZorvTracedCall* pCall)
-{
-    int* pErrno = ErrnoPlace();
-    int savedErrno = *pErrno;
-    StartTiming<Calls>(pCall);
-    uint32_t lostBefore = t_zorvState.m_lostCount;
-    // What anyone else appends from here on shows as a difference: the provisional record is gone then.
-    uint32_t appendedBefore = t_zorvState.m_appendCount;
-    pCall->m_appendCount = appendedBefore + 1;
-    pCall->m_pCacheBuf = Park<Calls>(pCall);
-    // A function that stands in for the agent's keeps no count.
-    if (!std::is_same_v<Calls, ZorvDirectCalls> && t_zorvState.m_appendCount == appendedBefore)
-        pCall->m_appendCount = appendedBefore;
-    if (ZORV_UNLIKELY(pCall->m_pCacheBuf == nullptr))
-        pCall->m_lostByCache = t_zorvState.m_lostCount - lostBefore;
-    *pErrno = savedErrno;
-}
+// ---- the halves, out of line -----------------------------------------------------------------------------
 
 void ZorvBeginCall(ZorvTracedCall* pCall)
 {
-    int* pErrno = ErrnoPlace();
-    int savedErrno = *pErrno;
     if (ZORV_LIKELY(g_isPathDirect))
-        StartTiming<ZorvDirectCalls>(pCall);
+        ZorvBeginUnparked<ZorvDirectCalls>(pCall);
     else
-        StartTiming<ZorvDynamicCalls>(pCall);
-    *pErrno = savedErrno;
-}
-
-static __attribute__((noinline)) void BeginParkedReplaced(ZorvTracedCall* pCall)
-{
-    BeginParked<ZorvDynamicCalls>(pCall);
+        ZorvBeginUnparked<ZorvDynamicCalls>(pCall);
 }
 
 void ZorvBeginParkedCall(ZorvTracedCall* pCall)
 {
     if (ZORV_LIKELY(g_isPathDirect))
-        BeginParked<ZorvDirectCalls>(pCall);
+        ZorvBeginParked<ZorvDirectCalls>(pCall);
     else
-        BeginParkedReplaced(pCall);
+        ZorvBeginParked<ZorvDynamicCalls>(pCall);
 }
 
-// ---- behind the call -------------------------------------------------------------------------------------
-
-template <typename Calls> static inline bool LayInsideOnePause(const ZorvTracedCall* pCall)
+static void EndUnparked(ZorvTracedCall* pCall, int result, bool anyLength)
 {
-    return Calls::IsSamePauseId(pCall->m_startPauseId, Calls::CurrentPauseId(pCall->m_pProfileInfo));
-}
-
-template <typename Calls> static inline bool IsLongEnough(const ZorvTracedCall* pCall, uint64_t endTime)
-{
-    return endTime - pCall->m_startTime >= Calls::Threshold(pCall->m_pProfileInfo, pCall->m_class.m_event);
-}
-
-template <typename Calls> static inline void Capture(const ZorvTracedCall* pCall, uint64_t endTime, int result);
-
-template <> inline void Capture<ZorvDynamicCalls>(const ZorvTracedCall* pCall, uint64_t endTime, int result)
-{
-    if (IsPthreadCall(pCall))
-        ZorvUmtCapturePthreadRecord(pCall->m_pProfileInfo, pCall->m_startTime, endTime, pCall->m_value,
-                                    pCall->m_funcVa, result,
-                                    static_cast<ZorvPthreadType>(pCall->m_class.m_type), pCall->m_pCacheBuf);
+    if (ZORV_LIKELY(g_isPathDirect))
+        ZorvEndUnparked<ZorvDirectCalls>(pCall, result, anyLength);
     else
-        ZorvUmtCaptureSysCallRecord(pCall->m_pProfileInfo, pCall->m_startTime, endTime, pCall->m_funcVa,
-                                    static_cast<ZorvSysCallType>(pCall->m_class.m_type), pCall->m_class.m_event,
-                                    pCall->m_flags, pCall->m_value, pCall->m_pCacheBuf);
-}
-
-// The provisional record becomes part of the data and is withdrawn in one step: both lengths lie in one word.
-static inline void PublishParked(ZorvUmaBuffer* pBuffer)
-{
-    static_assert(offsetof(ZorvUmaBuffer, m_dataLen) == 0 && offsetof(ZorvUmaBuffer, m_cacheLen) == 4);
-    constexpr uint64_t size = ZORV_UMT_CALL_RECORD_SIZE;
-    __atomic_add_fetch(reinterpret_cast<uint64_t*>(pBuffer), size - (size << 32), __ATOMIC_SEQ_CST);
-}
-
-template <> inline void Capture<ZorvDirectCalls>(const ZorvTracedCall* pCall, uint64_t endTime, int result)
-{
-    ZorvUmaBuffer* pBuffer = pCall->m_pCacheBuf;
-    if (ZORV_LIKELY(pBuffer != nullptr))
-    {
-        if (pBuffer->m_pData == nullptr)
-            return;
-        ZorvRecordAtEnd(pBuffer)->m_endTime = endTime;
-        if (IsPthreadCall(pCall))
-            ZorvBodyAtEnd<ZorvUmtPthreadRecord, ZorvUmtRecordHdr>(pBuffer)->m_retValue = result;
-        PublishParked(pBuffer);
-    }
-    else if (IsPthreadCall(pCall))
-        ZorvCaptureCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime, endTime,
-                                         PthreadRecordOf(pCall, result));
-    else
-        ZorvCaptureCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime, endTime,
-                                         SyscallRecordOf(pCall));
-}
-
-template <typename Calls> static inline void EndUnparked(ZorvTracedCall* pCall, int result, bool anyLength)
-{
-    int* pErrno = ErrnoPlace();
-    int savedErrno = *pErrno;
-    uint64_t endTime = Calls::GetTime();
-    if (!LayInsideOnePause<Calls>(pCall) && (anyLength || IsLongEnough<Calls>(pCall, endTime)))
-        Capture<Calls>(pCall, endTime, result);
-    *pErrno = savedErrno;
+        ZorvEndUnparked<ZorvDynamicCalls>(pCall, result, anyLength);
 }
 
 void ZorvEndCall(ZorvTracedCall* pCall, int result)
 {
-    if (ZORV_LIKELY(g_isPathDirect))
-        EndUnparked<ZorvDirectCalls>(pCall, result, false);
-    else
-        EndUnparked<ZorvDynamicCalls>(pCall, result, false);
+    EndUnparked(pCall, result, false);
 }
 
 void ZorvEndCallAnyLength(ZorvTracedCall* pCall, int result)
 {
-    if (ZORV_LIKELY(g_isPathDirect))
-        EndUnparked<ZorvDirectCalls>(pCall, result, true);
-    else
-        EndUnparked<ZorvDynamicCalls>(pCall, result, true);
-}
-
-// A signal handler of the program has written over the provisional record: a whole record is due instead, and
-// what such a handler may have left parked, by a jump out of itself, is withdrawn.
-static ZORV_COLD void ForgetCache(ZorvTracedCall* pCall, bool isNested)
-{
-    pCall->m_pCacheBuf = nullptr;
-    ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
-    if (!isNested && pThreadInfo != nullptr && pThreadInfo->m_pUmtBuf != nullptr)
-        ZorvStoreFenced(&pThreadInfo->m_pUmtBuf->m_cacheLen, 0U);
-}
-
-// The provisional record found no room and was counted as lost; the record of the call counts for itself.
-static ZORV_COLD void TakeBackLost(ZorvTracedCall* pCall)
-{
-    __atomic_sub_fetch(&pCall->m_pProfileInfo->m_umtData.m_lostRecordCount, pCall->m_lostByCache,
-                       __ATOMIC_SEQ_CST);
-}
-
-template <typename Calls> static inline void EndParked(ZorvTracedCall* pCall, int result)
-{
-    int* pErrno = ErrnoPlace();
-    int savedErrno = *pErrno;
-    uint64_t endTime = Calls::GetTime();
-    if (ZORV_UNLIKELY(pCall->m_lostByCache != 0))
-        TakeBackLost(pCall);
-
-    // From here a handler's records go to the spare buffer, and the provisional record stays ours.
-    const void* pOuterFrame = ZorvInterruptedFrame(pCall);
-    t_zorvState.m_pAppendFrame = pCall;
-    ZorvSignalFence();
-    if (ZORV_UNLIKELY(pCall->m_appendCount != t_zorvState.m_appendCount))
-        ForgetCache(pCall, pOuterFrame != nullptr);
-    if (ZORV_UNLIKELY(pCall->m_pCacheBuf == nullptr))
-        t_zorvState.m_pAppendFrame = pOuterFrame;
-
-    if (!LayInsideOnePause<Calls>(pCall) && IsLongEnough<Calls>(pCall, endTime))
-        Capture<Calls>(pCall, endTime, result);
-    if (ZORV_LIKELY(pCall->m_pCacheBuf != nullptr) && pCall->m_pCacheBuf->m_cacheLen != 0)
-        ZorvStoreFenced(&pCall->m_pCacheBuf->m_cacheLen, 0U);
-    ZorvSignalFence();
-    t_zorvState.m_pAppendFrame = pOuterFrame;
-    *pErrno = savedErrno;
-}
-
-static __attribute__((noinline)) void EndParkedReplaced(ZorvTracedCall* pCall, int result)
-{
-    EndParked<ZorvDynamicCalls>(pCall, result);
+    EndUnparked(pCall, result, true);
 }
 
 void ZorvEndParkedCall(ZorvTracedCall* pCall, int result)
 {
     if (ZORV_LIKELY(g_isPathDirect))
-        EndParked<ZorvDirectCalls>(pCall, result);
+        ZorvEndParked<ZorvDirectCalls>(pCall, result);
     else
-        EndParkedReplaced(pCall, result);
+        ZorvEndParked<ZorvDynamicCalls>(pCall, result);
+}
+
+void ZorvCaptureWhole(const ZorvTracedCall* pCall, uint64_t endTime, int result)
+{
+    if (ZorvIsPthreadCall(pCall))
+        ZorvCaptureCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime, endTime,
+                                         ZorvPthreadRecordOf(pCall, result));
+    else
+        ZorvCaptureCall<ZorvDirectCalls>(pCall->m_pProfileInfo, pCall->m_startTime, endTime,
+                                         ZorvSyscallRecordOf(pCall));
+}
+
+ZORV_COLD void ZorvWithdrawStray()
+{
+    ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
+    if (pThreadInfo != nullptr && pThreadInfo->m_pUmtBuf != nullptr)
+        ZorvStoreFenced(&pThreadInfo->m_pUmtBuf->m_cacheLen, 0U);
+}
+
+ZORV_COLD void ZorvTakeBackLost(ZorvUmaProfileInfo* pProfileInfo, uint32_t count)
+{
+    __atomic_sub_fetch(&pProfileInfo->m_umtData.m_lostRecordCount, count, __ATOMIC_SEQ_CST);
 }
 
 // ---- deadlines -------------------------------------------------------------------------------------------

@@ -29,12 +29,13 @@ struct TryPattern
     {
         return ZorvThresholdOf(event) == 0;
     }
-    template <typename R, typename... P> static inline R Run(ZorvTracedCall* pCall, void* pReal, P... arguments)
+    template <typename Halves, typename R, typename... P>
+    static ZORV_IN_PLACE R Run(ZorvTracedCall* pCall, void* pReal, P... arguments)
     {
-        ZorvBeginCall(pCall);
+        Halves::Begin(pCall);
         R result = ZorvCallReal<R>(pReal, arguments...);
         if (result == 0)
-            ZorvEndCallAnyLength(pCall, 0);
+            Halves::EndAnyLength(pCall, 0);
         return result;
     }
 };

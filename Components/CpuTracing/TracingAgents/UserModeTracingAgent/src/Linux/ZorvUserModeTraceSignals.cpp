@@ -211,7 +211,7 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct RawSyscall
         call.m_value = a1;
         call.m_class = {ZORV_SYSCALL_TYPE_RESOURCE_WAIT, ZORV_UMT_EVENT_LOCK};
         call.m_flags = ZORV_UMT_FLAG_SYSCALL_ID;
-        return ZorvParkedPattern::Run<long>(&call, pReal, number, a1, a2, a3, a4, a5, a6);
+        return ZorvParkedPattern::Run<ZorvHalvesOutOfLine, long>(&call, pReal, number, a1, a2, a3, a4, a5, a6);
     }
 
     static long Call(long number, unsigned long a1, unsigned long a2, unsigned long a3, unsigned long a4,
