@@ -39,6 +39,7 @@ struct ZorvUmtThreadWrapperArg
     void* m_pArg;
     ZorvUmaProfileInfo* m_pProfileInfo;
 };
+using ZorvUmtThreadWrapperArgT = ZorvUmtThreadWrapperArg;
 
 // A call to be traced, and its state between the two halves. No destructor is pending over the real call: a
 // cancelled thread skips it.
