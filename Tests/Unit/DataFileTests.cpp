@@ -207,6 +207,19 @@ TEST_F(Prepare, AgainFreesStorageAndHeadOnly)
     close(m_data.m_fd);
 }
 
+TEST_F(Prepare, AgainResetsBuffersWithoutStorageToo)
+{
+    ASSERT_TRUE(Init());
+    close(m_data.m_fd);
+    ZorvUmaBuffer* pBuffer = BuffersOf(m_data)[1];
+    free(pBuffer->m_pData);
+    *pBuffer = {100, 64, ZORV_UMA_BUFFER_STATE_FULL, 32768, nullptr, nullptr};
+    ASSERT_TRUE(Init());
+    EXPECT_EQ(pBuffer->m_dataLen + pBuffer->m_cacheLen + pBuffer->m_bufSize, 0u);
+    EXPECT_EQ(pBuffer->m_state, ZORV_UMA_BUFFER_STATE_NONE);
+    close(m_data.m_fd);
+}
+
 TEST_F(Prepare, AgainStartsAListOfEightNewOnes)
 {
     ASSERT_TRUE(Init());

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -71,6 +72,22 @@ TEST_F(OthersRecord, TakesRecordsThroughAChangeOfBuffer)
     EXPECT_EQ(QueuedBuffers(*m_pOther->m_info.m_umtData.m_pQueue).size(), 1u);
     EXPECT_EQ(m_pOther->m_info.m_umtData.m_lostRecordCount, 0u);
     ExpectUntouchedBehindIt();
+}
+
+// Only the process-wide record is the parent's business in a child that nobody announced.
+TEST_F(OthersRecord, TakesRecordsInAForkedChild)
+{
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        const ZorvUmaPerThreadInfo* pThread = ZorvUmaAllocateThreadInfo(&m_pOther->m_info);
+        Capture(1);
+        const bool isRecorded = pThread->m_pUmtBuf != nullptr && pThread->m_pUmtBuf->m_dataLen != 0;
+        _exit(isRecorded && ReadAt<TraceHeader>(pThread->m_pUmtBuf, 0).m_pid == getpid() ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(OthersRecord, IsWrittenByAWriter)

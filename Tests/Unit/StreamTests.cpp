@@ -247,6 +247,7 @@ TEST_F(FinalWrite, AShortOneIsLoggedAndTheOthersFollow)
     EXPECT_EQ(Finish(), std::string(100, 'b'));
     EXPECT_EQ(Log(), (Strings{"ERROR Failed to write buffer from global array to file.",
                               "INFO Lost trace records count = 0"}));
+    EXPECT_EQ(ReadLog(m_logFd)[0].m_function, "ZorvUmaFiniDataWriting");
 }
 
 TEST_F(FinalWrite, ForgetsTheListAndClosesTheFile)

@@ -13,6 +13,7 @@ struct ZorvAgentSharedDetails
     uint8_t m_unused[6];
     uint64_t m_pauseId; // names the pause that is on; 0 reads as no pause
 };
+using ZorvAgentSharedDetailsT = ZorvAgentSharedDetails;
 
 struct ZorvAgentSharedInfo
 {
@@ -21,6 +22,7 @@ struct ZorvAgentSharedInfo
     ZorvAgentSharedDetails m_mpiFlags;  // MPI agent
     ZorvAgentSharedDetails m_gpuFlags;  // GPU agent
 };
+using ZorvAgentSharedInfoT = ZorvAgentSharedInfo;
 
 static_assert(sizeof(ZorvAgentSharedDetails) == 16);
 static_assert(offsetof(ZorvAgentSharedDetails, m_isPause) == 0);

@@ -25,6 +25,7 @@ struct ZorvMetadataFileHdr
     uint16_t m_reserved;
     uint16_t m_fileVersion; // ZORV_METADATA_FILE_VERSION_1_0
 };
+using ZorvMetadataFileHdrT = ZorvMetadataFileHdr;
 
 struct ZorvMetadataRecordHdr
 {
@@ -32,6 +33,7 @@ struct ZorvMetadataRecordHdr
     uint16_t m_recSize; // bytes, this header included
     uint32_t m_pid;
 };
+using ZorvMetadataRecordHdrT = ZorvMetadataRecordHdr;
 
 struct ZorvMmapRecord // m_modulePathLen path bytes and one zero byte follow
 {
@@ -44,6 +46,7 @@ struct ZorvMmapRecord // m_modulePathLen path bytes and one zero byte follow
     uint8_t m_isReserved1;
     uint32_t m_isReserved2;
 };
+using ZorvMmapRecordT = ZorvMmapRecord;
 
 // What a record measures beside its path: the fixed part and the terminating zero.
 constexpr uint16_t ZORV_MMAP_RECORD_BASE_SIZE = sizeof(ZorvMmapRecord) + 1;

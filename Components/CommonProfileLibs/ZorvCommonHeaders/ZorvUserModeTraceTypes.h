@@ -92,6 +92,7 @@ struct ZorvUmtFileHdr
     uint16_t m_reserved1;
     uint32_t m_reserved2;
 };
+using ZorvUmtFileHdrT = ZorvUmtFileHdr;
 
 struct ZorvUmtRecordHdr
 {
@@ -104,6 +105,7 @@ struct ZorvUmtRecordHdr
     int32_t m_pid;
     int32_t m_tid;
 };
+using ZorvUmtRecordHdrT = ZorvUmtRecordHdr;
 
 struct ZorvUmtPthreadRecord // body, behind the header
 {
@@ -114,6 +116,7 @@ struct ZorvUmtPthreadRecord // body, behind the header
     uint16_t m_csSize; // always 0: no call stack follows
     uint16_t m_padding;
 };
+using ZorvUmtPthreadRecordT = ZorvUmtPthreadRecord;
 
 struct ZorvUmtSyscallRecord // body, behind the header
 {
@@ -127,6 +130,7 @@ struct ZorvUmtSyscallRecord // body, behind the header
     uint16_t m_csSize; // always 0: no call stack follows
     uint16_t m_padding[3];
 };
+using ZorvUmtSyscallRecordT = ZorvUmtSyscallRecord;
 
 struct ZorvUmtProcRecord // body, behind the header
 {
@@ -135,11 +139,13 @@ struct ZorvUmtProcRecord // body, behind the header
     char m_name[ZORV_RECORD_NAME_SIZE]; // zero-filled; a name of 32 bytes has no terminator
     uint32_t m_padding;
 };
+using ZorvUmtProcRecordT = ZorvUmtProcRecord;
 
 struct ZorvUmtThreadEndRecord // body, behind the header
 {
     uint64_t m_pthreadId;
 };
+using ZorvUmtThreadEndRecordT = ZorvUmtThreadEndRecord;
 
 constexpr uint16_t ZORV_UMT_CALL_RECORD_SIZE = sizeof(ZorvUmtRecordHdr) + sizeof(ZorvUmtPthreadRecord);
 constexpr uint16_t ZORV_UMT_PROC_RECORD_SIZE = sizeof(ZorvUmtRecordHdr) + sizeof(ZorvUmtProcRecord);
@@ -172,6 +178,7 @@ enum ZorvUmsFlags : uint16_t
 };
 
 using ZorvUmsFileHdr = ZorvUmtFileHdr; // one layout for both kinds of file
+using ZorvUmsFileHdrT = ZorvUmsFileHdr;
 
 struct ZorvUmsRecordHdr
 {
@@ -183,9 +190,12 @@ struct ZorvUmsRecordHdr
     uint16_t m_flags;   // ZorvUmsFlags
     uint64_t m_startTime;
 };
+using ZorvUmsRecordHdrT = ZorvUmsRecordHdr;
 
 using ZorvUmsProcRecord = ZorvUmtProcRecord;
+using ZorvUmsProcRecordT = ZorvUmsProcRecord;
 using ZorvUmsThreadEndRecord = ZorvUmtThreadEndRecord;
+using ZorvUmsThreadEndRecordT = ZorvUmsThreadEndRecord;
 
 struct ZorvUmsIpRecord // body, behind the header; m_csLen addresses follow, innermost first
 {
@@ -193,12 +203,14 @@ struct ZorvUmsIpRecord // body, behind the header; m_csLen addresses follow, inn
     uint32_t m_reserved;
     uint32_t m_csLen;
 };
+using ZorvUmsIpRecordT = ZorvUmsIpRecord;
 
 struct ZorvUmsEventInfo // behind the call stack, only with counters; m_numEvents entries follow
 {
     uint32_t m_numEvents;
     uint32_t m_reserved;
 };
+using ZorvUmsEventInfoT = ZorvUmsEventInfo;
 
 struct ZorvUmsEventData
 {
@@ -207,12 +219,14 @@ struct ZorvUmsEventData
     uint64_t m_timeRunning;
     uint64_t m_id; // the kernel's event id, perf_event_open(2)
 };
+using ZorvUmsEventDataT = ZorvUmsEventData;
 
 struct ZorvUmsEventMetaData // body of the metadata record; m_numEvents encoded event ids (uint64) follow
 {
     uint32_t m_numEvents;
     uint32_t m_reserved;
 };
+using ZorvUmsEventMetaDataT = ZorvUmsEventMetaData;
 
 constexpr uint16_t ZORV_UMS_PROC_RECORD_SIZE = sizeof(ZorvUmsRecordHdr) + sizeof(ZorvUmsProcRecord);
 constexpr uint16_t ZORV_UMS_THREAD_END_RECORD_SIZE = sizeof(ZorvUmsRecordHdr) + sizeof(ZorvUmsThreadEndRecord);

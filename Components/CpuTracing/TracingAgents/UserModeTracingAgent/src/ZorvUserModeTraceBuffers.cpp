@@ -81,7 +81,7 @@ static bool IsFromKernel(const ZorvUmaBuffer* pBuffer)
 
 static void ForgetStorage(ZorvUmaBuffer* pBuffer)
 {
-    if (!IsFromKernel(pBuffer))
+    if (pBuffer->m_pData != nullptr && !IsFromKernel(pBuffer))
         ZorvUmaRelease(pBuffer->m_pData);
     pBuffer->m_pData = nullptr;
     pBuffer->m_dataLen = 0;
@@ -326,8 +326,7 @@ extern "C" bool ZorvUmaInitDataWriting(ZorvUmaData* pData, const char* pDirPath,
     if (pData->m_pBufList != nullptr)
     {
         for (ZorvUmaListNode* pNode = pData->m_pBufList; pNode != nullptr; pNode = pNode->m_pNext)
-            if (pNode->m_buffer.m_pData != nullptr)
-                ForgetStorage(&pNode->m_buffer);
+            ForgetStorage(&pNode->m_buffer);
         // Only the head goes: a thread may still hold the address of a buffer in any other node.
         ZorvUmaFree(pData->m_pBufList);
         pData->m_pBufList = nullptr;
@@ -379,7 +378,8 @@ static bool WriteAndFreeBuffer(const ZorvUmaData* pData, ZorvUmaBuffer* pBuffer,
     uint32_t dataLen = __atomic_load_n(&pBuffer->m_dataLen, __ATOMIC_SEQ_CST);
     uint32_t cacheLen = __atomic_load_n(&pBuffer->m_cacheLen, __ATOMIC_SEQ_CST);
     if (dataLen != 0 && !WriteBytes(pData->m_fd, pBuffer->m_pData, dataLen + cacheLen))
-        ZORV_LOG(logFd, ERROR, "Failed to write buffer from global array to file.");
+        ZORV_LOG_AS(logFd, ERROR, "ZorvUmaFiniDataWriting",
+                    "Failed to write buffer from global array to file.");
     if (IsHeldByOther(pBuffer))
         return false;
     ForgetStorage(pBuffer);

@@ -37,6 +37,7 @@ struct ZorvPerfPmcData
     uint64_t m_timeRunning;
     uint64_t m_id; // the kernel's
 };
+using ZorvPerfPmcDataT = ZorvPerfPmcData;
 static_assert(sizeof(ZorvPerfPmcData) == 32);
 static_assert(offsetof(ZorvPerfPmcData, m_timeEnabled) == 8);
 static_assert(offsetof(ZorvPerfPmcData, m_timeRunning) == 16);

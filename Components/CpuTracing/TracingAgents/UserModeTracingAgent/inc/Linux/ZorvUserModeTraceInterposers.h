@@ -30,6 +30,7 @@ struct ZorvUmtThreadWrapperArg
     void* m_pArg;
     ZorvUmaProfileInfo* m_pProfileInfo;
 };
+using ZorvUmtThreadWrapperArgT = ZorvUmtThreadWrapperArg;
 
 // Finds the real function; prints a message and gives null when it is not there. errno is kept.
 void* ZorvFindReal(ZorvEntryPoint* pEntry);

@@ -12,6 +12,12 @@
 
 // ---- change of buffer ------------------------------------------------------------------------------------
 
+// Whether the record is the process-wide one of the process that this one was forked from.
+static bool IsOthers(const ZorvUmaProfileInfo* pProfileInfo)
+{
+    return ZorvUmaIsForeign() && pProfileInfo == ZorvUmaGetProfileInfo();
+}
+
 // Marks the buffer full and queues it; the caller has already let go of it, so it is never queued twice.
 static bool HandOver(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaData* pData, ZorvUmaBuffer* pBuffer,
                      bool* pIsPosted)
@@ -70,9 +76,9 @@ static void CountLostTraceRecord(ZorvUmaProfileInfo* pProfileInfo, uint16_t recT
 
 // A child that the fork interposer has not seen holds its parent's record: its locks may be held for ever, and
 // nobody writes its buffers. It records nothing; the flag is not set where it would be the parent's.
-static bool IsUsable()
+static bool IsUsable(const ZorvUmaProfileInfo* pProfileInfo)
 {
-    if (!ZorvUmaIsForeign())
+    if (!IsOthers(pProfileInfo))
         return true;
     if (!ZorvUmaSharesMemory())
         ZorvUmaSetStopCollection(true);
@@ -85,7 +91,7 @@ ZORV_COLD ZorvUmaBuffer* ZorvChangeTraceBuffer(ZorvUmaProfileInfo* pProfileInfo,
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
     ZorvUmaBuffer* pBuffer = nullptr;
-    if (IsUsable() && ZorvUmaBeginStreamUse(pProfileInfo))
+    if (IsUsable(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo))
     {
         ZorvUmaBuffer* pFull = pThreadInfo->m_pUmtBuf;
         pThreadInfo->m_pUmtBuf = nullptr;
@@ -107,7 +113,7 @@ static ZORV_COLD ZorvUmaBuffer* ChangeSampleBuffer(ZorvUmaProfileInfo* pProfileI
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
     ZorvUmaBuffer* pBuffer = nullptr;
-    if (IsUsable() && ZorvUmaBeginStreamUse(pProfileInfo))
+    if (IsUsable(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo))
     {
         ZorvUmaBuffer* pFull = pThreadInfo->m_pUmsBuf;
         bool isPosted;
@@ -167,7 +173,7 @@ ZORV_COLD void ZorvWarnNoBuffer(ZorvUmaProfileInfo* pProfileInfo)
 {
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
-    if (!ZorvUmaIsForeign() && ZorvUmaBeginStreamUse(pProfileInfo)) // else the log is being closed
+    if (!IsOthers(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo)) // else the log is being closed
     {
         WarnNoBuffer(pProfileInfo);
         ZorvUmaEndStreamUse(pProfileInfo);
@@ -179,7 +185,7 @@ ZORV_COLD void ZorvWarnAboutThread(ZorvUmaProfileInfo* pProfileInfo, const char*
 {
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
-    if (!ZorvUmaIsForeign() && ZorvUmaBeginStreamUse(pProfileInfo))
+    if (!IsOthers(pProfileInfo) && ZorvUmaBeginStreamUse(pProfileInfo))
     {
         ZORV_LOG_AS(pProfileInfo->m_logFd, WARN, pFunction, pFormat, ZorvUmaGetPid(), ZorvUmaGetTid());
         ZorvUmaEndStreamUse(pProfileInfo);
