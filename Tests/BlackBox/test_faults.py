@@ -339,6 +339,20 @@ pthread_setcancelstate
 """.split()
 
 
+def test_an_object_that_answers_look_ups_in_its_own_name_does_not_lead_the_agent_to_itself(session):
+    run = session.run("hammer", 2, 1500, ahead=[program("forward_lookups.so")])
+    run.assert_healthy(5)
+    assert len(run.calls(records.LOCK_MUTEX)) == 3000
+
+
+def test_without_malloc_the_missing_name_and_the_missing_memory_are_told(session):
+    run = session.run("plain", "argument", ahead=[program("fail_dlsym.so")],
+                      env={"ZORV_TEST_LOOKUP": "malloc", "ZORV_TEST_LOOKUP_WHILE": session.root})
+    assert run.err.decode().splitlines()[:2] == [
+        "Failed to get the symbol address for function (malloc).",
+        f"Failed to allocate memory for profile info in process ({run.pid})."]
+
+
 @pytest.mark.parametrize("name", LOOKUPS)
 def test_a_name_that_cannot_be_looked_up_leaves_the_program_as_it_is(session, name):
     native = session.native("plain", "argument")

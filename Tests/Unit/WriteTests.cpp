@@ -154,6 +154,18 @@ TEST_F(Write, AnyOtherErrorStopsAndIsReturned)
     EXPECT_EQ(g_pieces.size(), 2u);
 }
 
+TEST_F(Write, AnEmptyWriteIsRepeated)
+{
+    EXPECT_EQ(WriteScripted({{6, 0}, {0, 0}, {4, 0}}), 4);
+    EXPECT_EQ(g_pieces, (std::vector<Piece>{{5, m_bytes, 10}, {5, m_bytes + 6, 4}, {5, m_bytes + 6, 4}}));
+}
+
+TEST_F(Write, AFileThatNeverTakesAnythingIsGivenUp)
+{
+    EXPECT_EQ(WriteScripted(std::deque<Step>(10000, Step{0, 0})), 0);
+    EXPECT_LT(g_pieces.size(), 100u);
+}
+
 // ---- atexit ----------------------------------------------------------------------------------------------
 
 int g_exitPipe = -1;

@@ -72,6 +72,15 @@ extern "C"
     ZORV_EXPORT bool ZorvUmaCloseLibHandles();
 }
 
+// Whether the address lies in the agent itself.
+bool ZorvUmaIsOwn(const void* pAddress);
+
+// Whether libc itself answers look-ups. An object that does so in its place is shown each one when it is due.
+bool ZorvUmaIsLibcAsked();
+
+// What stands behind the agent under that name, of that version unless it is null; null where nothing does.
+void* ZorvUmaFindNext(const char* pName, const char* pVersion);
+
 // The handle of an object that is already loaded, or null; through the loader's own dlopen(3).
 void* ZorvUmaOpenLoadedObject(const char* pName);
 // Any object, with the given flags, likewise.

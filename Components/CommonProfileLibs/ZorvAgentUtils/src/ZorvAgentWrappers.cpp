@@ -6,13 +6,13 @@
 #include <initializer_list>
 #include <sys/prctl.h>
 
-ZorvLibHandlers g_handlers;
-
 // libc exports this, and not atexit(3), which is a static stub of its development archive.
 extern "C" int __cxa_atexit(void (*pFunction)(void*), void* pArg, void* pDsoHandle);
 
 namespace
 {
+
+constexpr int MAX_EMPTY_WRITES = 16; // of one call
 
 enum class SymbolGroup
 {
@@ -121,7 +121,7 @@ bool ZorvUmaHasEssentials()
 {
     bool hasAll = true;
     for (WrapperSymbol* pSymbol :
-         {&g_symbolZorvUmaMalloc, &g_symbolZorvUmaFree, &g_symbolZorvUmaMemset, &g_symbolZorvUmaMemcpy,
+         {&g_symbolZorvUmaFree, &g_symbolZorvUmaMemset, &g_symbolZorvUmaMemcpy,
           &g_symbolZorvUmaPthreadMutexInit, &g_symbolZorvUmaPthreadMutexLock,
           &g_symbolZorvUmaPthreadMutexUnlock, &g_symbolZorvUmaPthreadSelf, &g_symbolZorvUmaSysconf})
         hasAll = AddressOf(pSymbol) != nullptr && hasAll;
@@ -146,6 +146,7 @@ extern "C" ssize_t ZorvUmaWrite(int fd, const void* pBuf, size_t count)
 
     auto pPosition = static_cast<const char*>(pBuf);
     ssize_t written;
+    int emptyWrites = 0;
     do
     {
         written = pSymbol(fd, pPosition, count);
@@ -154,8 +155,11 @@ extern "C" ssize_t ZorvUmaWrite(int fd, const void* pBuf, size_t count)
             pPosition += written;
             count -= static_cast<size_t>(written);
         }
-        // A write that takes nothing and reports no error would be repeated for ever.
-    } while (count != 0 && (written > 0 || (written == -1 && errno == EINTR)));
+        if (written == 0)
+            emptyWrites++;
+        // A file that takes nothing and reports no error would be asked for ever.
+    } while (count != 0 && emptyWrites < MAX_EMPTY_WRITES &&
+             (written >= 0 || (written == -1 && errno == EINTR)));
     return written;
 }
 
@@ -216,80 +220,4 @@ extern "C" long ZorvUmaPerfEventOpen(struct perf_event_attr* pAttr, pid_t pid, i
         return result;
     errno = static_cast<int>(-result);
     return -1;
-}
-
-// The loader's own dlopen: the agent interposes the name.
-void* ZorvUmaOpenObject(const char* pName, int flags)
-{
-    static void* (*pOpen)(const char*, int);
-    if (pOpen == nullptr)
-        pOpen = reinterpret_cast<void* (*)(const char*, int)>(dlsym(RTLD_NEXT, "dlopen"));
-    return pOpen == nullptr ? nullptr : pOpen(pName, flags);
-}
-
-// Whether the agent itself defines it: one of its interposers answers for the name. Not by dladdr, which would
-// search all symbols, in the start of every process.
-static bool IsOwn(void* pFunction)
-{
-    dl_find_object place;
-    dl_find_object own;
-    return _dl_find_object(pFunction, &place) == 0 &&
-           _dl_find_object(reinterpret_cast<void*>(&IsOwn), &own) == 0 &&
-           place.dlfo_link_map == own.dlfo_link_map;
-}
-
-// Through what an object ahead of the agent puts in the place of dlopen(3), where there is one.
-void* ZorvUmaOpenLoadedObject(const char* pName)
-{
-    constexpr int mode = RTLD_NOW | RTLD_NOLOAD;
-    void* pOpen = dlsym(RTLD_DEFAULT, "dlopen");
-    if (pOpen == nullptr || IsOwn(pOpen))
-        return ZorvUmaOpenObject(pName, mode);
-    return reinterpret_cast<void* (*)(const char*, int)>(pOpen)(pName, mode);
-}
-
-// The same for the walk over the loaded objects; found also where one kind of look-up is answered with nothing.
-static void WalkLoadedObjects()
-{
-    void* pWalk = reinterpret_cast<void*>(&dl_iterate_phdr);
-    if (IsOwn(pWalk))
-        pWalk = dlsym(RTLD_NEXT, "dl_iterate_phdr");
-    if (pWalk == nullptr)
-        pWalk = dlvsym(RTLD_NEXT, "dl_iterate_phdr", "GLIBC_2.2.5");
-    if (pWalk != nullptr)
-        reinterpret_cast<decltype(&dl_iterate_phdr)>(pWalk)(fnLibLoadCallback, &g_handlers);
-}
-
-extern "C" int fnLibLoadCallback(struct dl_phdr_info* pInfo, size_t, void* pData)
-{
-    if (pInfo == nullptr || pData == nullptr || pInfo->dlpi_name == nullptr)
-        return 0;
-    auto pHandlers = static_cast<ZorvLibHandlers*>(pData);
-    if (strstr(pInfo->dlpi_name, "libc.so") != nullptr)
-        pHandlers->m_pLibcHandle = ZorvUmaOpenLoadedObject(pInfo->dlpi_name);
-    if (strstr(pInfo->dlpi_name, "libpthread.so") != nullptr)
-        pHandlers->m_pLibPthreadHandle = ZorvUmaOpenLoadedObject(pInfo->dlpi_name);
-    if (strstr(pInfo->dlpi_name, "librt.so") != nullptr)
-        pHandlers->m_pLibRtHandle = ZorvUmaOpenLoadedObject(pInfo->dlpi_name);
-    return 0;
-}
-
-extern "C" bool ZorvUmaGetLibHandles()
-{
-    static pid_t walkerPid;
-    auto pid = static_cast<pid_t>(ZorvRawSyscall(SYS_getpid));
-    bool isForkedChild = walkerPid != 0 && walkerPid != pid;
-    if (isForkedChild && g_handlers.m_pLibcHandle != nullptr)
-        return true;
-    walkerPid = pid;
-    WalkLoadedObjects();
-    return g_handlers.m_pLibcHandle != nullptr;
-}
-
-extern "C" bool ZorvUmaCloseLibHandles()
-{
-    for (void* pHandle : {g_handlers.m_pLibcHandle, g_handlers.m_pLibPthreadHandle, g_handlers.m_pLibRtHandle})
-        if (pHandle != nullptr)
-            dlclose(pHandle);
-    return true;
 }

@@ -76,8 +76,6 @@ extern "C" ZorvUmaProfileInfo* ZorvUmaAllocateProfileInfo()
         ZorvUmaFprintf(stderr, "Failed to find the handles.\n");
         return nullptr;
     }
-    if (HasLauncher() && !ZorvUmaHasEssentials())
-        return nullptr;
     auto pProfileInfo = static_cast<ZorvUmaProfileInfo*>(ZorvUmaMalloc(sizeof(ZorvUmaProfileInfo)));
     if (pProfileInfo == nullptr)
     {
@@ -85,6 +83,8 @@ extern "C" ZorvUmaProfileInfo* ZorvUmaAllocateProfileInfo()
                        ZorvUmaGetPid());
         return nullptr;
     }
+    if (HasLauncher() && !ZorvUmaHasEssentials())
+        return nullptr; // its memory stays: the essentials may be what gives it back
     ZorvUmaMemset(pProfileInfo, 0, sizeof(*pProfileInfo));
     pProfileInfo->m_umsData.m_fd = -1;
     pProfileInfo->m_umtData.m_fd = -1;
@@ -273,10 +273,7 @@ extern "C" bool ZorvUmaInitProcess(ZorvUmaProfileInfo* pProfileInfo)
     ZorvUmaEnterAgent(&scope);
     uint64_t startTime = ZorvUmaGetTime();
     bool isStarted = PrepareProcess(pProfileInfo);
-    if (isStarted)
-    {
-        isStarted = StartWriter(pProfileInfo);
-    }
+    isStarted = isStarted && StartWriter(pProfileInfo);
     if (isStarted)
     {
         ZorvStoreFenced(&pProfileInfo->m_isProcessInitialized, true);
@@ -303,24 +300,11 @@ static void StopInForkedChild()
     ZorvUmaSetStopCollection(true);
 }
 
-// Whether libc itself answers look-ups. An object that does so in its place is shown each one when it is due.
-static bool IsLibcAsked()
-{
-    auto pLibc = static_cast<const struct link_map*>(g_handlers.m_pLibcHandle);
-    for (void* pLookUp : {reinterpret_cast<void*>(&dlsym), reinterpret_cast<void*>(&dlvsym)})
-    {
-        dl_find_object place; // dladdr would search all of libc's symbols, in the start of every process
-        if (_dl_find_object(pLookUp, &place) != 0 || place.dlfo_link_map != pLibc)
-            return false;
-    }
-    return true;
-}
-
 // A later first look-up could come in a signal handler, between a vfork and its exec, or over a dlerror of the
 // program.
 static void ResolveInAdvance()
 {
-    if (!IsLibcAsked())
+    if (!ZorvUmaIsLibcAsked())
         return;
     ZorvUmtResolveInterposers();
     if (HasLauncher())

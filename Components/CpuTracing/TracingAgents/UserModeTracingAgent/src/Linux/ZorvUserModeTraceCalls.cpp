@@ -12,8 +12,7 @@ extern "C" __attribute__((visibility("hidden"))) ZorvEntryPoint __stop_zorv_entr
 
 static void* FindReal(ZorvEntryPoint* pEntry)
 {
-    void* pReal = pEntry->m_pVersion == nullptr ? dlsym(RTLD_NEXT, pEntry->m_pName)
-                                                : dlvsym(RTLD_NEXT, pEntry->m_pName, pEntry->m_pVersion);
+    void* pReal = ZorvUmaFindNext(pEntry->m_pName, pEntry->m_pVersion);
     __atomic_store_n(&pEntry->m_pReal, pReal, __ATOMIC_RELEASE);
     return pReal;
 }
@@ -56,24 +55,13 @@ extern "C"
 #define ZORV_PATH_FUNCTION(name) (void*)&name,
 }
 
-// Where this object begins and ends; the linker's own names.
-extern "C" __attribute__((visibility("hidden"))) const char __ehdr_start[];
-extern "C" __attribute__((visibility("hidden"))) const char _end[];
-
-// Whether the name is answered by this object. dladdr would search all of its symbols for each one, in the
-// start of every process.
-static bool IsOwn(const void* pFunction)
-{
-    return pFunction >= &__ehdr_start[0] && pFunction < &_end[0];
-}
-
 void ZorvUmtChoosePath()
 {
     // Read through the dynamic symbol table: an object ahead of the agent shows here.
     void* volatile functions[] = {ZORV_PATH_FUNCTIONS(ZORV_PATH_FUNCTION)};
     bool isOwn = true;
     for (void* pFunction : functions)
-        isOwn = IsOwn(pFunction) && isOwn;
+        isOwn = ZorvUmaIsOwn(pFunction) && isOwn;
     g_pClockGetTime = reinterpret_cast<int (*)(clockid_t, struct timespec*)>(ZorvUmaResolvedClock());
     __atomic_store_n(&g_isPathDirect, isOwn && g_pClockGetTime != nullptr, __ATOMIC_RELEASE);
 }
