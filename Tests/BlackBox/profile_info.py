@@ -49,19 +49,28 @@ class UmtConfig(ctypes.Structure):
     _fields_ = [("enable", ctypes.c_bool), ("event_list", UmtEvent * 7)]
 
 
+class UmaData(ctypes.Structure):
+    _fields_ = [("list", ctypes.c_uint64), ("list_end", ctypes.c_uint64), ("queue", ctypes.c_uint64),
+                ("fd", ctypes.c_int), ("is_trace", ctypes.c_bool), ("lock", ctypes.c_uint64 * 5),
+                ("lost", ctypes.c_uint32)]
+
+
 class ProfileInfo(ctypes.Structure):
-    _fields_ = [("uma", UmaConfig), ("ums", UmsConfig), ("umt", UmtConfig)]
+    _fields_ = [("uma", UmaConfig), ("ums", UmsConfig), ("umt", UmtConfig),
+                ("ums_data", UmaData), ("umt_data", UmaData),
+                ("metadata_fd", ctypes.c_int), ("log_fd", ctypes.c_int), ("err_fd", ctypes.c_int),
+                ("shm_fd", ctypes.c_int)]
 
     def event(self, name):
         event = self.umt.event_list[EVENTS.index(name)]
         return event.enable, event.threshold, event.callstack
 
 
-def read_profile_info(session, config):
+def read_profile_info(session, config, **options):
     """The record and its strings, as a program finds them that starts with this configuration file."""
     session.write_config(config)
     offsets = [getattr(UmaConfig, name).offset for name in STRINGS]
-    run = session.run("profile_info", ctypes.sizeof(ProfileInfo), *offsets)
+    run = session.run("profile_info", ctypes.sizeof(ProfileInfo), *offsets, **options)
     assert run.status == 0, run.err
     record, *strings = run.out.decode("latin-1").split("\n")[:-1]
     info = ProfileInfo.from_buffer_copy(bytes.fromhex(record))

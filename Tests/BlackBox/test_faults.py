@@ -6,6 +6,7 @@ import re
 import pytest
 
 import records
+from profile_info import read_profile_info
 from session import PROGRAMS, program, wait_for
 
 FAULT_NAMES = re.findall(r"X\(\d+, (\w+),", (PROGRAMS / "faults.list").read_text())
@@ -351,6 +352,14 @@ def test_without_malloc_the_missing_name_and_the_missing_memory_are_told(session
     assert run.err.decode().splitlines()[:2] == [
         "Failed to get the symbol address for function (malloc).",
         f"Failed to allocate memory for profile info in process ({run.pid})."]
+
+
+def test_an_object_that_stands_in_for_the_opening_sees_its_numbers_used(session):
+    def log_number(**options):
+        return read_profile_info(session, session.config_path.read_text(), **options).log_fd
+
+    assert log_number() > 100, "out of the program's way"
+    assert log_number(ahead=[program("faults.so")]) < 16
 
 
 @pytest.mark.parametrize("name", LOOKUPS)

@@ -49,6 +49,17 @@ TEST_F(DataFile, NamesContainHostAndProcess)
     }
 }
 
+TEST_F(DataFile, HasTheNumberThatTheOpeningGave)
+{
+    const int file = MakeMemoryFile();
+    Replace open("fnOpenFile", [&](const Call&) { return file; });
+    int fd = -1;
+    EXPECT_TRUE(Open(&fd));
+    EXPECT_EQ(fd, file);
+    EXPECT_TRUE(IsOpen(file));
+    close(file);
+}
+
 TEST_F(DataFile, AnExistingOneIsTruncated)
 {
     std::ofstream(Expected("trace", "umt")) << "from an earlier run";

@@ -191,6 +191,16 @@ TEST_F(LogFiles, AreNamedAfterHostThreadAndProcess)
     }
 }
 
+TEST_F(LogFiles, HaveTheNumbersThatTheOpeningGave)
+{
+    const int files[] = {MakeMemoryFile(), MakeMemoryFile()};
+    Replace open("fnOpenFile", [&](const Call& call) { return files[call.m_number - 1]; });
+    EXPECT_TRUE(ZorvUmaOpenLogAndErrorFile(m_pInfo));
+    EXPECT_EQ(m_pInfo->m_logFd, files[0]);
+    EXPECT_EQ(m_pInfo->m_errFd, files[1]);
+    EXPECT_TRUE(IsOpen(files[0]) && IsOpen(files[1]));
+}
+
 TEST_F(LogFiles, NothingIsOpenedWithoutASessionDirectory)
 {
     unsetenv("QELIX_SESSION_DIR");

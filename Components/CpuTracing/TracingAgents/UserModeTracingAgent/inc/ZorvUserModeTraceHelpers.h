@@ -247,9 +247,12 @@ ZorvProcessState* ZorvUmaStateOf(const ZorvUmaProfileInfo* pProfileInfo);
 bool ZorvUmaBeginStreamUse(ZorvUmaProfileInfo* pProfileInfo);
 void ZorvUmaEndStreamUse(ZorvUmaProfileInfo* pProfileInfo);
 
-// Takes charge of a descriptor that the agent has just opened: moves it out of the program's way (never 0 to 2,
-// close-on-exec) and remembers the file. Null path: it cannot be opened again. The new number, or -1.
-int ZorvUmaKeepFile(int fd, const char* pPath, int flags);
+// Takes charge of a descriptor of the agent: moves it out of the program's way (never 0 to 2, close-on-exec)
+// and remembers what it stands for. The new number, or -1.
+int ZorvUmaKeepDescriptor(int fd);
+// The same for every descriptor that the start of the process has opened, its files so that they can be opened
+// again. False where there is no room for one.
+bool ZorvUmaKeepFilesOf(ZorvUmaProfileInfo* pProfileInfo);
 // Closes the descriptor, unless it has become the program's.
 void ZorvUmaCloseKeptFile(int fd);
 void ZorvUmaForgetKeptFile(int fd); // somebody else closes it

@@ -304,7 +304,7 @@ extern "C" bool ZorvUmaOpenFileForWrite(const char* pDirPath, int* pFd, const ch
     ZorvUmaSnprintf(path, sizeof(path), "%s/%s_%s_%d.%s", pDirPath, pFileName, hostName, ZorvUmaGetPid(),
                     pFormat);
     constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
-    *pFd = ZorvUmaKeepFile(fnOpenFile(path, flags, 0644), path, flags);
+    *pFd = fnOpenFile(path, flags, 0644);
     if (*pFd < 0)
     {
         ZORV_LOG(logFd, ERROR, "Failed to open the file (%s) : %s.", path, ZorvUmaStrerror(errno));

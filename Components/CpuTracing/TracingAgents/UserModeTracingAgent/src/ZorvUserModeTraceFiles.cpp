@@ -119,22 +119,17 @@ static void RememberHighest(int fd)
 
 // ---- keeping ---------------------------------------------------------------------------------------------
 
-// The path as the kernel knows it: the program may change its directory.
-static ZORV_COLD char* PathFromKernel(int fd, const char* pPath)
+// As the kernel knows it: the program may change its directory. Null where there is no /proc.
+static char* PathOf(int fd)
 {
     char link[PROC_PATH_SIZE];
-    auto pReal = static_cast<char*>(ZorvUmaMalloc(PATH_SIZE));
-    if (pReal == nullptr)
-        return nullptr;
+    char path[PATH_SIZE];
     ZorvUmaSnprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
-    ssize_t length = ZorvUmaReadlink(link, pReal, PATH_SIZE - 1);
+    ssize_t length = ZorvUmaReadlink(link, path, sizeof(path) - 1);
     if (length <= 0)
-    {
-        ZorvUmaFree(pReal);
-        return ZorvUmaStrdup(pPath);
-    }
-    pReal[length] = '\0';
-    return pReal;
+        return nullptr;
+    path[length] = '\0';
+    return ZorvUmaStrdup(path);
 }
 
 static bool IsFree(const KeptFile& file)
@@ -142,8 +137,11 @@ static bool IsFree(const KeptFile& file)
     return file.m_fds[0] == 0;
 }
 
-static void Remember(int fd, const struct stat& now, const char* pPath, int flags)
+static KeptFile* Remember(int fd)
 {
+    struct stat now;
+    if (fd < FIRST_FREE_FD || !StatFd(fd, &now))
+        return nullptr;
     for (KeptFile& file : g_keptFiles)
     {
         if (!IsFree(file))
@@ -153,25 +151,64 @@ static void Remember(int fd, const struct stat& now, const char* pPath, int flag
         file.m_pid = ZorvUmaCachedPid();
         file.m_device = now.st_dev;
         file.m_inode = now.st_ino;
-        file.m_reopenFlags = flags & ~(O_CREAT | O_TRUNC | O_EXCL);
-        if (pPath != nullptr)
-            file.m_pPath = pPath[0] == '/' ? ZorvUmaStrdup(pPath) : PathFromKernel(fd, pPath);
-        return;
+        return &file;
     }
+    return nullptr;
 }
 
-int ZorvUmaKeepFile(int fd, const char* pPath, int flags)
+static KeptFile* MoveAndRemember(int* pFd)
 {
-    if (fd < 0)
-        return fd;
     int savedErrno = errno;
-    fd = MoveHigh(fd);
-    RememberHighest(fd);
-    struct stat now;
-    if (fd >= FIRST_FREE_FD && StatFd(fd, &now))
-        Remember(fd, now, pPath, flags);
+    *pFd = MoveHigh(*pFd);
+    RememberHighest(*pFd);
+    KeptFile* pFile = Remember(*pFd);
     errno = savedErrno;
+    return pFile;
+}
+
+int ZorvUmaKeepDescriptor(int fd)
+{
+    if (fd >= 0)
+        MoveAndRemember(&fd);
     return fd;
+}
+
+static bool KeepFile(int* pFd)
+{
+    if (*pFd < 0 || ZorvUmaIsKept(*pFd))
+        return true;
+    KeptFile* pFile = MoveAndRemember(pFd);
+    if (pFile != nullptr)
+    {
+        pFile->m_reopenFlags = FcntlOwn(*pFd, F_GETFL, 0) | O_CLOEXEC;
+        pFile->m_pPath = PathOf(*pFd);
+    }
+    return *pFd >= 0;
+}
+
+// An object ahead of the agent that opens its files knows them by the numbers that it gave.
+static bool IsOpenedByOthers()
+{
+    void* volatile const functions[] = {
+        reinterpret_cast<void*>(&fnOpenFile), reinterpret_cast<void*>(&fnOpenSharedMemory),
+        reinterpret_cast<void*>(&ZorvUmaOpen), reinterpret_cast<void*>(&ZorvUmaOpenWithMode),
+        reinterpret_cast<void*>(&ZorvUmaShmOpen)};
+    for (void* pFunction : functions)
+        if (!ZorvUmaIsOwn(pFunction))
+            return true;
+    return !ZorvUmaIsLibcAsked();
+}
+
+bool ZorvUmaKeepFilesOf(ZorvUmaProfileInfo* pProfileInfo)
+{
+    if (IsOpenedByOthers())
+        return true;
+    bool areKept = true;
+    for (int* pFd : {&pProfileInfo->m_logFd, &pProfileInfo->m_errFd, &pProfileInfo->m_umtData.m_fd,
+                     &pProfileInfo->m_umsData.m_fd, &pProfileInfo->m_metaDataFd})
+        areKept = KeepFile(pFd) && areKept;
+    pProfileInfo->m_shmFd = ZorvUmaKeepDescriptor(pProfileInfo->m_shmFd);
+    return areKept;
 }
 
 bool ZorvUmaIsStillOwn(int fd)

@@ -173,10 +173,10 @@ extern "C" bool ZorvUmaOpenLogAndErrorFile(ZorvUmaProfileInfo* pProfileInfo)
     char path[PATH_SIZE] = {};
     ZorvUmaSnprintf(path, sizeof(path), "%s/%s/ZorvUmtAgent_%s_%s_%d.txt", pSessionDir, ".log", hostName,
                     threadName, pid);
-    pProfileInfo->m_logFd = ZorvUmaKeepFile(fnOpenFile(path, flags, 0644), path, flags);
+    pProfileInfo->m_logFd = fnOpenFile(path, flags, 0644);
     ZorvUmaSnprintf(path, sizeof(path), "%s/%s/ZorvUmtError_%s_%s_%d.err", pSessionDir, ".error", hostName,
                     threadName, pid);
-    pProfileInfo->m_errFd = ZorvUmaKeepFile(fnOpenFile(path, flags, 0644), path, flags);
+    pProfileInfo->m_errFd = fnOpenFile(path, flags, 0644);
     return pProfileInfo->m_logFd >= 0 && pProfileInfo->m_errFd >= 0;
 }
 
@@ -354,7 +354,6 @@ extern "C" bool ZorvUmaInitSharedMemory(ZorvUmaProfileInfo* pProfileInfo)
     void* pAddr = fnOpenSharedMemory(pProfileInfo->m_umaConfig.m_shmName, sizeof(ZorvAgentSharedInfo), &fd);
     if (pAddr == nullptr)
         return false;
-    fd = ZorvUmaKeepFile(fd, nullptr, 0);
     pProfileInfo->m_pMappedAddr = pAddr;
     pProfileInfo->m_shmFd = fd;
     // A mapping that failed counts as success; its flags stay null and read as unset.

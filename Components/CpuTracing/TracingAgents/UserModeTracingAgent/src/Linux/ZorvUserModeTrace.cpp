@@ -273,7 +273,7 @@ extern "C" bool ZorvUmaInitProcess(ZorvUmaProfileInfo* pProfileInfo)
     ZorvUmaEnterAgent(&scope);
     uint64_t startTime = ZorvUmaGetTime();
     bool isStarted = PrepareProcess(pProfileInfo);
-    isStarted = isStarted && StartWriter(pProfileInfo);
+    isStarted = ZorvUmaKeepFilesOf(pProfileInfo) && isStarted && StartWriter(pProfileInfo);
     if (isStarted)
     {
         ZorvStoreFenced(&pProfileInfo->m_isProcessInitialized, true);

@@ -167,7 +167,7 @@ template <ZorvEntryPoint* pEntry, typename, typename Pointer> struct PipeOfUnwin
         int result = OfClass<pEntry, Other, Pointer>::Call(pFds, flags);
         if (ZORV_UNLIKELY(t_zorvState.m_isUnwinding && result == 0))
             for (int i = 0; i < 2; i++)
-                pFds[i] = g_unwindersPipe[i] = ZorvUmaKeepFile(pFds[i], nullptr, 0);
+                pFds[i] = g_unwindersPipe[i] = ZorvUmaKeepDescriptor(pFds[i]);
         return result;
     }
 };
