@@ -288,6 +288,9 @@ TEST_F(SharedBlock, AFailedMappingCountsAsSuccessAndIsNeverFollowed)
     Replace map("ZorvUmaMmap", Fails(MINUS_ONE, ENOMEM));
     ASSERT_TRUE(ZorvUmaInitSharedMemory(m_pInfo));
     EXPECT_EQ(m_pInfo->m_pMappedAddr, MAP_FAILED);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(m_pInfo->m_pIsPaused), UINTPTR_MAX);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(m_pInfo->m_pIsStopped), 0u);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(m_pInfo->m_pPauseId), 7u);
     EXPECT_EQ(m_pInfo->m_shmFd, -1);
     EXPECT_FALSE(ZorvUmaIsPauseSet(m_pInfo));
     EXPECT_FALSE(ZorvUmaIsStopSet(m_pInfo));

@@ -356,13 +356,11 @@ extern "C" bool ZorvUmaInitSharedMemory(ZorvUmaProfileInfo* pProfileInfo)
         return false;
     pProfileInfo->m_pMappedAddr = pAddr;
     pProfileInfo->m_shmFd = fd;
-    // A mapping that failed counts as success; its flags stay null and read as unset.
-    if (pAddr == MAP_FAILED)
-        return true;
-    auto pFlags = &static_cast<ZorvAgentSharedInfo*>(pAddr)->m_umaFlags;
-    pProfileInfo->m_pIsPaused = reinterpret_cast<bool*>(&pFlags->m_isPause);
-    pProfileInfo->m_pIsStopped = reinterpret_cast<bool*>(&pFlags->m_isStop);
-    pProfileInfo->m_pPauseId = &pFlags->m_pauseId;
+    // A mapping that failed counts as success: its addresses are computed all the same, and read as unset.
+    auto flags = reinterpret_cast<uintptr_t>(pAddr) + offsetof(ZorvAgentSharedInfo, m_umaFlags);
+    pProfileInfo->m_pIsPaused = reinterpret_cast<bool*>(flags + offsetof(ZorvAgentSharedDetails, m_isPause));
+    pProfileInfo->m_pIsStopped = reinterpret_cast<bool*>(flags + offsetof(ZorvAgentSharedDetails, m_isStop));
+    pProfileInfo->m_pPauseId = reinterpret_cast<uint64_t*>(flags + offsetof(ZorvAgentSharedDetails, m_pauseId));
     return true;
 }
 

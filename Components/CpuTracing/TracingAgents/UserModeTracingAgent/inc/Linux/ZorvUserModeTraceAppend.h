@@ -20,11 +20,12 @@
 
 // ---- the controller's flags and the thread's own, in place -----------------------------------------------
 
-// The controller writes any byte it likes: read as a byte, not as a bool.
+// The controller writes any byte it likes: read as a byte, not as a bool. The pointer is null without a block,
+// and all ones where its mapping failed.
 inline bool ZorvIsFlagSet(bool* const* ppFlag)
 {
     auto pFlag = reinterpret_cast<const uint8_t*>(__atomic_load_n(ppFlag, __ATOMIC_RELAXED));
-    return pFlag != nullptr && __atomic_load_n(pFlag, __ATOMIC_RELAXED) != 0;
+    return reinterpret_cast<uintptr_t>(pFlag) + 1 > 1 && __atomic_load_n(pFlag, __ATOMIC_RELAXED) != 0;
 }
 
 inline uint64_t ZorvReadPauseId(const ZorvUmaProfileInfo* pProfileInfo)
