@@ -96,6 +96,14 @@ def test_descriptors_of_the_program_stay_open_when_the_collection_is_stopped(ses
     run.assert_all_files_parse()
 
 
+def test_a_number_that_the_program_takes_while_the_agent_opens_its_file_again_stays_the_programs(session):
+    _, native_files = run_in(session, "descriptors", "hold_at_exit", agent=False)
+    run, files = run_in(session, "descriptors", "hold_at_exit", ahead=[program("slow_hands.so")])
+    assert (run.status, run.err) == (STATUS, b"")
+    assert files == native_files
+    run.assert_all_files_parse()
+
+
 @pytest.mark.parametrize("closed", [(0,), (1,), (2,), (0, 1), (1, 2), (0, 1, 2)], ids=str)
 def test_a_program_started_without_standard_streams_gets_their_numbers(session, closed):
     def close():

@@ -24,6 +24,7 @@ constexpr uint32_t MAX_KEPT_FILES =
 constexpr uint32_t MAX_NUMBERS = 8;  // of one file, the current one first
 constexpr int USUAL_LOWEST_FD = 512; // high enough for shells and small enough for the kernel's table
 constexpr int FIRST_FREE_FD = 3;
+constexpr int OPEN_ATTEMPTS = 3;
 constexpr size_t PROC_PATH_SIZE = 64;
 constexpr size_t PATH_SIZE = 4096;
 
@@ -283,21 +284,30 @@ static void Rename(int oldFd, int newFd)
             __atomic_store_n(pFd, newFd, __ATOMIC_SEQ_CST);
 }
 
-// The file under its old number, if that is free, else under one that no file of ours ever had.
+static bool IsUnused(int fd)
+{
+    return FcntlOwn(fd, F_GETFD, 0) == -EBADF;
+}
+
+// The file under its old number, if that is free, else under one that no file of ours ever had; -1 where that
+// fails. No other number is tried: before it could be given back, the program might have put a file of its own
+// there.
 static int OpenUnder(const KeptFile* pFile, int oldFd)
 {
     int fd = fnOpenFile(pFile->m_pPath, pFile->m_reopenFlags, 0);
     if (fd < 0)
         return -1;
-    int restored = FcntlOwn(fd, F_DUPFD_CLOEXEC, oldFd);
-    if (restored == oldFd)
+    if (!IsStill(pFile, fd))
     {
-        ZorvUmaClose(fd);
-        return restored;
+        ZorvUmaClose(fd); // another file has its name now
+        return -1;
     }
-    if (restored >= 0)
-        ZorvUmaClose(restored);
-    return MoveTo(fd, g_highestFd + 1);
+    if (IsUnused(oldFd))
+        fd = MoveTo(fd, oldFd);
+    if (fd >= 0 && fd != oldFd)
+        fd = MoveTo(fd, g_highestFd + 1);
+    RememberHighest(fd);
+    return IsStill(pFile, fd) ? fd : -1; // else the program was faster, and it is the program's
 }
 
 static ZORV_COLD int OpenAgain(KeptFile* pFile)
@@ -306,15 +316,11 @@ static ZORV_COLD int OpenAgain(KeptFile* pFile)
     if (pFile->m_pPath == nullptr || pFile->m_pid != ZorvUmaGetPid())
         return -1;
     int oldFd = pFile->m_fds[0];
-    int fd = OpenUnder(pFile, oldFd);
+    int fd = -1;
+    for (int attempt = 0; attempt < OPEN_ATTEMPTS && fd < 0; attempt++)
+        fd = OpenUnder(pFile, oldFd);
     if (fd < 0)
         return -1;
-    if (!IsStill(pFile, fd))
-    {
-        ZorvUmaClose(fd); // another file has its name now
-        return -1;
-    }
-    RememberHighest(fd);
     ZorvRawSyscall(SYS_lseek, fd, 0, SEEK_END);
     if (fd == oldFd)
         return fd;
