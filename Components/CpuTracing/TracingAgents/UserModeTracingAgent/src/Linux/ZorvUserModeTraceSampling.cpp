@@ -22,7 +22,6 @@ namespace
 
 constexpr char UNWINDER[] = "libunwind.so.8";
 constexpr uint64_t NS_PER_SECOND = 1000000000ULL;
-constexpr uint32_t EXTRA_FRAMES = 8;       // the handler's and the signal delivery's own
 constexpr uint32_t LARGEST_RECORD = 32767; // smaller than a buffer, and than what 16 bits can say
 constexpr int SET_UP_ATTEMPTS = 20;        // a thread that cannot unwind would be sampled never
 constexpr int NO_TURN = INT_MIN;
@@ -197,7 +196,7 @@ static int Unwind(void** ppFrames, int size)
 
 static int FramesWanted(const ZorvUmaProfileInfo* pProfileInfo)
 {
-    uint64_t wanted = static_cast<uint64_t>(pProfileInfo->m_umaConfig.m_callStackDepth) + EXTRA_FRAMES;
+    uint64_t wanted = ZorvUmaCsBufRoom(pProfileInfo);
     uint64_t room = (LARGEST_RECORD - pProfileInfo->m_umsConfig.m_recLength) / sizeof(void*);
     return static_cast<int>(wanted < room ? wanted : room);
 }
@@ -215,7 +214,7 @@ static void FindStack()
     pthread_attr_destroy(&attributes);
 }
 
-void ZorvUmsPrepareThread()
+void ZorvUmsPrepareThread(const ZorvUmaProfileInfo* pProfileInfo)
 {
     ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
     t_zorvState.m_canUnwind = false;
@@ -224,10 +223,12 @@ void ZorvUmsPrepareThread()
     t_zorvState.m_canUnwind = g_isStandIn;
     FindStack();
     bool wasStopped = pThreadInfo->m_stopCollection;
+    uint32_t frames = ZorvUmaCsBufRoom(pProfileInfo);
+    frames = frames < ZORV_UMA_HANDLER_FRAMES ? frames : ZORV_UMA_HANDLER_FRAMES;
     for (int attempt = 0; attempt < SET_UP_ATTEMPTS && !t_zorvState.m_canUnwind; attempt++)
     {
         t_zorvState.m_hasMissedTurn = false;
-        t_zorvState.m_canUnwind = Unwind(pThreadInfo->m_pUmsCsBuf, static_cast<int>(EXTRA_FRAMES)) != NO_TURN;
+        t_zorvState.m_canUnwind = Unwind(pThreadInfo->m_pUmsCsBuf, static_cast<int>(frames)) != NO_TURN;
     }
     pThreadInfo->m_stopCollection = wasStopped;
 }
@@ -412,7 +413,7 @@ extern "C" bool ZorvUmaConfigureTimerAndPmc(ZorvUmaProfileInfo* pProfileInfo)
     else
         pConfig->m_recLength = plainLength;
     ZorvUmsOpenUnwinder(pProfileInfo);
-    ZorvUmsPrepareThread();
+    ZorvUmsPrepareThread(pProfileInfo);
     SpendTimerIdZero();
     return ZorvUmsCreateTimer(pProfileInfo, t_zorvState.m_pInfo);
 }
@@ -508,7 +509,7 @@ extern "C" void ZorvUmsCaptureSampleRecord(ZorvUmaProfileInfo* pProfileInfo)
     if (!t_zorvState.m_canUnwind && !t_zorvState.m_isInterrupted)
     {
         FindUnwinder(pProfileInfo);
-        ZorvUmsPrepareThread();
+        ZorvUmsPrepareThread(pProfileInfo);
     }
     if (!t_zorvState.m_canUnwind)
     {
