@@ -41,15 +41,18 @@ pid_t g_unwindingTid; // whose turn it is, 0: nobody's
 
 // ---- the unwinder ----------------------------------------------------------------------------------------
 
-// What an object in the program's scope puts in the unwinder's place.
-static Backtrace FindStandIn()
+// What an object in the program's scope puts in the unwinder's place. An unwinder that the program has itself is
+// named in *ppUnwinder instead.
+static Backtrace FindStandIn(const char** ppUnwinder)
 {
     void* pFound = dlsym(RTLD_DEFAULT, "unw_backtrace");
     dlerror(); // that there is none is not the program's error
     Dl_info place;
-    bool isUnwinder = pFound != nullptr && dladdr(pFound, &place) != 0 &&
-                      ZorvUmaStrstr(place.dli_fname, "/libunwind.so") != nullptr;
-    return isUnwinder ? nullptr : reinterpret_cast<Backtrace>(pFound);
+    if (pFound == nullptr || dladdr(pFound, &place) == 0 ||
+        ZorvUmaStrstr(place.dli_fname, "/libunwind.so") == nullptr)
+        return reinterpret_cast<Backtrace>(pFound);
+    *ppUnwinder = place.dli_fname;
+    return nullptr;
 }
 
 static void FindUnwinder(const ZorvUmaProfileInfo* pProfileInfo)
@@ -57,13 +60,14 @@ static void FindUnwinder(const ZorvUmaProfileInfo* pProfileInfo)
     if (g_isUnwinderSought)
         return;
     g_isUnwinderSought = true; // a forked child keeps what its parent has found
-    g_pBacktrace = FindStandIn();
+    const char* pUnwinder = UNWINDER;
+    g_pBacktrace = FindStandIn(&pUnwinder);
     g_isStandIn = g_pBacktrace != nullptr;
     if (g_isStandIn)
         return;
     // Local scope: in the program's scope it would take over the unwinding of C++ exceptions.
-    void* pLoaded = ZorvUmaOpenObject(UNWINDER, RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
-    void* pHandle = ZorvUmaOpenObject(UNWINDER, RTLD_NOW | RTLD_LOCAL);
+    void* pLoaded = ZorvUmaOpenObject(pUnwinder, RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
+    void* pHandle = ZorvUmaOpenObject(pUnwinder, RTLD_NOW | RTLD_LOCAL);
     if (pHandle != nullptr)
         g_pBacktrace = reinterpret_cast<Backtrace>(dlsym(pHandle, "unw_backtrace"));
     if (g_pBacktrace != nullptr)
