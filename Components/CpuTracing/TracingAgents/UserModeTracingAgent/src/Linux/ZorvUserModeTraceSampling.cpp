@@ -41,8 +41,8 @@ pid_t g_unwindingTid; // whose turn it is, 0: nobody's
 
 // ---- the unwinder ----------------------------------------------------------------------------------------
 
-// What an object in the program's scope puts in the unwinder's place. An unwinder that the program has itself is
-// named in *ppUnwinder instead.
+// What an object in the program's scope puts in the unwinder's place. An unwinder that the program has itself
+// is named in *ppUnwinder instead.
 static Backtrace FindStandIn(const char** ppUnwinder)
 {
     void* pFound = dlsym(RTLD_DEFAULT, "unw_backtrace");
@@ -133,13 +133,23 @@ void ZorvUmsEndHoldForFork()
     t_zorvState.m_holdsTurn = false;
 }
 
+// Whether the program has the unwinder by what it has opened, or by what that one needs.
+static bool ReachesUnwinder(void* pHandle)
+{
+    bool isReached = dlsym(pHandle, "unw_backtrace") == reinterpret_cast<void*>(g_pBacktrace);
+    dlerror(); // that there is none is not the program's error
+    return isReached;
+}
+
 void ZorvUmsFollowLoader(void* pHandle)
 {
     if (g_pBacktrace == nullptr)
         return;
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
-    if (TakeTurn(TURN_SLEEPS))
+    if (ReachesUnwinder(pHandle))
+        ZorvUmsShareUnwinder();
+    if (TakeTurn(TURN_SLEEPS)) // who unwinds now may not have seen that it is shared
     {
         ZorvUmsListModule(pHandle);
         GiveTurnBack();
@@ -188,9 +198,12 @@ static int Unwind(void** ppFrames, int size)
     // Signals that come faster than turns do must not all wait: their thread would do nothing else.
     if (TakeTurn(t_zorvState.m_hasMissedTurn ? 0 : TURN_SLEEPS))
     {
-        t_zorvState.m_isUnwinding = true;
-        count = g_pBacktrace(ppFrames, size);
-        t_zorvState.m_isUnwinding = false;
+        if (!ZorvUmsIsUnwindingUnsafe()) // it may have become so before the turn came
+        {
+            t_zorvState.m_isUnwinding = true;
+            count = g_pBacktrace(ppFrames, size);
+            t_zorvState.m_isUnwinding = false;
+        }
         GiveTurnBack();
     }
     t_zorvState.m_hasMissedTurn = count == NO_TURN;
