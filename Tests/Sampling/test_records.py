@@ -71,6 +71,15 @@ def test_every_depth_leaves_room_for_the_handlers_own_frames(session, depth):
     assert len(sample.stack) == depth + HANDLER_FRAMES
 
 
+# The thread's first use of the unwinder stays within its buffer, too.
+@pytest.mark.parametrize("frames", [1, 2, 7])
+def test_a_depth_that_wraps_asks_for_what_its_buffer_holds(session, frames):
+    session.configure(QELIX_CALLSTACK_DEPTH=2**32 - HANDLER_FRAMES + frames)
+    run = session.run_sampler("thread 3", "sample 3")
+    assert_sound(run, 3)
+    assert [len(sample.stack) for sample in samples_of(run)] == 6 * [frames]
+
+
 def test_no_record_is_larger_than_its_size_can_say(session):
     session.configure(QELIX_CALLSTACK_DEPTH=20000)
     run = session.run_sampler("deep 15000", "sample 3")

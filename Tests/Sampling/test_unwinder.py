@@ -93,6 +93,19 @@ def test_all_frames_that_are_found_are_recorded(session, frames):
     assert {sample.size for sample in samples_of(run)} == {40 + 8 * found}
 
 
+def test_an_unwinder_that_the_program_has_itself_is_asked(session):
+    run = session.run_sampler("sample 3", ahead=[str(PROGRAMS / "made_up" / "libunwind.so.8")],
+                              env={"ZORV_TEST_FRAMES": 2})
+    assert_sound(run, 3)
+    assert [sample.stack for sample in samples_of(run)] == 3 * [(DEPTH + HANDLER_FRAMES, 1001)]
+
+
+def test_the_first_own_use_of_the_same_unwinder_blocks_nobody(session):
+    run = session.run("own_unwinder", env=unwinder_of("holding"))
+    assert_sound(run)
+    assert (samples_of(run), lost(session)) == ([], 1)
+
+
 @pytest.mark.parametrize("frames", [0, -1, -10])
 def test_an_empty_stack_is_dropped_silently(session, frames):
     run = session.run_sampler("sample 3", "thread 3", env=unwinder_of("made_up", frames))

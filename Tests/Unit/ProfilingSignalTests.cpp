@@ -166,4 +166,15 @@ TEST_F(StateCalls, OtherOptionsFailuresAndStoppedThreadsWriteNoName)
     EXPECT_TRUE(Records().empty());
 }
 
+TEST_F(StateCalls, ANewNameIsWrittenAlsoWhereTheSwitchSaysThatNothingIsRecorded)
+{
+    EnableEvent(ZORV_UMT_EVENT_SYSCALL);
+    Replace write("ZorvUmaWriteProcRecord", Fails(0));
+    Replace enabled("ZorvUmtIsEventEnabled", Fails(0));
+    EXPECT_EQ(CallExport("ZorvInterposePrctl", {PR_SET_NAME, Word("name")}), 0u);
+    EXPECT_EQ(enabled.Calls(), 1);
+    EXPECT_EQ(write.Calls(), 1);
+    EXPECT_TRUE(Records().empty());
+}
+
 } // namespace

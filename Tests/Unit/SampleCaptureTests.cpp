@@ -115,6 +115,15 @@ TEST_F(SampleCapture, WritesWhatTheUnwinderFound)
     EXPECT_EQ(body.m_callStack[1], 0x1001u);
 }
 
+// The buffer was made by the same sum.
+TEST_F(SampleCapture, AsksForNoMoreThanADepthThatWrapsLeaves)
+{
+    m_pInfo->m_umaConfig.m_callStackDepth = 0xFFFFFFFA;
+    m_capture(m_pInfo);
+    EXPECT_EQ(g_unwinding.m_size, 2);
+    EXPECT_EQ(Written(), TWO_FRAMES_SIZE);
+}
+
 TEST_F(SampleCapture, OfAnEmptyStackWritesAndCountsNothing)
 {
     for (const int result : {0, -1, -6})

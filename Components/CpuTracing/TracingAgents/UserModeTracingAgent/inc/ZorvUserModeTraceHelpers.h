@@ -188,7 +188,7 @@ struct ZorvProcessState
 
 struct ZorvUmaPerThreadInfo
 {
-    void** m_pUmsCsBuf; // call-stack buffers, m_callStackDepth + 8 addresses each
+    void** m_pUmsCsBuf; // call-stack buffers, ZorvUmaCsBufRoom addresses each
     void** m_pUmtCsBuf;
     ZorvUmaBuffer* m_pUmsBuf; // current buffers; they belong to their stream's list
     ZorvUmaBuffer* m_pUmtBuf;

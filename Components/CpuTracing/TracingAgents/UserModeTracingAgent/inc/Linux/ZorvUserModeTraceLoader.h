@@ -24,6 +24,9 @@ void ZorvUmsLeaveLoader(const void* pBefore);
 
 // Whether the address lies in the unwinder's object.
 bool ZorvUmsIsUnwinder(const void* pCode);
+// The program can reach the unwinder, too. To be said before it can: its first use may hold the unwinder's lock
+// when a sample asks.
+void ZorvUmsShareUnwinder();
 // In a signal handler: whether unwinding here could wait for ever. It could where the thread holds a lock of
 // the loader, and another one, which holds the unwinder's lock because the program unwinds by itself, waits for
 // that.

@@ -17,11 +17,19 @@ extern "C"
     ZORV_EXPORT void ZorvUmsCaptureSampleRecord(ZorvUmaProfileInfo* pProfileInfo);
 }
 
+// Addresses that a thread's call-stack buffer holds: the configured depth, and the frames of the handler and of
+// the signal's delivery. The sum is of 32 bits: it may wrap, also to none.
+constexpr uint32_t ZORV_UMA_HANDLER_FRAMES = 8;
+inline uint32_t ZorvUmaCsBufRoom(const ZorvUmaProfileInfo* pProfileInfo)
+{
+    return pProfileInfo->m_umaConfig.m_callStackDepth + ZORV_UMA_HANDLER_FRAMES;
+}
+
 // Finds the unwinder, before the first thread is armed; a failure is logged once, and no sample is written
 // then.
 void ZorvUmsOpenUnwinder(ZorvUmaProfileInfo* pProfileInfo);
 // The unwinder's first use on a thread allocates: it happens in the thread's set-up, never in the handler.
-void ZorvUmsPrepareThread();
+void ZorvUmsPrepareThread(const ZorvUmaProfileInfo* pProfileInfo);
 // Behind a dlopen(3) that gave this handle: lets the unwinder know the modules that came.
 void ZorvUmsFollowLoader(void* pHandle);
 // Around a dlclose(3): nobody unwinds through what it takes away.

@@ -173,12 +173,12 @@ extern "C" bool ZorvUmaAllocateCsBuf(ZorvUmaProfileInfo* pProfileInfo)
 {
     if (pProfileInfo == nullptr)
         return false;
-    uint32_t depth = pProfileInfo->m_umaConfig.m_callStackDepth + 8; // wraps to 0 for a depth of 2^32 - 8
+    uint32_t room = ZorvUmaCsBufRoom(pProfileInfo);
     ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
-    if (depth == 0 || pThreadInfo == nullptr)
+    if (room == 0 || pThreadInfo == nullptr)
         return true;
 
-    size_t size = sizeof(void*) * depth;
+    size_t size = sizeof(void*) * room;
     bool isAllocated = true;
     if (pProfileInfo->m_umtConfig.m_enable)
     {
@@ -545,7 +545,7 @@ static bool SetUpThread(ZorvUmaProfileInfo* pProfileInfo, uint64_t startTime)
                            static_cast<uint64_t>(ZorvUmaPthreadSelf()));
     if (!isReady || !pProfileInfo->m_umsConfig.m_enable)
         return isReady;
-    ZorvUmsPrepareThread();
+    ZorvUmsPrepareThread(pProfileInfo);
     if (pProfileInfo->m_umsConfig.m_nbrEvents != 0)
         isReady = ZorvUmsStartPcmCollection(pProfileInfo, true);
     return isReady && ZorvUmsCreateTimer(pProfileInfo, t_zorvState.m_pInfo);

@@ -196,10 +196,16 @@ void ZorvUmsLeaveLoader(const void* pBefore)
     __atomic_store_n(&t_zorvState.m_pLoaderFrame, pBefore, __ATOMIC_RELAXED);
 }
 
+void ZorvUmsShareUnwinder()
+{
+    __atomic_store_n(&g_isUnwinderShared, true, __ATOMIC_SEQ_CST);
+}
+
 bool ZorvUmsIsUnwindingUnsafe()
 {
     // A frame that was left by a jump lies below the stack's end now.
-    return g_isUnwinderShared && t_zorvState.m_pLoaderFrame > __builtin_frame_address(0);
+    return __atomic_load_n(&g_isUnwinderShared, __ATOMIC_RELAXED) &&
+           t_zorvState.m_pLoaderFrame > __builtin_frame_address(0);
 }
 
 // ---- dl_iterate_phdr -------------------------------------------------------------------------------------
@@ -236,7 +242,7 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct ListedPhdrs
             return 0;
         // The program unwinds by the same object: from now on its locks are in play.
         if (ZorvUmsIsUnwinder(__builtin_return_address(0)))
-            g_isUnwinderShared = true;
+            ZorvUmsShareUnwinder();
         const void* pBefore = ZorvUmsEnterLoader(__builtin_frame_address(0));
         int result = ZorvCallReal<int>(pReal, callback, pData);
         ZorvUmsLeaveLoader(pBefore);

@@ -22,7 +22,6 @@ namespace
 
 constexpr char UNWINDER[] = "libunwind.so.8";
 constexpr uint64_t NS_PER_SECOND = 1000000000ULL;
-constexpr uint32_t EXTRA_FRAMES = 8;       // the handler's and the signal delivery's own
 constexpr uint32_t LARGEST_RECORD = 32767; // smaller than a buffer, and than what 16 bits can say
 constexpr int SET_UP_ATTEMPTS = 20;        // a thread that cannot unwind would be sampled never
 constexpr int NO_TURN = INT_MIN;
@@ -42,15 +41,18 @@ pid_t g_unwindingTid; // whose turn it is, 0: nobody's
 
 // ---- the unwinder ----------------------------------------------------------------------------------------
 
-// What an object in the program's scope puts in the unwinder's place.
-static Backtrace FindStandIn()
+// What an object in the program's scope puts in the unwinder's place. An unwinder that the program has itself
+// is named in *ppUnwinder instead.
+static Backtrace FindStandIn(const char** ppUnwinder)
 {
     void* pFound = dlsym(RTLD_DEFAULT, "unw_backtrace");
     dlerror(); // that there is none is not the program's error
     Dl_info place;
-    bool isUnwinder = pFound != nullptr && dladdr(pFound, &place) != 0 &&
-                      ZorvUmaStrstr(place.dli_fname, "/libunwind.so") != nullptr;
-    return isUnwinder ? nullptr : reinterpret_cast<Backtrace>(pFound);
+    if (pFound == nullptr || dladdr(pFound, &place) == 0 ||
+        ZorvUmaStrstr(place.dli_fname, "/libunwind.so") == nullptr)
+        return reinterpret_cast<Backtrace>(pFound);
+    *ppUnwinder = place.dli_fname;
+    return nullptr;
 }
 
 static void FindUnwinder(const ZorvUmaProfileInfo* pProfileInfo)
@@ -58,13 +60,14 @@ static void FindUnwinder(const ZorvUmaProfileInfo* pProfileInfo)
     if (g_isUnwinderSought)
         return;
     g_isUnwinderSought = true; // a forked child keeps what its parent has found
-    g_pBacktrace = FindStandIn();
+    const char* pUnwinder = UNWINDER;
+    g_pBacktrace = FindStandIn(&pUnwinder);
     g_isStandIn = g_pBacktrace != nullptr;
     if (g_isStandIn)
         return;
     // Local scope: in the program's scope it would take over the unwinding of C++ exceptions.
-    void* pLoaded = ZorvUmaOpenObject(UNWINDER, RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
-    void* pHandle = ZorvUmaOpenObject(UNWINDER, RTLD_NOW | RTLD_LOCAL);
+    void* pLoaded = ZorvUmaOpenObject(pUnwinder, RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
+    void* pHandle = ZorvUmaOpenObject(pUnwinder, RTLD_NOW | RTLD_LOCAL);
     if (pHandle != nullptr)
         g_pBacktrace = reinterpret_cast<Backtrace>(dlsym(pHandle, "unw_backtrace"));
     if (g_pBacktrace != nullptr)
@@ -130,13 +133,23 @@ void ZorvUmsEndHoldForFork()
     t_zorvState.m_holdsTurn = false;
 }
 
+// Whether the program has the unwinder by what it has opened, or by what that one needs.
+static bool ReachesUnwinder(void* pHandle)
+{
+    bool isReached = dlsym(pHandle, "unw_backtrace") == reinterpret_cast<void*>(g_pBacktrace);
+    dlerror(); // that there is none is not the program's error
+    return isReached;
+}
+
 void ZorvUmsFollowLoader(void* pHandle)
 {
     if (g_pBacktrace == nullptr)
         return;
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
-    if (TakeTurn(TURN_SLEEPS))
+    if (ReachesUnwinder(pHandle))
+        ZorvUmsShareUnwinder();
+    if (TakeTurn(TURN_SLEEPS)) // who unwinds now may not have seen that it is shared
     {
         ZorvUmsListModule(pHandle);
         GiveTurnBack();
@@ -185,9 +198,12 @@ static int Unwind(void** ppFrames, int size)
     // Signals that come faster than turns do must not all wait: their thread would do nothing else.
     if (TakeTurn(t_zorvState.m_hasMissedTurn ? 0 : TURN_SLEEPS))
     {
-        t_zorvState.m_isUnwinding = true;
-        count = g_pBacktrace(ppFrames, size);
-        t_zorvState.m_isUnwinding = false;
+        if (!ZorvUmsIsUnwindingUnsafe()) // it may have become so before the turn came
+        {
+            t_zorvState.m_isUnwinding = true;
+            count = g_pBacktrace(ppFrames, size);
+            t_zorvState.m_isUnwinding = false;
+        }
         GiveTurnBack();
     }
     t_zorvState.m_hasMissedTurn = count == NO_TURN;
@@ -197,7 +213,7 @@ static int Unwind(void** ppFrames, int size)
 
 static int FramesWanted(const ZorvUmaProfileInfo* pProfileInfo)
 {
-    uint64_t wanted = static_cast<uint64_t>(pProfileInfo->m_umaConfig.m_callStackDepth) + EXTRA_FRAMES;
+    uint64_t wanted = ZorvUmaCsBufRoom(pProfileInfo);
     uint64_t room = (LARGEST_RECORD - pProfileInfo->m_umsConfig.m_recLength) / sizeof(void*);
     return static_cast<int>(wanted < room ? wanted : room);
 }
@@ -215,7 +231,7 @@ static void FindStack()
     pthread_attr_destroy(&attributes);
 }
 
-void ZorvUmsPrepareThread()
+void ZorvUmsPrepareThread(const ZorvUmaProfileInfo* pProfileInfo)
 {
     ZorvUmaPerThreadInfo* pThreadInfo = t_zorvState.m_pInfo;
     t_zorvState.m_canUnwind = false;
@@ -224,10 +240,12 @@ void ZorvUmsPrepareThread()
     t_zorvState.m_canUnwind = g_isStandIn;
     FindStack();
     bool wasStopped = pThreadInfo->m_stopCollection;
+    uint32_t frames = ZorvUmaCsBufRoom(pProfileInfo);
+    frames = frames < ZORV_UMA_HANDLER_FRAMES ? frames : ZORV_UMA_HANDLER_FRAMES;
     for (int attempt = 0; attempt < SET_UP_ATTEMPTS && !t_zorvState.m_canUnwind; attempt++)
     {
         t_zorvState.m_hasMissedTurn = false;
-        t_zorvState.m_canUnwind = Unwind(pThreadInfo->m_pUmsCsBuf, static_cast<int>(EXTRA_FRAMES)) != NO_TURN;
+        t_zorvState.m_canUnwind = Unwind(pThreadInfo->m_pUmsCsBuf, static_cast<int>(frames)) != NO_TURN;
     }
     pThreadInfo->m_stopCollection = wasStopped;
 }
@@ -412,7 +430,7 @@ extern "C" bool ZorvUmaConfigureTimerAndPmc(ZorvUmaProfileInfo* pProfileInfo)
     else
         pConfig->m_recLength = plainLength;
     ZorvUmsOpenUnwinder(pProfileInfo);
-    ZorvUmsPrepareThread();
+    ZorvUmsPrepareThread(pProfileInfo);
     SpendTimerIdZero();
     return ZorvUmsCreateTimer(pProfileInfo, t_zorvState.m_pInfo);
 }
@@ -508,7 +526,7 @@ extern "C" void ZorvUmsCaptureSampleRecord(ZorvUmaProfileInfo* pProfileInfo)
     if (!t_zorvState.m_canUnwind && !t_zorvState.m_isInterrupted)
     {
         FindUnwinder(pProfileInfo);
-        ZorvUmsPrepareThread();
+        ZorvUmsPrepareThread(pProfileInfo);
     }
     if (!t_zorvState.m_canUnwind)
     {

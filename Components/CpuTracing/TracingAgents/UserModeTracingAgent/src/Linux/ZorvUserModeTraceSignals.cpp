@@ -155,8 +155,21 @@ static void WriteNewName(ZorvUmaProfileInfo* pProfileInfo)
     errno = savedErrno;
 }
 
-template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct NamingPrctl
+template <ZorvEntryPoint* pEntry, typename, typename> struct NamingPrctl
 {
+    // That the collection has not stopped is known by now: only the switch is asked.
+    static int Timed(ZorvUmaProfileInfo* pProfileInfo, void* pReal, int option, unsigned long a2,
+                     unsigned long a3, unsigned long a4, unsigned long a5)
+    {
+        if (!ZorvUmtIsEventEnabled(pProfileInfo, ZORV_UMT_EVENT_SYSCALL))
+            return ZorvCallReal<int>(pReal, option, a2, a3, a4, a5);
+        ZorvTracedCall call = {};
+        call.m_pProfileInfo = pProfileInfo;
+        call.m_funcVa = reinterpret_cast<uint64_t>(pReal);
+        call.m_class = {ZORV_SYSCALL_TYPE_OTHER, ZORV_UMT_EVENT_SYSCALL};
+        return ZorvDirectPattern::Run<int>(&call, pReal, option, a2, a3, a4, a5);
+    }
+
     static int Call(int option, unsigned long a2, unsigned long a3, unsigned long a4, unsigned long a5)
     {
         ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
@@ -165,7 +178,7 @@ template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct Nami
             return -1;
         if (ZorvUmaIsCollectionStopped(pProfileInfo))
             return ZorvCallReal<int>(pReal, option, a2, a3, a4, a5);
-        int result = OtherCall<pEntry, Detail, Pointer>::Call(option, a2, a3, a4, a5);
+        int result = Timed(pProfileInfo, pReal, option, a2, a3, a4, a5);
         if (option == PR_SET_NAME && result == 0)
             WriteNewName(pProfileInfo);
         return result;
