@@ -63,7 +63,7 @@ const ExportFormat& FormatOf(const std::string& name)
         }
         known.emplace_back(format.m_pName);
     }
-    throw Failure(ZORV_STATUS_OWN_FAILURE, "there is no format \"{}\"; the formats are {}", name,
+    throw Failure(ZORV_FAILURE_USAGE, "there is no format \"{}\"; the formats are {}", name,
                   fmt::join(known, ", "));
 }
 
@@ -88,7 +88,7 @@ void RequireFile(const ExportOptions& options, const char* pWhat)
 {
     if (options.m_file.empty())
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "{} cannot go to standard output; add -o FILE", pWhat);
+        throw Failure(ZORV_FAILURE_USAGE, "{} cannot go to standard output; add -o FILE", pWhat);
     }
 }
 
@@ -98,7 +98,7 @@ void CheckOptions(const ExportOptions& options, const ExportFormat& format)
     const bool isCsv = options.m_isPartitioned && std::string(format.m_pName) == "csv";
     if (options.m_isPartitioned && !isCsv)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "only csv can be partitioned");
+        throw Failure(ZORV_FAILURE_USAGE, "only csv can be partitioned");
     }
     if (isCsv || std::string(format.m_pName) == "sqlite")
     {
@@ -107,12 +107,13 @@ void CheckOptions(const ExportOptions& options, const ExportFormat& format)
     std::error_code error;
     if (isCsv && std::filesystem::exists(options.m_file, error))
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "{} exists; name a folder that does not, in -o", options.m_file);
+        throw Failure(ZORV_FAILURE_EXISTS, "{} exists; name a folder that does not, in -o", options.m_file)
+            .At(options.m_file);
     }
     const bool isText = format.m_isText && CompressionOf(options, format) == ZORV_COMPRESS_NONE;
     if (options.m_file.empty() && !isText && isatty(STDOUT_FILENO) != 0)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "{} is binary and would garble the terminal; add -o FILE",
+        throw Failure(ZORV_FAILURE_USAGE, "{} is binary and would garble the terminal; add -o FILE",
                       format.m_pName);
     }
 }
@@ -131,13 +132,16 @@ void RequireRecords(const SessionStream& stream, const ExportFormat& format)
     }
     if (samples == 0 && format.m_needsSamples)
     {
-        throw Failure(ZORV_STATUS_DAMAGED, "{} has no samples to export; record with qelix run --sample",
-                      stream.m_survey.m_path);
+        throw Failure(ZORV_FAILURE_NO_DATA, "{} has no samples to export; record with qelix run --sample",
+                      stream.m_survey.m_path)
+            .At(stream.m_survey.m_path);
     }
     if (samples == 0 && calls == 0)
     {
-        throw Failure(ZORV_STATUS_DAMAGED, "{} has no records of the processes and threads that were asked for",
-                      stream.m_survey.m_path);
+        throw Failure(ZORV_FAILURE_NO_DATA,
+                      "{} has no records of the processes and threads that were asked for",
+                      stream.m_survey.m_path)
+            .At(stream.m_survey.m_path);
     }
 }
 
@@ -176,7 +180,7 @@ int Export(const ExportOptions& options)
     const bool isNamed = !options.m_to.empty();
     if ((options.m_first.empty() && !isNamed) || (isNamed && !options.m_second.empty()))
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "say what to export, and as what: qelix export FORMAT DIR");
+        throw Failure(ZORV_FAILURE_USAGE, "say what to export, and as what: qelix export FORMAT DIR");
     }
     const std::string session = SessionOr(isNamed ? options.m_first : options.m_second);
     const ExportFormat& format = FormatOf(isNamed ? options.m_to : options.m_first);
@@ -186,7 +190,7 @@ int Export(const ExportOptions& options)
     Write(pStream.get(), options, format);
     for (const Damage& damage : pStream->m_survey.m_damages)
     {
-        PrintNote(DamageMessage(damage));
+        PrintDamage(damage);
     }
     return pStream->m_survey.m_damages.empty() ? 0 : ZORV_STATUS_DAMAGED;
 }

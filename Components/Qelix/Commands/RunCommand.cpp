@@ -141,7 +141,7 @@ bool FinishSession(const std::string& sessionPath, SessionRecord* pRecord, bool 
     }
     catch (const std::exception& failure)
     {
-        PrintNote(failure.what());
+        PrintFailure(failure);
         return false;
     }
 }
@@ -150,7 +150,7 @@ RunPlan PlanOf(const RunOptions& options)
 {
     if (options.m_command.empty())
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "no program to run; say: qelix run PROGRAM ARGS...");
+        throw Failure(ZORV_FAILURE_USAGE, "no program to run; say: qelix run PROGRAM ARGS...");
     }
     RunPlan plan = PlanRecording(options);
     plan.m_program = FindProgram(options.m_command.front());

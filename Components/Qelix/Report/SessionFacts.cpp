@@ -150,9 +150,10 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
     std::error_code error;
     if (!std::filesystem::is_directory(TraceFolder(path), error))
     {
-        throw Failure(ZORV_STATUS_DAMAGED,
+        throw Failure(ZORV_FAILURE_NO_SESSION,
                       "{} is no session: it has no folder \"trace\"; name a directory that qelix run has made",
-                      path);
+                      path)
+            .At(path);
     }
     SessionFacts session;
     session.m_path = path;
