@@ -117,6 +117,9 @@ void AddCommands(CLI::App* pApp, const std::vector<std::string>* pProgram, int* 
     AddCompletionCommand(pApp, pStatus);
     AddHelpCommands(pApp, pStatus);
     GroupCommands(pApp);
+    pApp->footer("Begin with:\n    qelix ./server --port 0    what a program waits for and what it computes\n"
+                 "    qelix report               the newest session here once more\n"
+                 "    qelix help COMMAND         the options of a command; man qelix says more");
 }
 
 int Execute(std::vector<std::string> arguments)

@@ -234,15 +234,14 @@ void AddRunner(CLI::App* pCommand, const std::vector<std::string>* pProgram, int
 void AddRunCommand(CLI::App* pApp, const std::vector<std::string>* pProgram, int* pStatus)
 {
     CLI::App* pRun = pApp->add_subcommand(
-        "run", "Run a program and report where its threads waited and burnt CPU: qelix run "
-               "[OPTIONS] PROGRAM ARGS..., or qelix PROGRAM ARGS...");
+        "run",
+        "Run a program and report where its threads waited and burnt CPU; bare qelix PROGRAM means the same");
     AddRunner(pRun, pProgram, pStatus, true);
 }
 
 void AddRecordCommand(CLI::App* pApp, const std::vector<std::string>* pProgram, int* pStatus)
 {
-    CLI::App* pRecord =
-        pApp->add_subcommand("record", "The same without the report: qelix record [OPTIONS] PROGRAM ARGS...");
+    CLI::App* pRecord = pApp->add_subcommand("record", "The same without the report");
     AddRunner(pRecord, pProgram, pStatus, false);
 }
 
