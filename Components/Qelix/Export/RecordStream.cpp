@@ -1,6 +1,7 @@
 #include "Export/RecordStream.h"
 
 #include "Reader/RecordFile.h"
+#include "Report/ClockShift.h"
 #include "Report/TraceFacts.h"
 
 #include <algorithm>
@@ -62,14 +63,17 @@ struct RecordTaker
     {
         const CallKind* pKind = FindCallKind(hdr.m_recType, hdr.m_subType);
         const TraceClass traceClass = ClassOf(*pKind);
-        if (!IsWanted(*m_pProcess, traceClass) ||
-            !IsWanted(*m_pProcess, hdr.m_tid, hdr.m_startTime, hdr.m_endTime))
+        const int64_t shift = m_pProcess->m_process.m_clockShiftNs;
+        const uint64_t start = Shifted(hdr.m_startTime, shift);
+        const uint64_t end = Shifted(hdr.m_endTime, shift);
+        if (!IsWanted(*m_pProcess, traceClass) || !IsWanted(*m_pProcess, hdr.m_tid, start, end))
         {
             return;
         }
         const CalledFunction called{function, pKind, (hdr.m_flags & ZORV_UMT_FLAG_SYSCALL_ID) != 0};
+        // The process's own clock tells what lay at an address.
         m_pProcess->m_pSink->m_onCall({pKind, traceClass, NameOfFunction(m_pProcess, called, hdr.m_startTime),
-                                       hdr.m_tid, hdr.m_startTime, hdr.m_endTime, object, result, region});
+                                       hdr.m_tid, start, end, object, result, region});
     }
 
     void operator()(const PthreadRecord& call) const
@@ -87,7 +91,8 @@ struct RecordTaker
     void operator()(const SampleRecord& sample) const
     {
         const ZorvUmsRecordHdr& hdr = sample.m_hdr;
-        if (!IsWanted(*m_pProcess, hdr.m_tid, hdr.m_startTime, hdr.m_startTime))
+        const uint64_t time = Shifted(hdr.m_startTime, m_pProcess->m_process.m_clockShiftNs);
+        if (!IsWanted(*m_pProcess, hdr.m_tid, time, time))
         {
             return;
         }
@@ -95,7 +100,7 @@ struct RecordTaker
         const uint32_t stack = StackId(&pStream->m_stacks, &m_pProcess->m_symbols, sample.m_callStack,
                                        hdr.m_startTime, pStream->m_withAgentFrames);
         m_pProcess->m_pSink->m_onSample(
-            {hdr.m_tid, stack, hdr.m_startTime, sample.m_body.m_parId, hdr.m_coreId, &sample.m_events});
+            {hdr.m_tid, stack, time, sample.m_body.m_parId, hdr.m_coreId, &sample.m_events});
     }
 
     template <typename T> void operator()(const T&) const {}

@@ -13,7 +13,8 @@
 namespace qelix
 {
 
-// Times are nanoseconds of the machine's monotonic clock, as recorded.
+// Times are nanoseconds of the machine's monotonic clock, as recorded; in a merged session, of the first
+// host's.
 struct TimeSpan
 {
     uint64_t m_first = UINT64_MAX;
@@ -39,6 +40,7 @@ struct SurveyedProcess
     std::map<int32_t, SurveyedThread> m_threads;
     std::vector<uint64_t> m_events; // codes of the counters
     TimeSpan m_span;
+    int64_t m_clockShiftNs = 0; // to be added to its times, which the span has already
 };
 
 struct SessionSurvey
