@@ -211,7 +211,7 @@ def test_clocks_of_two_hosts_are_brought_together(tmp_path):
     inside = qelix("export", "csv", tmp_path / "merged", "--time", "0ms..1ms").stdout
     assert len(inside.splitlines()) == 3
     threads = json.loads(qelix("threads", tmp_path / "merged", "--json", "--time", "500us..1ms").stdout)["rows"]
-    assert [(row["wallNs"], row["sleepShare"]) for row in threads] == [(MS // 2, 1)] * 2
+    assert [(row["wallNs"], row["sleep"]) for row in threads] == [(MS // 2, 1)] * 2
 
 
 def test_a_merge_says_what_cannot_be_believed(tmp_path):

@@ -82,6 +82,31 @@ def test_json_lines(recorded):
     assert any(sample["frames"][-2:] == ["Work", "WorkSixty"] for sample in samples)
 
 
+def test_locks_in_variables_go_by_their_names(recorded, tmp_path):
+    def counted(calls, name_of):
+        return {name: sum(1 for call in calls if name_of(call) == name) for name in map(name_of, calls) if name}
+
+    rows = list(csv.DictReader(io.StringIO(export("csv", recorded).decode())))
+    named = counted(rows, lambda row: row["object_name"])
+    assert named["g_mutex"] >= 2 and named["g_isHeld"] == 2
+    assert all(row["object"] for row in rows if row["object_name"])
+    lines = [json.loads(line) for line in export("json", recorded).splitlines()]
+    assert counted(lines, lambda line: line.get("objectName")) == named
+    chrome = json.loads(export("chrome", recorded))["traceEvents"]
+    assert counted(chrome, lambda event: event.get("args", {}).get("objectName")) == named
+    path = tmp_path / "session.db"
+    export("sqlite", recorded, "-o", path)
+    query = "select object_name, count(*) from call_list where object_name is not null group by 1"
+    assert dict(sqlite3.connect(path).execute(query)) == named
+    firefox = json.loads(export("firefox", recorded))["threads"]
+    assert counted([data for thread in firefox for data in thread["markers"]["data"]],
+                   lambda data: data["objectName"]) == named
+    packets = decoded("trace.proto", "perfetto.protos.Trace", export("perfetto", recorded))["packet"]
+    facts = [fact for packet in packets for event in packet.get("track_event", [])
+             for fact in event.get("debug_annotations", [])]
+    assert counted(facts, lambda fact: fact.get("string_value", [None])[0]) == named
+
+
 def test_speedscope(recorded, tmp_path):
     path = tmp_path / "session.speedscope.json"
     export("speedscope", recorded, "-o", path)

@@ -20,6 +20,7 @@ std::string MarkerSchema()
     const char* pFields = R"({"key":"name","label":"Function","format":"string","searchable":true},)"
                           R"({"key":"kind","label":"Kind","format":"string","searchable":true},)"
                           R"({"key":"object","label":"Object","format":"string","searchable":true},)"
+                          R"({"key":"objectName","label":"Object name","format":"string","searchable":true},)"
                           R"({"key":"result","label":"Result","format":"integer"},)"
                           R"({"key":"returned","label":"Returned","format":"string"})";
     return fmt::format(R"([{{"name":"call","display":["marker-chart","marker-table","timeline-overview"],)"
@@ -69,10 +70,12 @@ void GatherSamples(ThreadTables* pTables, OrderedProcess* pOrdered, int32_t tid,
 std::string MarkerData(ThreadTables* pTables, const StreamedCall& call)
 {
     const SessionStream& stream = *pTables->m_pStream;
-    return fmt::format(R"({{"type":"call","name":{},"kind":"{}","object":"{}","result":{},"returned":"{}"}})",
-                       JsonText(stream.m_names.m_names[call.m_name]), call.m_pKind->m_pName,
-                       call.m_object != 0 ? fmt::format("{:#x}", call.m_object) : "", call.m_result,
-                       HasReturned(call) ? "yes" : "no");
+    return fmt::format(
+        R"({{"type":"call","name":{},"kind":"{}","object":"{}","objectName":{},"result":{},"returned":"{}"}})",
+        JsonText(stream.m_names.m_names[call.m_name]), call.m_pKind->m_pName,
+        call.m_object != 0 ? fmt::format("{:#x}", call.m_object) : "",
+        JsonText(NameOfObject(stream, call) != nullptr ? *NameOfObject(stream, call) : ""), call.m_result,
+        HasReturned(call) ? "yes" : "no");
 }
 
 void GatherMarkers(ThreadTables* pTables, OrderedProcess* pOrdered, int32_t tid, uint64_t first)
