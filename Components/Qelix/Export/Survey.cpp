@@ -205,8 +205,9 @@ SessionSurvey SurveySession(const std::string& path)
     for (const std::string& session : SessionsIn(path))
     {
         const uint64_t interval = ReadSettings(session).m_intervalNs.value_or(0);
-        const uint64_t tick = ReadSessionRecord(session).m_tickNs.value_or(0);
-        survey.m_periodNs = std::max({survey.m_periodNs, interval, tick});
+        const SessionRecord record = ReadSessionRecord(session);
+        survey.m_periodNs = std::max({survey.m_periodNs, interval, record.m_tickNs.value_or(0)});
+        survey.m_clocks = survey.m_clocks ? survey.m_clocks : record.m_start;
         const ClockShifts shifts = ReadClockShifts(session);
         for (const auto& [key, files] : FilesOfProcesses(session))
         {

@@ -4,9 +4,11 @@
 
 #include "Reader/Damage.h"
 #include "Report/ProcessFiles.h"
+#include "Session/MachineFacts.h"
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -48,7 +50,8 @@ struct SessionSurvey
     std::string m_path;
     std::vector<SurveyedProcess> m_processes; // by key
     TimeSpan m_span;
-    uint64_t m_periodNs = 0; // CPU time that a sample stands for
+    uint64_t m_periodNs = 0;           // CPU time that a sample stands for
+    std::optional<ClockPair> m_clocks; // what the calendar showed when the first session began
     std::vector<Damage> m_damages;
 };
 
