@@ -85,6 +85,10 @@ void RunUnderAgent(const RunOptions& options, const RunPlan& plan, const Session
         WaitForProgram(pRecord->m_programPid, guard, [&overseer] { return Oversee(&overseer); });
     pRecord->m_end = ReadClocks();
     pRecord->m_isBudgetReached = overseer.m_isBudgetReached;
+    if (!overseer.m_writers.empty())
+    {
+        pRecord->m_writerCpuNs = SumOf(overseer.m_writers);
+    }
     pRecord->m_parentOf = watch.Finish();
     LeaveToProcesses(session.m_path, &block, &standIn);
 }
