@@ -2,6 +2,7 @@
 #include "Commands/CommandLine.h"
 #include "Commands/Commands.h"
 #include "Commands/HelpLayout.h"
+#include "Reader/Damage.h"
 #include "Session/Failure.h"
 
 #include <CLI/CLI.hpp>
@@ -14,12 +15,23 @@
 
 namespace qelix
 {
+namespace
+{
+
+bool g_areFailuresJson = false;
+
+void PrintFullOutput()
+{
+    PrintFailure(Failure(ZORV_FAILURE_CANNOT_WRITE, "standard output cannot be written"));
+}
+
+} // namespace
 
 void PrintOut(const std::string& text)
 {
     if (fwrite(text.data(), 1, text.size(), stdout) != text.size())
     {
-        PrintNote("standard output cannot be written"); // the disk is full: what follows could not be either
+        PrintFullOutput(); // the disk is full: what follows could not be written either
         _exit(ZORV_STATUS_OWN_FAILURE);
     }
 }
@@ -27,6 +39,25 @@ void PrintOut(const std::string& text)
 void PrintNote(const std::string& text)
 {
     fprintf(stderr, "qelix: %s\n", text.c_str());
+}
+
+void PrintFailure(const std::exception& failure)
+{
+    const auto* pOurs = dynamic_cast<const Failure*>(&failure);
+    if (g_areFailuresJson)
+    {
+        const Failure other(ZORV_FAILURE_OTHER, "{}", failure.what());
+        fprintf(stderr, "%s\n", FailureJson(pOurs != nullptr ? *pOurs : other).c_str());
+    }
+    else
+    {
+        PrintNote(failure.what());
+    }
+}
+
+void PrintDamage(const Damage& damage)
+{
+    PrintFailure(Failure(ZORV_FAILURE_DAMAGED, "{}", DamageMessage(damage)).At(damage.m_path));
 }
 
 namespace
@@ -86,16 +117,19 @@ void AddCommands(CLI::App* pApp, const std::vector<std::string>* pProgram, int* 
     AddCompletionCommand(pApp, pStatus);
     AddHelpCommands(pApp, pStatus);
     GroupCommands(pApp);
+    pApp->footer("Begin with:\n    qelix ./server --port 0    what a program waits for and what it computes\n"
+                 "    qelix report               the newest session here once more\n"
+                 "    qelix help COMMAND         the options of a command; man qelix says more");
 }
 
-int Execute(std::vector<std::string> arguments, bool* pIsJson)
+int Execute(std::vector<std::string> arguments)
 {
     int status = 0;
     CommandLine line;
     CLI::App app("Where do the threads of a program wait, and where do they burn CPU?", "qelix");
     AddCommands(&app, &line.m_program, &status);
     line = SplitCommandLine(app, std::move(arguments));
-    *pIsJson = line.m_isJson;
+    g_areFailuresJson = line.m_isJson;
     RequireCommand(app, line);
     std::reverse(line.m_own.begin(), line.m_own.end()); // CLI11 takes them from the back
     try
@@ -108,39 +142,25 @@ int Execute(std::vector<std::string> arguments, bool* pIsJson)
         {
             return app.exit(error);
         }
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "{}; see qelix --help, or --help behind a command",
-                      error.what());
+        throw Failure(ZORV_FAILURE_USAGE, "{}; see qelix --help, or --help behind a command", error.what());
     }
     return status;
 }
 
-void PrintFailure(const Failure& failure, bool isJson)
-{
-    if (isJson)
-    {
-        fprintf(stderr, "%s\n", FailureJson(failure).c_str());
-    }
-    else
-    {
-        PrintNote(failure.what());
-    }
-}
-
 int Main(std::vector<std::string> arguments)
 {
-    bool isJson = false;
     try
     {
-        return Execute(std::move(arguments), &isJson);
+        return Execute(std::move(arguments));
     }
     catch (const Failure& failure)
     {
-        PrintFailure(failure, isJson);
-        return failure.m_status;
+        PrintFailure(failure);
+        return StatusOf(failure.m_code);
     }
     catch (const std::exception& failure)
     {
-        PrintFailure(Failure(ZORV_STATUS_OWN_FAILURE, "{}", failure.what()), isJson);
+        PrintFailure(failure);
         return ZORV_STATUS_OWN_FAILURE;
     }
 }
@@ -154,7 +174,7 @@ int main(int argc, char** argv)
     // A full disk shows when the last bytes leave.
     if (fflush(stdout) != 0 && status == 0)
     {
-        qelix::PrintNote("standard output cannot be written");
+        qelix::PrintFullOutput();
         status = qelix::ZORV_STATUS_OWN_FAILURE;
     }
     return status;

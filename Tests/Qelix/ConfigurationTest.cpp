@@ -175,7 +175,7 @@ TEST(Configuration, APathThatTheAgentCouldNotReadBackIsRefusedWithReasonAndRemed
         }
         catch (const Failure& failure)
         {
-            EXPECT_EQ(failure.m_status, 125);
+            EXPECT_EQ(StatusOf(failure.m_code), 125);
             const std::string message = failure.what();
             EXPECT_NE(message.find("session directory"), std::string::npos);
             EXPECT_NE(message.find("where a configured value ends"), std::string::npos);
@@ -326,7 +326,7 @@ TEST(Minimums, WhatCannotBeConfiguredIsRefusedWithTheReason)
         }
         catch (const Failure& failure)
         {
-            EXPECT_EQ(failure.m_status, 125);
+            EXPECT_EQ(StatusOf(failure.m_code), 125);
             EXPECT_NE(std::string(failure.what()).find(part), std::string::npos) << failure.what();
         }
     }

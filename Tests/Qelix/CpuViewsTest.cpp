@@ -2,6 +2,7 @@
 #include "Report/CpuViews.h"
 #include "FileBytes.h"
 #include "Report/CpuFacts.h"
+#include "Report/Report.h"
 #include "Session/Failure.h"
 
 #include <gtest/gtest.h>
@@ -96,6 +97,29 @@ TEST_F(CpuViewsTest, ASampleWeighsWhatItsProcessMissed)
     EXPECT_EQ(rows[0]["selfNs"], 3 * TICK);
     EXPECT_EQ(rows[0]["selfShare"], 0.6);
     EXPECT_EQ(rows[1]["selfNs"], 2 * TICK);
+}
+
+TEST_F(CpuViewsTest, EveryReportWeighsSamplesAlike)
+{
+    // Of two samples the one of the process that missed three others stands for four fifths of the time.
+    AddSample(&m_files[42], {0x10});
+    AddSample(&m_files[52], {0x20});
+    m_folder.Write(".log/log_host_42.txt", std::string("INFO : 42 : 43: Timer overrun count (3).\n"));
+    const SessionFacts session = Read({});
+    const std::string full = FullReportText(session);
+    for (const char* pLine :
+         {"    80.0 %   80.0 %   16.0 ms  m+0x10  (m)", "    20.0 %   20.0 %   4.00 ms  m+0x20",
+          "   100.0 %   20.0 ms  /nonexistent/m", "80.0 % of the CPU time: thread - (43)"})
+    {
+        EXPECT_NE(full.find(pLine), std::string::npos) << pLine << "\n" << full;
+    }
+    const std::string screen = ReportText(session);
+    EXPECT_NE(screen.find("  16.0 ms   80.0   80.0  m+0x10"), std::string::npos) << screen;
+    const Json cpu = Json::parse(ReportJson(session))["cpu"];
+    EXPECT_EQ(cpu["sampledNs"], 5 * TICK);
+    EXPECT_EQ(cpu["functions"][0]["selfNs"], 4 * TICK);
+    EXPECT_EQ(cpu["modules"][0]["selfNs"], 5 * TICK);
+    EXPECT_EQ(cpu["threads"][1]["functions"][0]["totalNs"], TICK);
 }
 
 TEST_F(CpuViewsTest, TheTreeLeadsFromTheOutermostFunctionInwards)

@@ -112,7 +112,7 @@ TEST_F(ProgramCheckTest, TheAllocatorThatCannotBeTracedIsRefused)
     }
     catch (const Failure& failure)
     {
-        EXPECT_EQ(failure.m_status, 126);
+        EXPECT_EQ(StatusOf(failure.m_code), 126);
         EXPECT_NE(std::string(failure.what()).find("take it out"), std::string::npos);
     }
 }

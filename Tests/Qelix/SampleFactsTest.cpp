@@ -77,13 +77,14 @@ TEST_F(SampleFactsTest, SelfIsTheInterruptedFunctionAndTotalEveryoneOnTheStackOn
     const Json cpu = Cpu();
     EXPECT_EQ(cpu["samples"], 3);
     EXPECT_EQ(FunctionNamed(cpu["functions"], "m+0x10"),
-              Json({{"name", "m+0x10"}, {"module", "/nonexistent/m"}, {"self", 2}, {"total", 2}}));
+              Json::parse(R"({"name": "m+0x10", "module": "/nonexistent/m", "self": 2, "total": 2,
+                              "selfNs": 8000000, "totalNs": 8000000})"));
     EXPECT_EQ(FunctionNamed(cpu["functions"], "m+0x20")["self"], 1);
     EXPECT_EQ(FunctionNamed(cpu["functions"], "m+0x20")["total"], 3);
     EXPECT_EQ(FunctionNamed(cpu["functions"], "m+0x30")["self"], 0);
     EXPECT_EQ(FunctionNamed(cpu["functions"], "m+0x30")["total"], 3);
     EXPECT_EQ(cpu["functions"][0]["name"], "m+0x10") << "most samples of its own first";
-    EXPECT_EQ(cpu["modules"], Json::parse(R"([{"path": "/nonexistent/m", "self": 3}])"));
+    EXPECT_EQ(cpu["modules"], Json::parse(R"([{"path": "/nonexistent/m", "self": 3, "selfNs": 12000000}])"));
 }
 
 TEST_F(SampleFactsTest, ASampleStandsForTheTickWhereTheIntervalIsShorter)

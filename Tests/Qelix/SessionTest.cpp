@@ -253,7 +253,7 @@ int StatusOfSearch(const std::string& name)
     }
     catch (const Failure& failure)
     {
-        return failure.m_status;
+        return StatusOf(failure.m_code);
     }
     return 0;
 }

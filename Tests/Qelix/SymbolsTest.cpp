@@ -52,6 +52,19 @@ TEST_F(SymbolsTest, AStrippedFileHasTheNamesThatItExports)
     EXPECT_EQ(CallName(&m_process, BASE + hidden, 1), fmt::format("libSymbolSubjectStripped.so+{:#x}", hidden));
 }
 
+TEST_F(SymbolsTest, AFunctionOfAStrippedFileHasOneNameFromEndToEnd)
+{
+    Use(SYMBOL_SUBJECT_STRIPPED);
+    const uint64_t hidden = AddressOf(m_subject, "_ZL13SubjectHiddeni");
+    const std::string name = fmt::format("libSymbolSubjectStripped.so+{:#x}", hidden);
+    EXPECT_EQ(NamesAt(BASE + hidden + 1), std::vector<std::string>{name});
+    EXPECT_EQ(CallName(&m_process, BASE + hidden + 3, 1), name) << "in the middle of it";
+    const uint64_t before = AddressOf(m_subject, "subject_signal_return");
+    EXPECT_EQ(CallName(&m_process, BASE + before + 2, 1),
+              fmt::format("libSymbolSubjectStripped.so+{:#x}", before + 2))
+        << "assembly that no table describes stands for itself";
+}
+
 TEST_F(SymbolsTest, WhatTheStrippedFileLacksComesFromTheSeparateDebugFile)
 {
     // The same file, with a link to a debug file that lies in ".debug" beside it.

@@ -1,6 +1,6 @@
 // The time line stays within its budget, and loses nothing but detail.
 #include "Pages/Timeline.h"
-#include "Pages/ClockShift.h"
+#include "Report/ClockShift.h"
 
 #include "FileBytes.h"
 

@@ -205,4 +205,11 @@ TEST_F(ViewsTest, AProcessThatSaidNoEndMayMissItsLastRecords)
     EXPECT_NE(ReportText(Read(file)).find("killed: 1 process said no end"), std::string::npos);
     file.ThreadEnd(4000, 0, 42);
     EXPECT_EQ(ReportText(Read(file)).find("killed: "), std::string::npos);
+    SessionView view;
+    view.m_filter.m_threads = {"44"};
+    EXPECT_EQ(ReportText(ReadSessionFacts(m_folder.m_path, {}, view)).find("killed: "), std::string::npos)
+        << "the end need not be that of a thread that was asked for";
+    view.m_filter = {};
+    view.m_filter.m_to = 1000;
+    EXPECT_EQ(ReportText(ReadSessionFacts(m_folder.m_path, {}, view)).find("killed: "), std::string::npos);
 }

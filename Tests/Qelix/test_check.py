@@ -160,7 +160,7 @@ def test_sessions_are_listed_with_their_ends(sessions):
     assert "job/rank=1  true: ended with status 0" in text[1]
     facts = json.loads(qelix("list", "--json", sessions).stdout)
     assert [entry["command"] for entry in facts] == [["sh", "-c", "exit 3"], ["true"]]
-    assert qelix("list", sessions / "missing").returncode == 125
+    assert qelix("list", sessions / "missing").returncode == 1
 
 
 def test_nothing_is_removed_without_a_word_and_nothing_foreign_at_all(sessions):
@@ -216,6 +216,23 @@ def test_every_command_has_a_help_that_fits_a_narrow_terminal():
     assert first_screen == qelix("--help").stdout
     assert max(map(len, first_screen.splitlines())) <= 80
     assert qelix("help", "nonsense").returncode == 125
+
+
+def usages():
+    commands = re.findall(r"^  ([a-z]+) ", qelix("--help").stdout.split("Begin with")[0], re.MULTILINE)
+    assert len(commands) > 25
+    return {command: qelix(command, "--help").stdout for command in commands}
+
+
+def test_usage_lines_show_what_may_be_typed():
+    texts = usages()
+    assert "Usage: qelix run [OPTIONS] PROGRAM ARGS...\n" in texts["run"]
+    assert "Usage: qelix locks [OPTIONS] [DIR] [NAME]\n" in texts["locks"]
+    assert "Usage: qelix merge [OPTIONS] OUT DIR...\n" in texts["merge"]
+    assert "Usage: qelix flame [OPTIONS] [DIR]\n" in texts["flame"]
+    for text in texts.values():
+        assert max(map(len, text.splitlines())) <= 80
+        assert not re.search(r"\(0x|Excludes|FLOAT|\.\.\. \.\.\.", text), text
 
 
 def test_the_version_names_the_agent():

@@ -205,6 +205,13 @@ def test_clocks_of_two_hosts_are_brought_together(tmp_path):
     assert [part["clockShiftNs"] for part in merged] == [0, 41_000 * MS]
     page = make_page("timeline", tmp_path / "merged", tmp_path / "page.html")
     assert data_of(page)["timeline"]["spanNs"] == MS
+    assert report(tmp_path / "merged")["wallNs"] == MS
+    rows = list(csv.DictReader(io.StringIO(qelix("export", "csv", tmp_path / "merged").stdout)))
+    assert {(row["start_ns"], row["end_ns"]) for row in rows} == {(str(50_000 * MS), str(50_001 * MS))}
+    inside = qelix("export", "csv", tmp_path / "merged", "--time", "0ms..1ms").stdout
+    assert len(inside.splitlines()) == 3
+    threads = json.loads(qelix("threads", tmp_path / "merged", "--json", "--time", "500us..1ms").stdout)["rows"]
+    assert [(row["wallNs"], row["sleep"]) for row in threads] == [(MS // 2, 1)] * 2
 
 
 def test_a_merge_says_what_cannot_be_believed(tmp_path):

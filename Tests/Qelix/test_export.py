@@ -7,6 +7,7 @@ import json
 import os
 import pathlib
 import pty
+import re
 import shutil
 import sqlite3
 import struct
@@ -21,6 +22,7 @@ from conftest import QELIX, SUBJECT, qelix
 
 DEFINITIONS = pathlib.Path(__file__).parent / "Export"
 BINARY = ["pprof", "perfetto", "sqlite"]
+REALTIME, MONOTONIC = 1, 3  # as Linux numbers its clocks for Perfetto
 TEXT = ["folded", "speedscope", "chrome", "firefox", "csv", "json"]
 
 
@@ -33,6 +35,10 @@ def recorded(tmp_path_factory):
     assert result.returncode == 0, result.stderr
     assert truth.samples_of(session) and any(call.end is None for call in truth.calls_of(session))
     return session
+
+
+def start_of(session):
+    return json.loads((session / "session.json").read_text())["start"]
 
 
 def export(name, session, *options, status=0):
@@ -80,6 +86,31 @@ def test_json_lines(recorded):
     assert all(line["thread"] == names[line["pid"], line["tid"]] for line in lines)
     assert {"pthread_create", "pthread_join", "pthread_mutex_lock"} <= {call["function"] for call in calls}
     assert any(sample["frames"][-2:] == ["Work", "WorkSixty"] for sample in samples)
+
+
+def test_locks_in_variables_go_by_their_names(recorded, tmp_path):
+    def counted(calls, name_of):
+        return {name: sum(1 for call in calls if name_of(call) == name) for name in map(name_of, calls) if name}
+
+    rows = list(csv.DictReader(io.StringIO(export("csv", recorded).decode())))
+    named = counted(rows, lambda row: row["object_name"])
+    assert named["g_mutex"] >= 2 and named["g_isHeld"] == 2
+    assert all(row["object"] for row in rows if row["object_name"])
+    lines = [json.loads(line) for line in export("json", recorded).splitlines()]
+    assert counted(lines, lambda line: line.get("objectName")) == named
+    chrome = json.loads(export("chrome", recorded))["traceEvents"]
+    assert counted(chrome, lambda event: event.get("args", {}).get("objectName")) == named
+    path = tmp_path / "session.db"
+    export("sqlite", recorded, "-o", path)
+    query = "select object_name, count(*) from call_list where object_name is not null group by 1"
+    assert dict(sqlite3.connect(path).execute(query)) == named
+    firefox = json.loads(export("firefox", recorded))["threads"]
+    assert counted([data for thread in firefox for data in thread["markers"]["data"]],
+                   lambda data: data["objectName"]) == named
+    packets = decoded("trace.proto", "perfetto.protos.Trace", export("perfetto", recorded))["packet"]
+    facts = [fact for packet in packets for event in packet.get("track_event", [])
+             for fact in event.get("debug_annotations", [])]
+    assert counted(facts, lambda fact: fact.get("string_value", [None])[0]) == named
 
 
 def test_speedscope(recorded, tmp_path):
@@ -146,6 +177,40 @@ def test_pprof(recorded):
     assert +innermost == folded
 
 
+def legacy_profile_of(data):
+    """The names by address, the period, and the stacks of the older profile."""
+    text, binary = data.split(b"--- profile\n")
+    names = dict(re.findall(r"^0x0*([0-9a-f]+) (.+)$", text.decode(), re.MULTILINE))
+    words = struct.unpack(f"<{len(binary) // 8}Q", binary)
+    assert words[:3] == (0, 3, 0) and words[4] == 0 and words[-3:] == (0, 1, 0)
+    stacks, at = Counter(), 5
+    while at < len(words) - 3:
+        count, depth = words[at:at + 2]
+        stacks[tuple(names[f"{pc:x}"] for pc in words[at + 2:at + 2 + depth])] += count
+        at += 2 + depth
+    return words[3], stacks
+
+
+def test_the_older_pprof(recorded):
+    period, stacks = legacy_profile_of(export("pprof", recorded, "--legacy"))
+    assert period == json.loads((recorded / "session.json").read_text())["tickNs"] // 1000
+    assert sum(stacks.values()) == len(truth.samples_of(recorded))
+    assert any(stack[:2] == ("WorkSixty", "Work") for stack in stacks)
+    assert "--legacy is for pprof" in qelix("export", "csv", recorded, "--legacy").stderr
+
+
+@pytest.mark.skipif(shutil.which("google-pprof") is None, reason="google-perftools is not here")
+def test_the_older_pprof_in_the_tool_itself(recorded, tmp_path):
+    path = tmp_path / "session.prof"
+    export("pprof", recorded, "--legacy", "-o", path)
+    top = subprocess.run(["google-pprof", "--text", path], capture_output=True, text=True, timeout=60)
+    assert top.returncode == 0, top.stderr
+    assert f"Total: {len(truth.samples_of(recorded))} samples" in top.stdout
+    _, stacks = legacy_profile_of(path.read_bytes())
+    rows = {line.split()[-1]: int(line.split()[0]) for line in top.stdout.splitlines()[1:]}
+    assert rows["WorkSixty"] == sum(count for stack, count in stacks.items() if stack[0] == "WorkSixty") > 0
+
+
 @pytest.mark.skipif(shutil.which("go") is None, reason="the Go tools, with their pprof, are not here")
 def test_pprof_in_the_tool_itself(recorded, tmp_path):
     path = tmp_path / "session.pb.gz"
@@ -180,6 +245,11 @@ def test_chrome_trace(recorded, tmp_path):
 def test_perfetto(recorded):
     packets = decoded("trace.proto", "perfetto.protos.Trace", export("perfetto", recorded))["packet"]
     assert packets[0]["sequence_flags"] == [1], "what comes before would not count"
+    assert packets[0]["trace_packet_defaults"][0]["timestamp_clock_id"] == [MONOTONIC]
+    snapshot, started = packets[0]["clock_snapshot"][0], start_of(recorded)
+    assert snapshot["primary_trace_clock"] == [MONOTONIC]
+    assert {clock["clock_id"][0]: clock["timestamp"][0] for clock in snapshot["clocks"]} == \
+        {MONOTONIC: started["monotonicNs"], REALTIME: started["realtimeNs"]}
     tracks, names, stacks, frames = {}, {}, set(), set()
     calls, samples, open_slices, last_at = Counter(), Counter(), {}, {}
     for packet in packets:
@@ -214,6 +284,11 @@ def test_perfetto(recorded):
 def test_firefox(recorded, tmp_path):
     path = tmp_path / "session.firefox.json"
     export("firefox", recorded, "-o", path)
+    started = in_node(path, "console.log(JSON.stringify(data.meta.startTime))")
+    first = min([call.start for call in truth.calls_of(recorded)] + [s.time for s in truth.samples_of(recorded)])
+    clocks = start_of(recorded)
+    expected = (clocks["realtimeNs"] + first - clocks["monotonicNs"]) / 1e6
+    assert 0 <= expected - started < 1000, "the calendar's time of the first record, of whatever kind"
     threads = in_node(path, """
         const columns = (name, table) => {
             for (const [key, column] of Object.entries(table))

@@ -1,5 +1,6 @@
 """`qelix report` on recorded sessions whose locks and counts are known."""
 
+import json
 import re
 
 from conftest import SUBJECT, qelix, report
@@ -10,6 +11,13 @@ CLASSES = ["pthread", "sleep", "wait", "lock", "io-sync", "io", "syscall"]
 def record(session, *arguments, threshold="0"):
     result = qelix("run", "--threshold", threshold, "-o", session, "--", SUBJECT, *arguments)
     return result, report(session)
+
+
+def test_the_writers_of_the_agent_are_looked_at_while_they_live(session):
+    result = qelix("run", "-o", session, "sleep", "1")
+    facts = json.loads((session / "session.json").read_text())
+    assert facts["writerCpuNs"] > 0
+    assert "its writing threads had used" in " ".join(result.stderr.split())
 
 
 def threads_by_name(facts):

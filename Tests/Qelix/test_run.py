@@ -520,9 +520,20 @@ def test_the_code_of_an_error_file_is_explained_and_we_live_to_do_it(session):
     "arguments, code, hint, path",
     [
         (["run", "./missing"], "not-found", "check the path", "./missing"),
-        (["run", "/etc/passwd"], "cannot-trace", "check that it is a program and may be executed", "/etc/passwd"),
-        (["run", "--min", "io=soon", "true"], "failed", "say it like 500ns, 10us, 1ms, 0 or off", None),
-        (["nonsense"], "failed", None, None),
+        (["run", "/etc/passwd"], "cannot-run", "check that it is a program and may be executed", "/etc/passwd"),
+        (["run", "--min", "io=soon", "true"], "usage", "say it like 500ns, 10us, 1ms, 0 or off", None),
+        (["nonsense"], "usage", None, None),
+        (["run", "--nonsense", "true"], "usage", None, None),
+        (["run", "no-such-program"], "not-found", "check its name or give its path", "no-such-program"),
+        (["run", "-o", "/proc/nowhere", "true"], "cannot-write", "choose another with -o DIR", "/proc/nowhere/.log"),
+        (["status", "missing"], "no-session", "name a directory that qelix run has made", "missing"),
+        (["pause"], "no-session", "name a directory that qelix run has made", "qelix-last"),
+        (["threads", "missing"], "no-session", "name a directory that qelix run has made", "missing"),
+        (["export", "csv", "missing"], "no-session", "name a directory that qelix run has made", "missing"),
+        (["html", "missing"], "no-session", "name a directory that qelix run has made", "missing"),
+        (["list", "missing"], "no-session", "name one that holds sessions", "missing"),
+        (["merge", "out", "missing"], "no-session", "name a directory that qelix run or record has made", "missing"),
+        (["dump", "missing.umt"], "damaged", "check that the file exists, is a regular file and may be read", "missing.umt"),
     ],
 )
 def test_failures_can_be_read_by_machines(tmp_path, arguments, code, hint, path):

@@ -113,7 +113,7 @@ def test_a_stop_writes_the_files_while_the_program_runs_on(running, session):
     wait_for(lambda: naps(session) == 1, "the record is in the file")
     running.step()
     result = qelix("resume", session)
-    assert result.returncode == 125 and "for good" in result.stderr
+    assert result.returncode == 1 and "for good" in result.stderr
     assert "stopped" in qelix("status", session).stdout
     running.finish()
     assert naps(session) == 1
@@ -126,7 +126,7 @@ def test_a_session_is_found_by_its_process_and_as_the_newest(running, session):
     child = subprocess.run(
         [QELIX, "status", "-p", str(os.getpid())], capture_output=True, text=True, timeout=PATIENCE
     )
-    assert child.returncode == 125 and "belongs to no session" in child.stderr
+    assert child.returncode == 1 and "belongs to no session" in child.stderr
     assert "no such process" in qelix("pause", "-p", "4194304").stderr
 
 
@@ -144,7 +144,7 @@ def test_status_says_what_is_going_on(running, session):
     assert "ended with status 0" in text
     facts = json.loads(qelix("status", "--json", session).stdout)
     assert facts["state"] == "ended" and facts["records"] >= 2
-    assert qelix("pause", session).returncode == 125
+    assert qelix("pause", session).returncode == 1
 
 
 def test_status_watches_to_the_end(running, session):
@@ -159,7 +159,7 @@ def test_status_watches_to_the_end(running, session):
 def test_what_is_no_session_is_told(tmp_path):
     for command in ["status", "pause", "resume", "stop"]:
         result = qelix(command, tmp_path)
-        assert result.returncode == 125 and "is no session" in result.stderr
+        assert result.returncode == 1 and "is no session" in result.stderr
         assert "qelix-last is no session" in qelix(command, cwd=tmp_path).stderr
 
 
@@ -169,7 +169,7 @@ def test_a_session_that_names_a_strange_block_steers_nothing(running, session, n
     facts = json.loads((session / "session.json").read_text())
     facts["block"] = name
     (session / "session.json").write_text(json.dumps(facts))
-    assert qelix("stop", session).returncode == 125
+    assert qelix("stop", session).returncode == 1
     assert qelix("status", session).returncode == 0
 
 
@@ -177,7 +177,7 @@ def test_after_a_restart_nothing_is_steered(running, session):
     record = session / "session.json"
     facts = json.loads(record.read_text())
     record.write_text(json.dumps({**facts, "bootId": "another"}))
-    assert qelix("pause", session).returncode == 125
+    assert qelix("pause", session).returncode == 1
     assert running.block()[0] == 0
 
 

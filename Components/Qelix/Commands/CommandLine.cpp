@@ -142,7 +142,7 @@ void RequireCommand(const CLI::App& app, const CommandLine& line)
     {
         names.push_back(pCommand->get_name());
     }
-    throw Failure(ZORV_STATUS_OWN_FAILURE, "{}; the commands are {}: see qelix --help",
+    throw Failure(ZORV_FAILURE_USAGE, "{}; the commands are {}: see qelix --help",
                   line.m_own.empty()
                       ? "a command or a program is missing"
                       : fmt::format("there is no command and no program \"{}\"", line.m_own.front()),

@@ -2,6 +2,7 @@
 // its status becomes the command's.
 #pragma once
 
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,8 @@ class App;
 
 namespace qelix
 {
+
+struct Damage;
 
 // The program and its arguments are there when the command line has been parsed.
 void AddRunCommand(CLI::App* pApp, const std::vector<std::string>* pProgram, int* pStatus);
@@ -29,12 +32,16 @@ void AddCpuCommand(CLI::App* pApp, int* pStatus);
 void AddSymbolsCommand(CLI::App* pApp, int* pStatus);
 void AddExportCommand(CLI::App* pApp, int* pStatus);
 void AddCompareCommands(CLI::App* pApp, int* pStatus); // diff, merge, ranks
-void AddPageCommands(CLI::App* pApp, int* pStatus); // timeline, flame, html
+void AddPageCommands(CLI::App* pApp, int* pStatus);    // timeline, flame, html
 
 // Text that leaves through standard output; ends the command when nothing can be written there.
 void PrintOut(const std::string& text);
 
 // One line of ours on standard error.
 void PrintNote(const std::string& text);
+
+// The same of a failure, in the form that --errors asks for.
+void PrintFailure(const std::exception& failure);
+void PrintDamage(const Damage& damage);
 
 } // namespace qelix

@@ -30,7 +30,7 @@ void RequireTreeOrder(const CpuOptions& options)
 {
     if (options.m_isTree && !options.m_table.m_sort.empty())
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "--sort would take the tree apart; leave it or --tree out");
+        throw Failure(ZORV_FAILURE_USAGE, "--sort would take the tree apart; leave it or --tree out");
     }
 }
 
@@ -71,9 +71,10 @@ int Cpu(CpuOptions options)
                                                   view);
     if (SampleCount(session) == 0)
     {
-        throw Failure(ZORV_STATUS_DAMAGED,
+        throw Failure(ZORV_FAILURE_NO_DATA,
                       "{} has no samples of what was asked for; record with qelix run, and leave filters out",
-                      directory);
+                      directory)
+            .At(directory);
     }
     if (options.m_isTree && !options.m_table.m_rows)
     {

@@ -61,7 +61,7 @@ bool DumpFile(const std::string& path, const DumpForm& form, Symbolizer* pSymbol
     }
     if (pFile->m_damage)
     {
-        PrintNote(DamageMessage(*pFile->m_damage));
+        PrintDamage(*pFile->m_damage);
     }
     return !pFile->m_damage.has_value();
 }

@@ -101,7 +101,7 @@ std::string ContainerText(const EnvSession& session)
 
 [[noreturn]] void ThrowCannotGive(const std::string& what, const std::string& user, int error)
 {
-    throw Failure(ZORV_STATUS_OWN_FAILURE, "cannot give {} to the user {}: {}; run qelix env as root", what,
+    throw Failure(ZORV_FAILURE_CANNOT_START, "cannot give {} to the user {}: {}; run qelix env as root", what,
                   user, strerror(error))
         .At(what);
 }
@@ -112,7 +112,7 @@ void GiveToUser(const EnvSession& session, const std::string& user)
     const passwd* pEntry = getpwnam(user.c_str());
     if (pEntry == nullptr)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "--user {}: there is no such user; check the name", user);
+        throw Failure(ZORV_FAILURE_USAGE, "--user {}: there is no such user; check the name", user);
     }
     std::vector<std::string> paths = {session.m_path, "/dev/shm" + session.m_blockName};
     for (const fs::directory_entry& entry : fs::directory_iterator(session.m_path))
@@ -156,9 +156,10 @@ void FillSession(const EnvOptions& options, const RunPlan& plan, const SessionDi
     record.m_start = ReadClocks();
     if (!WriteSessionRecord(directory.m_path, record))
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE,
+        throw Failure(ZORV_FAILURE_CANNOT_WRITE,
                       "cannot write {}; make room or choose another directory with -o DIR",
-                      RecordFilePath(directory.m_path));
+                      RecordFilePath(directory.m_path))
+            .At(RecordFilePath(directory.m_path));
     }
     if (!options.m_user.empty())
     {

@@ -39,6 +39,9 @@ constexpr ExportFormat g_formats[] = {
     {"json", "a JSON object a line", true, false, ZORV_COMPRESS_NONE, WriteJsonLines},
 };
 
+constexpr ExportFormat g_legacyPprof = {"pprof", "older profile",    false,
+                                        true,    ZORV_COMPRESS_NONE, WritePprofLegacy};
+
 struct ExportOptions
 {
     std::string m_first;  // FORMAT, or DIR when the format was given by its option
@@ -48,6 +51,7 @@ struct ExportOptions
     std::string m_compress;
     std::string m_table = "calls";
     bool m_isPartitioned = false;
+    bool m_isLegacy = false;
     bool m_withAgentFrames = false;
     FilterOptions m_filter;
 };
@@ -63,8 +67,17 @@ const ExportFormat& FormatOf(const std::string& name)
         }
         known.emplace_back(format.m_pName);
     }
-    throw Failure(ZORV_STATUS_OWN_FAILURE, "there is no format \"{}\"; the formats are {}", name,
+    throw Failure(ZORV_FAILURE_USAGE, "there is no format \"{}\"; the formats are {}", name,
                   fmt::join(known, ", "));
+}
+
+const ExportFormat& FormOf(const ExportFormat& format, const ExportOptions& options)
+{
+    if (options.m_isLegacy && format.m_write != WritePprof)
+    {
+        throw Failure(ZORV_FAILURE_USAGE, "--legacy is for pprof; leave it out");
+    }
+    return options.m_isLegacy ? g_legacyPprof : format;
 }
 
 Compression CompressionOf(const ExportOptions& options, const ExportFormat& format)
@@ -88,7 +101,7 @@ void RequireFile(const ExportOptions& options, const char* pWhat)
 {
     if (options.m_file.empty())
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "{} cannot go to standard output; add -o FILE", pWhat);
+        throw Failure(ZORV_FAILURE_USAGE, "{} cannot go to standard output; add -o FILE", pWhat);
     }
 }
 
@@ -98,7 +111,7 @@ void CheckOptions(const ExportOptions& options, const ExportFormat& format)
     const bool isCsv = options.m_isPartitioned && std::string(format.m_pName) == "csv";
     if (options.m_isPartitioned && !isCsv)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "only csv can be partitioned");
+        throw Failure(ZORV_FAILURE_USAGE, "only csv can be partitioned");
     }
     if (isCsv || std::string(format.m_pName) == "sqlite")
     {
@@ -107,12 +120,13 @@ void CheckOptions(const ExportOptions& options, const ExportFormat& format)
     std::error_code error;
     if (isCsv && std::filesystem::exists(options.m_file, error))
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "{} exists; name a folder that does not, in -o", options.m_file);
+        throw Failure(ZORV_FAILURE_EXISTS, "{} exists; name a folder that does not, in -o", options.m_file)
+            .At(options.m_file);
     }
     const bool isText = format.m_isText && CompressionOf(options, format) == ZORV_COMPRESS_NONE;
     if (options.m_file.empty() && !isText && isatty(STDOUT_FILENO) != 0)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "{} is binary and would garble the terminal; add -o FILE",
+        throw Failure(ZORV_FAILURE_USAGE, "{} is binary and would garble the terminal; add -o FILE",
                       format.m_pName);
     }
 }
@@ -131,13 +145,16 @@ void RequireRecords(const SessionStream& stream, const ExportFormat& format)
     }
     if (samples == 0 && format.m_needsSamples)
     {
-        throw Failure(ZORV_STATUS_DAMAGED, "{} has no samples to export; record with qelix run --sample",
-                      stream.m_survey.m_path);
+        throw Failure(ZORV_FAILURE_NO_DATA, "{} has no samples to export; record with qelix run",
+                      stream.m_survey.m_path)
+            .At(stream.m_survey.m_path);
     }
     if (samples == 0 && calls == 0)
     {
-        throw Failure(ZORV_STATUS_DAMAGED, "{} has no records of the processes and threads that were asked for",
-                      stream.m_survey.m_path);
+        throw Failure(ZORV_FAILURE_NO_DATA,
+                      "{} has no records of the processes and threads that were asked for",
+                      stream.m_survey.m_path)
+            .At(stream.m_survey.m_path);
     }
 }
 
@@ -176,17 +193,17 @@ int Export(const ExportOptions& options)
     const bool isNamed = !options.m_to.empty();
     if ((options.m_first.empty() && !isNamed) || (isNamed && !options.m_second.empty()))
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "say what to export, and as what: qelix export FORMAT DIR");
+        throw Failure(ZORV_FAILURE_USAGE, "say what to export, and as what: qelix export FORMAT DIR");
     }
     const std::string session = SessionOr(isNamed ? options.m_first : options.m_second);
-    const ExportFormat& format = FormatOf(isNamed ? options.m_to : options.m_first);
+    const ExportFormat& format = FormOf(FormatOf(isNamed ? options.m_to : options.m_first), options);
     CheckOptions(options, format);
     const auto pStream = OpenStream(session, ExportFilterOf(options.m_filter), options.m_withAgentFrames);
     RequireRecords(*pStream, format);
     Write(pStream.get(), options, format);
     for (const Damage& damage : pStream->m_survey.m_damages)
     {
-        PrintNote(DamageMessage(damage));
+        PrintDamage(damage);
     }
     return pStream->m_survey.m_damages.empty() ? 0 : ZORV_STATUS_DAMAGED;
 }
@@ -209,8 +226,7 @@ void AddExportCommand(CLI::App* pApp, int* pStatus)
     CLI::App* pExport =
         pApp->add_subcommand("export", "Hand what a session holds to other tools, in a form that they read");
     pExport->add_option("FORMAT", pOptions->m_first, "One of those below")->type_name("");
-    pExport->add_option("DIR", pOptions->m_second, "Session directory, as qelix run has made it")
-        ->type_name("");
+    pExport->add_option("DIR", pOptions->m_second, "Session directory (qelix-last)")->type_name("");
     pExport->add_option("--to", pOptions->m_to, "The format, when it does not stand before DIR")
         ->type_name("FORMAT");
     pExport->add_option("-o,--output", pOptions->m_file, "Where to; standard output without it")
@@ -225,6 +241,8 @@ void AddExportCommand(CLI::App* pApp, int* pStatus)
         ->type_name("NAME");
     pExport->add_flag("--partition", pOptions->m_isPartitioned,
                       "Of csv: a folder of all tables, compressed, a file for each process under rank=N");
+    pExport->add_flag("--legacy", pOptions->m_isLegacy,
+                      "Of pprof: the older form, which google-pprof reads; samples only");
     AddFilterOptions(pExport, &pOptions->m_filter);
     pExport->get_option("--class")->description("Classes of calls: pthread, sleep, ...; cpu are the samples");
     pExport->add_flag("--agent-frames", pOptions->m_withAgentFrames,

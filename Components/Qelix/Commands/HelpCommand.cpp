@@ -23,7 +23,7 @@ std::string HelpOf(CLI::App* pApp, const std::string& command)
     const CLI::App* pCommand = FindCommand(*pApp, command);
     if (pCommand == nullptr)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "there is no command \"{}\"; see qelix --help", command);
+        throw Failure(ZORV_FAILURE_USAGE, "there is no command \"{}\"; see qelix --help", command);
     }
     return pCommand->help("qelix");
 }

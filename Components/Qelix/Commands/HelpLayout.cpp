@@ -1,5 +1,7 @@
 #include "Commands/HelpLayout.h"
 
+#include "Commands/CommandLine.h"
+
 #include <CLI/CLI.hpp>
 #include <sstream>
 
@@ -32,11 +34,37 @@ struct Layout : CLI::Formatter
     Layout()
     {
         column_width(ZORV_NAME_COLUMNS);
+        label("SUBCOMMAND", "COMMAND");
     }
 
     std::string make_option_desc(const CLI::Option* pOption) const override
     {
         return Wrapped(CLI::Formatter::make_option_desc(pOption), ZORV_COLUMNS - ZORV_NAME_COLUMNS);
+    }
+
+    // The form of the value alone: what excludes what is told by whoever tries.
+    std::string make_option_opts(const CLI::Option* pOption) const override
+    {
+        const std::string type = pOption->get_type_name();
+        const std::string form = type.substr(0, type.find(':'));
+        return form.empty() ? "" : (form.front() == '=' ? "" : " ") + form;
+    }
+
+    std::string make_usage(const CLI::App* pApp, std::string name) const override
+    {
+        std::string usage = CLI::Formatter::make_usage(pApp, std::move(name));
+        if (IsRunner(*pApp))
+        {
+            usage.insert(usage.find_last_not_of('\n') + 1, " PROGRAM ARGS...");
+        }
+        return usage;
+    }
+
+    std::string make_option_usage(const CLI::Option* pOption) const override
+    {
+        const std::string name =
+            make_option_name(pOption, true) + (pOption->get_items_expected_max() > 1 ? "..." : "");
+        return pOption->get_required() ? name : "[" + name + "]";
     }
 
     std::string make_subcommand(const CLI::App* pCommand) const override

@@ -169,7 +169,7 @@ int List(const ListOptions& options)
     std::error_code error;
     if (!fs::is_directory(options.m_directory, error))
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "{} is no directory; name one that holds sessions",
+        throw Failure(ZORV_FAILURE_NO_SESSION, "{} is no directory; name one that holds sessions",
                       options.m_directory)
             .At(options.m_directory);
     }

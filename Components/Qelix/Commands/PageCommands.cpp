@@ -1,4 +1,5 @@
 #include "Commands/Commands.h"
+#include "Commands/ViewOptions.h"
 #include "Pages/PageFile.h"
 #include "Pages/Pages.h"
 #include "Session/Failure.h"
@@ -33,12 +34,12 @@ struct PageOptions
 
 int WriteOnePage(const PageForm& form, const PageOptions& options)
 {
-    const SessionFacts session = ReadSessionFacts(
-        options.m_session, {.m_withStacks = true, .m_withAgentFrames = options.m_withAgentFrames},
-        {.m_locksKept = ZORV_PAGE_LOCKS});
-    const std::string path = options.m_output.empty()
-                                 ? fmt::format("{}/qelix-{}.html", options.m_session, form.m_pName)
-                                 : options.m_output;
+    const std::string directory = SessionOr(options.m_session);
+    const SessionFacts session =
+        ReadSessionFacts(directory, {.m_withStacks = true, .m_withAgentFrames = options.m_withAgentFrames},
+                         {.m_locksKept = ZORV_PAGE_LOCKS});
+    const std::string path =
+        options.m_output.empty() ? fmt::format("{}/qelix-{}.html", directory, form.m_pName) : options.m_output;
     WritePage(path, form.m_make(session));
     PrintOut(path + "\n");
     return IsDamaged(session) ? ZORV_STATUS_DAMAGED : 0;
@@ -48,9 +49,7 @@ void AddPageCommand(CLI::App* pApp, const PageForm& form, int* pStatus)
 {
     const auto pOptions = std::make_shared<PageOptions>();
     CLI::App* pPage = pApp->add_subcommand(form.m_pName, form.m_pDescription);
-    pPage->add_option("DIR", pOptions->m_session, "Session directory, as qelix run has made it")
-        ->required()
-        ->type_name("");
+    pPage->add_option("DIR", pOptions->m_session, "Session directory (qelix-last)")->type_name("");
     pPage
         ->add_option("-o,--output", pOptions->m_output,
                      fmt::format("Where the page goes; qelix-{}.html in DIR without", form.m_pName))

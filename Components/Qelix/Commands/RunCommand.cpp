@@ -85,6 +85,10 @@ void RunUnderAgent(const RunOptions& options, const RunPlan& plan, const Session
         WaitForProgram(pRecord->m_programPid, guard, [&overseer] { return Oversee(&overseer); });
     pRecord->m_end = ReadClocks();
     pRecord->m_isBudgetReached = overseer.m_isBudgetReached;
+    if (!overseer.m_writers.empty())
+    {
+        pRecord->m_writerCpuNs = SumOf(overseer.m_writers);
+    }
     pRecord->m_parentOf = watch.Finish();
     LeaveToProcesses(session.m_path, &block, &standIn);
 }
@@ -141,7 +145,7 @@ bool FinishSession(const std::string& sessionPath, SessionRecord* pRecord, bool 
     }
     catch (const std::exception& failure)
     {
-        PrintNote(failure.what());
+        PrintFailure(failure);
         return false;
     }
 }
@@ -150,7 +154,7 @@ RunPlan PlanOf(const RunOptions& options)
 {
     if (options.m_command.empty())
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "no program to run; say: qelix run PROGRAM ARGS...");
+        throw Failure(ZORV_FAILURE_USAGE, "no program to run; say: qelix run PROGRAM ARGS...");
     }
     RunPlan plan = PlanRecording(options);
     plan.m_program = FindProgram(options.m_command.front());
@@ -234,15 +238,14 @@ void AddRunner(CLI::App* pCommand, const std::vector<std::string>* pProgram, int
 void AddRunCommand(CLI::App* pApp, const std::vector<std::string>* pProgram, int* pStatus)
 {
     CLI::App* pRun = pApp->add_subcommand(
-        "run", "Run a program and report where its threads waited and burnt CPU: qelix run "
-               "[OPTIONS] PROGRAM ARGS..., or qelix PROGRAM ARGS...");
+        "run",
+        "Run a program and report where its threads waited and burnt CPU; bare qelix PROGRAM means the same");
     AddRunner(pRun, pProgram, pStatus, true);
 }
 
 void AddRecordCommand(CLI::App* pApp, const std::vector<std::string>* pProgram, int* pStatus)
 {
-    CLI::App* pRecord =
-        pApp->add_subcommand("record", "The same without the report: qelix record [OPTIONS] PROGRAM ARGS...");
+    CLI::App* pRecord = pApp->add_subcommand("record", "The same without the report");
     AddRunner(pRecord, pProgram, pStatus, false);
 }
 

@@ -54,7 +54,7 @@ int CheckedSignal(int signal)
     if (!isKnown || signal == SIGKILL || signal == SIGSTOP)
     {
         throw Failure(
-            ZORV_STATUS_OWN_FAILURE,
+            ZORV_FAILURE_USAGE,
             "--signal {}: no handler can be set up for it; choose one from {} to {} that the program leaves "
             "alone",
             signal, SIGRTMIN, SIGRTMAX);
@@ -83,12 +83,12 @@ uint64_t IntervalOf(const RunOptions& options, uint64_t tickNs)
     const std::optional<uint64_t> interval = AskedInterval(options);
     if (!interval || *interval == 0)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "{}: that is no interval; say it like 4ms or 500us", asked);
+        throw Failure(ZORV_FAILURE_USAGE, "{}: that is no interval; say it like 4ms or 500us", asked);
     }
     if (*interval < tickNs && !options.m_isForced)
     {
         throw Failure(
-            ZORV_STATUS_OWN_FAILURE,
+            ZORV_FAILURE_USAGE,
             "{}: CPU-time timers fire on the kernel's tick, every {}, so a shorter interval gives no more "
             "samples; leave it out, or add --force",
             asked, DurationText(tickNs));
@@ -106,10 +106,11 @@ std::vector<uint64_t> EventsOf(const RunOptions& options)
     if (!HasCounters(folder) && !options.m_isForced)
     {
         throw Failure(
-            ZORV_STATUS_OWN_FAILURE,
+            ZORV_FAILURE_CANNOT_START,
             "--events: this machine gives no access to its processor's counters (there is no {}), and with "
             "them there would be no samples; leave --events out",
-            folder);
+            folder)
+            .At(folder);
     }
     return ParseEvents(options.m_events, folder);
 }
@@ -123,7 +124,7 @@ void RefuseSampleOptions(const RunOptions& options)
                                                         : nullptr;
     if (pOption != nullptr)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "{} is for samples; leave it or --no-sample out", pOption);
+        throw Failure(ZORV_FAILURE_USAGE, "{} is for samples; leave it or --no-sample out", pOption);
     }
 }
 
@@ -234,7 +235,7 @@ Thresholds ThresholdsOf(const RunOptions& options)
     const Thresholds thresholds = ApplyMinimums(start, options.m_minimums);
     if (!IsAnyClassOn(thresholds) && options.m_isNotSampled)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE,
+        throw Failure(ZORV_FAILURE_USAGE,
                       "every class is off and nothing is sampled: there would be nothing to "
                       "report; leave a class on, or leave --no-sample out");
     }
@@ -272,7 +273,7 @@ std::optional<uint64_t> DurationOf(const RunOptions& options)
     const std::optional<uint64_t> duration = ParseDuration(options.m_duration);
     if (!duration || *duration == 0)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "--duration {}: that is no time; say it like 500ms, 30s or 5m",
+        throw Failure(ZORV_FAILURE_USAGE, "--duration {}: that is no time; say it like 500ms, 30s or 5m",
                       options.m_duration);
     }
     return duration;
@@ -287,7 +288,7 @@ std::optional<uint64_t> BudgetOf(const RunOptions& options)
     const std::optional<uint64_t> budget = ParseSize(options.m_budget);
     if (!budget || *budget == 0)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "--budget {}: that is no size; say it like 500M or 2G",
+        throw Failure(ZORV_FAILURE_USAGE, "--budget {}: that is no size; say it like 500M or 2G",
                       options.m_budget);
     }
     return budget;

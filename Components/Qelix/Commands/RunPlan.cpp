@@ -21,7 +21,7 @@ RunPlan PlanRecording(const RunOptions& options)
     if (!plan.m_sampling && !IsAnyClassOn(plan.m_thresholds))
     {
         throw Failure(
-            ZORV_STATUS_OWN_FAILURE,
+            ZORV_FAILURE_USAGE,
             "without samples and with every class off there would be nothing to record; leave a class on");
     }
     plan.m_durationNs = DurationOf(options);

@@ -58,13 +58,26 @@ constexpr SteerVerb g_verbs[] = {
      StopCollection, ZORV_COLLECTION_STOPPED, "stopped", "is stopped already"},
 };
 
+CollectionState Act(const SteerVerb& verb, const SessionTarget& session)
+{
+    try
+    {
+        return verb.m_act(session.m_blockName);
+    }
+    catch (Failure& failure)
+    {
+        failure.m_path = session.m_path;
+        throw;
+    }
+}
+
 int Steer(const SteerVerb& verb, const TargetOptions& options)
 {
     const SessionTarget session = FindSession(options.m_directory, options.m_pid);
-    const CollectionState before = verb.m_act(session.m_blockName);
+    const CollectionState before = Act(verb, session);
     if (before == ZORV_COLLECTION_STOPPED && verb.m_done != ZORV_COLLECTION_STOPPED)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE,
+        throw Failure(ZORV_FAILURE_NOT_RUNNING,
                       "the recording of {} has been stopped, for good; start the program anew to record it",
                       session.m_path)
             .At(session.m_path);

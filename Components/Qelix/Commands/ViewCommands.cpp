@@ -16,7 +16,8 @@ namespace
 
 struct ViewOptions
 {
-    std::vector<std::string> m_words; // a directory, and what the view is asked for
+    std::string m_directory;
+    std::string m_lock; // the one that is asked for
     FilterOptions m_filter;
     TableOptions m_table;
 };
@@ -55,28 +56,28 @@ bool IsSession(const std::string& word)
 }
 
 // "DIR NAME", "DIR", or "NAME" of a lock in the newest session here.
-std::string TakeDirectory(std::vector<std::string>* pWords, bool hasName)
+void TellNameFromDirectory(ViewOptions* pOptions)
 {
-    if (pWords->empty() || (hasName && pWords->size() == 1 && !IsSession(pWords->front())))
+    const std::string& word = pOptions->m_directory;
+    if (pOptions->m_lock.empty() && word.find('/') == std::string::npos && !IsSession(word))
     {
-        return SessionOr("");
+        pOptions->m_lock.swap(pOptions->m_directory);
     }
-    std::string directory = pWords->front();
-    pWords->erase(pWords->begin());
-    return directory;
 }
 
 int View(const ViewForm& form, ViewOptions options)
 {
-    const bool hasName = form.m_pName == ZORV_LOCKS;
-    const std::string directory = TakeDirectory(&options.m_words, hasName);
+    if (form.m_pName == ZORV_LOCKS)
+    {
+        TellNameFromDirectory(&options);
+    }
     SessionView view;
     view.m_filter = FilterOf(options.m_filter);
     view.m_locksKept = SIZE_MAX;
     view.m_isWithoutSamples =
         form.m_view != ThreadsView; // names for stacks cost time, and no other view has any
-    const SessionFacts session = ReadSessionFacts(directory, {}, view);
-    PrintTable(options.m_words.empty() ? form.m_view(session) : LockView(session, options.m_words.front()),
+    const SessionFacts session = ReadSessionFacts(SessionOr(options.m_directory), {}, view);
+    PrintTable(options.m_lock.empty() ? form.m_view(session) : LockView(session, options.m_lock),
                options.m_table);
     return IsDamaged(session) ? ZORV_STATUS_DAMAGED : 0;
 }
@@ -89,13 +90,12 @@ void AddViewCommands(CLI::App* pApp, int* pStatus)
     {
         const auto pOptions = std::make_shared<ViewOptions>();
         CLI::App* pView = pApp->add_subcommand(form.m_pName, form.m_pHelp);
-        const bool hasName = form.m_pName == ZORV_LOCKS;
-        pView
-            ->add_option("DIR", pOptions->m_words,
-                         hasName ? "Session directory (qelix-last), and a lock's name, pattern or address"
-                                 : "Session directory (qelix-last)")
-            ->expected(0, hasName ? 2 : 1)
-            ->type_name("");
+        pView->add_option("DIR", pOptions->m_directory, "Session directory (qelix-last)")->type_name("");
+        if (form.m_pName == ZORV_LOCKS)
+        {
+            pView->add_option("NAME", pOptions->m_lock, "A lock's name, pattern (* and ?) or address")
+                ->type_name("");
+        }
         AddFilterOptions(pView, &pOptions->m_filter);
         AddTableOptions(pView, &pOptions->m_table);
         pView->callback([&form, pOptions, pStatus] { *pStatus = View(form, *pOptions); });

@@ -27,8 +27,7 @@ TraceClass ClassNamed(const std::string& name)
         }
         names += (i == 0 ? "" : ", ") + std::string(TraceClassName(traceClass));
     }
-    throw Failure(ZORV_STATUS_OWN_FAILURE, "--class: there is no class \"{}\"; the classes are {}", name,
-                  names);
+    throw Failure(ZORV_FAILURE_USAGE, "--class: there is no class \"{}\"; the classes are {}", name, names);
 }
 
 std::optional<uint64_t> EdgeIn(const std::string& edge, const std::string& whole)
@@ -36,7 +35,7 @@ std::optional<uint64_t> EdgeIn(const std::string& edge, const std::string& whole
     const std::optional<uint64_t> time = ParseDuration(edge);
     if (!edge.empty() && !time)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE,
+        throw Failure(ZORV_FAILURE_USAGE,
                       "--time: \"{}\" is no time in \"{}\"; say, for example, 1.5s..2s as 1500ms..2s", edge,
                       whole);
     }
@@ -48,7 +47,7 @@ void SetTimes(RecordFilter* pFilter, const std::string& text)
     const std::size_t dots = text.find("..");
     if (dots == std::string::npos)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE,
+        throw Failure(ZORV_FAILURE_USAGE,
                       "--time: \"{}\" is no span of time; say FROM..TO, such as 500ms..2s, 10s.. or ..1s",
                       text);
     }
@@ -56,7 +55,7 @@ void SetTimes(RecordFilter* pFilter, const std::string& text)
     pFilter->m_to = EdgeIn(text.substr(dots + 2), text);
     if (pFilter->m_from && pFilter->m_to && *pFilter->m_from >= *pFilter->m_to)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "--time: \"{}\" ends before it begins", text);
+        throw Failure(ZORV_FAILURE_USAGE, "--time: \"{}\" ends before it begins", text);
     }
 }
 

@@ -25,10 +25,10 @@ Measure MeasureOfCalls(const CallFacts& facts)
 }
 
 // Samples are counts: the variance of a count is the count.
-Measure MeasureOfSamples(uint64_t samples, double period)
+Measure MeasureOfSamples(uint64_t samples, double ns)
 {
-    const auto count = static_cast<double>(samples);
-    return {count * period, count * period * period, period * period, samples};
+    const double period = ns / static_cast<double>(std::max<uint64_t>(samples, 1));
+    return {ns, ns * period, period * period, samples};
 }
 
 void Add(Measures* pMeasures, const MeasureKey& key, const Measure& more)
@@ -42,15 +42,12 @@ void Add(Measures* pMeasures, const MeasureKey& key, const Measure& more)
 
 void AddFunctions(Measures* pMeasures, const SessionFacts& session)
 {
-    const uint64_t samples = SampleCount(session);
-    const double period =
-        static_cast<double>(SampledNs(session, samples)) / static_cast<double>(std::max<uint64_t>(samples, 1));
-    Add(pMeasures, {"cpu", "(all)", ""}, MeasureOfSamples(samples, period));
+    Add(pMeasures, {"cpu", "(all)", ""}, MeasureOfSamples(SampleCount(session), SampledNs(session)));
     for (const auto& [id, count] : FunctionsOf(session))
     {
         const Function& function = session.m_pSymbolizer->m_functions[id];
         Add(pMeasures, {"function", function.m_name, ModuleName(function.m_module)},
-            MeasureOfSamples(count.m_self, period));
+            MeasureOfSamples(count.m_self, count.m_selfNs));
     }
 }
 
@@ -92,7 +89,7 @@ void Scale(Measure* pMeasure, double whole)
 void MakeShares(Measures* pMeasures, const SessionFacts& session)
 {
     const auto threadTime = static_cast<double>(TotalsOf(session).m_threadNs);
-    const auto cpuTime = static_cast<double>(SampledNs(session, SampleCount(session)));
+    const auto cpuTime = SampledNs(session);
     for (auto& [key, measure] : *pMeasures)
     {
         Scale(&measure, key.m_kind == "function" ? cpuTime : threadTime);

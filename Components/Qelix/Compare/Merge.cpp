@@ -109,8 +109,9 @@ void LinkOrCopy(const fs::path& from, const fs::path& to)
     }
     if (error)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "cannot copy {} to {}: {}; choose a directory with room for it",
-                      from.string(), to.string(), error.message())
+        throw Failure(ZORV_FAILURE_CANNOT_WRITE,
+                      "cannot copy {} to {}: {}; choose a directory with room for it", from.string(),
+                      to.string(), error.message())
             .At(to.string());
     }
 }
@@ -175,7 +176,7 @@ void WriteText(const fs::path& path, const std::string& text)
     file.close();
     if (!file)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "{} cannot be written; choose a directory with room for it",
+        throw Failure(ZORV_FAILURE_CANNOT_WRITE, "{} cannot be written; choose a directory with room for it",
                       path.string())
             .At(path.string());
     }
@@ -259,7 +260,7 @@ std::vector<std::string> SessionsAt(const std::string& path)
     if (ranks.empty())
     {
         throw Failure(
-            ZORV_STATUS_DAMAGED,
+            ZORV_FAILURE_NO_SESSION,
             "{} is neither a session nor a job: it has no folder \"trace\" and none \"rank=N\"; name a "
             "directory that qelix run or record has made",
             path)
@@ -283,8 +284,7 @@ MergeResult MergeSessions(const std::string& out, const std::vector<std::string>
     }
     if (std::error_code error; fs::exists(out, error))
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "{} is there already; name a directory that is not", out)
-            .At(out);
+        throw Failure(ZORV_FAILURE_EXISTS, "{} is there already; name a directory that is not", out).At(out);
     }
     const NewDirectory made(out);
     MakeSessionDirectory(made.m_path);
@@ -298,7 +298,7 @@ MergeResult MergeSessions(const std::string& out, const std::vector<std::string>
               MergedRecord(parts).dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
     if (rename(made.m_path.c_str(), out.c_str()) != 0)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "cannot make {}: {}", out, strerror(errno)).At(out);
+        throw Failure(ZORV_FAILURE_CANNOT_WRITE, "cannot make {}: {}", out, strerror(errno)).At(out);
     }
     return result;
 }

@@ -53,7 +53,7 @@ void AddTop(const SessionFacts& session, RankSummary* pSummary)
     {
         if (pSummary->m_functions.size() < ZORV_RANKED_KEPT)
         {
-            pSummary->m_functions.push_back({row.m_pFunction->m_name, SampledNs(session, row.m_count.m_self)});
+            pSummary->m_functions.push_back({row.m_pFunction->m_name, WholeNs(row.m_count.m_selfNs)});
         }
     }
 }

@@ -46,6 +46,12 @@ void PutCall(EventWriter* pWriter, const SurveyedProcess& process, const Streame
     {
         text += fmt::format(R"(,"object":"{:#x}")", call.m_object);
     }
+    if (call.m_objectName != ZORV_NO_NAME)
+    {
+        text +=
+            fmt::format(R"(,"objectName":{})",
+                        JsonName(&pWriter->m_names, pWriter->m_pStream->m_names.m_names, call.m_objectName));
+    }
     PutItem(&pWriter->m_list, text + (HasReturned(call) ? "}}" : ",\"neverReturned\":true}}"));
 }
 

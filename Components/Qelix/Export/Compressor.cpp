@@ -21,7 +21,7 @@ struct GzipCompressor : Compressor
         if (deflateInit2(&m_stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, ZORV_GZIP_WINDOW, 8,
                          Z_DEFAULT_STRATEGY) != Z_OK)
         {
-            throw Failure(ZORV_STATUS_OWN_FAILURE, "there is no memory to compress with");
+            throw Failure(ZORV_FAILURE_OTHER, "there is no memory to compress with");
         }
     }
 
@@ -53,7 +53,7 @@ struct ZstdCompressor : Compressor
     {
         if (m_pStream == nullptr)
         {
-            throw Failure(ZORV_STATUS_OWN_FAILURE, "there is no memory to compress with");
+            throw Failure(ZORV_FAILURE_OTHER, "there is no memory to compress with");
         }
         ZSTD_CCtx_setParameter(m_pStream, ZSTD_c_checksumFlag, 1);
     }
@@ -74,7 +74,7 @@ struct ZstdCompressor : Compressor
                 ZSTD_compressStream2(m_pStream, &out, &in, isEnd ? ZSTD_e_end : ZSTD_e_continue);
             if (ZSTD_isError(left))
             {
-                throw Failure(ZORV_STATUS_OWN_FAILURE, "cannot compress: {}", ZSTD_getErrorName(left));
+                throw Failure(ZORV_FAILURE_OTHER, "cannot compress: {}", ZSTD_getErrorName(left));
             }
             pResult->append(m_piece.data(), out.pos);
             isMore = isEnd ? left != 0 : in.pos < in.size;

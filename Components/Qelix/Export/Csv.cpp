@@ -73,12 +73,12 @@ void WriteCalls(TableWriter* pWriter, const SurveyedProcess& process)
             names.push_back(CsvText(pStream->m_names.m_names[names.size()]));
         }
         Put(pWriter->m_pOutput,
-            fmt::format("{},{},{},{},{},{},{},{},{},{}\n", pWriter->m_heads[call.m_tid],
+            fmt::format("{},{},{},{},{},{},{},{},{},{},{}\n", pWriter->m_heads[call.m_tid],
                         TraceClassName(call.m_class), call.m_pKind->m_pName, names[call.m_name], call.m_start,
                         HasReturned(call) ? std::to_string(call.m_end) : "",
                         IsTimed(call) ? std::to_string(call.m_end - call.m_start) : "",
                         call.m_object == 0 ? "" : fmt::format("{:#x}", call.m_object), call.m_result,
-                        call.m_region));
+                        call.m_region, call.m_objectName == ZORV_NO_NAME ? "" : names[call.m_objectName]));
     };
     StreamRecords(pStream, process, {write, nullptr});
 }
@@ -124,7 +124,7 @@ void WriteSamples(TableWriter* pWriter, const SurveyedProcess& process)
 
 constexpr const char* ZORV_THREAD_COLUMNS = "pid,process,tid,thread";
 constexpr Table g_tables[] = {
-    {"calls", "class,kind,function,start_ns,end_ns,duration_ns,object,result,region", WriteCalls},
+    {"calls", "class,kind,function,start_ns,end_ns,duration_ns,object,result,region,object_name", WriteCalls},
     {"samples", "time_ns,core,function,module,source,line,stack", WriteSamples},
     {"threads", "is_main", WriteThreads},
 };

@@ -14,9 +14,10 @@ void Require(bool isDone, sqlite3* pDatabase)
     if (!isDone)
     {
         const char* pPath = pDatabase == nullptr ? nullptr : sqlite3_db_filename(pDatabase, nullptr);
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "the database {} cannot be written: {}",
+        throw Failure(ZORV_FAILURE_CANNOT_WRITE, "the database {} cannot be written: {}",
                       pPath == nullptr ? "" : pPath,
-                      pDatabase == nullptr ? "out of memory" : sqlite3_errmsg(pDatabase));
+                      pDatabase == nullptr ? "out of memory" : sqlite3_errmsg(pDatabase))
+            .At(pPath == nullptr ? "" : pPath);
     }
 }
 

@@ -20,6 +20,7 @@ std::string MarkerSchema()
     const char* pFields = R"({"key":"name","label":"Function","format":"string","searchable":true},)"
                           R"({"key":"kind","label":"Kind","format":"string","searchable":true},)"
                           R"({"key":"object","label":"Object","format":"string","searchable":true},)"
+                          R"({"key":"objectName","label":"Object name","format":"string","searchable":true},)"
                           R"({"key":"result","label":"Result","format":"integer"},)"
                           R"({"key":"returned","label":"Returned","format":"string"})";
     return fmt::format(R"([{{"name":"call","display":["marker-chart","marker-table","timeline-overview"],)"
@@ -41,17 +42,23 @@ std::string Categories()
     return text;
 }
 
+// The calendar's time, in nanoseconds since 1970, at a time of the records; 0 when the session does not tell.
+uint64_t CalendarAt(const SessionSurvey& survey, uint64_t time)
+{
+    return survey.m_clocks ? survey.m_clocks->m_realtimeNs + (time - survey.m_clocks->m_monotonicNs) : 0;
+}
+
 std::string MetaAsJson(const SessionSurvey& survey)
 {
     return fmt::format(
-        R"("meta":{{"version":{},"preprocessedProfileVersion":{},"interval":{},"startTime":0,"processType":0,)"
+        R"("meta":{{"version":{},"preprocessedProfileVersion":{},"interval":{},"startTime":{},"processType":0,)"
         R"("product":"qelix","stackwalk":1,"debug":false,"symbolicated":true,"usesOnlyOneStackType":true,)"
         R"("doesNotUseFrameImplementation":true,"sourceCodeIsNotOnSearchfox":true,)"
         R"("extensions":{{"baseURL":[],"id":[],"length":0,"name":[]}},)"
         R"("sampleUnits":{{"eventDelay":"ms","threadCPUDelta":"ns","time":"ms"}},)"
         R"("categories":[{}],"markerSchema":{}}})",
         ZORV_RAW_VERSION, ZORV_PROFILE_VERSION, Milliseconds(std::max<uint64_t>(survey.m_periodNs, 1)),
-        Categories(), MarkerSchema());
+        Milliseconds(CalendarAt(survey, survey.m_span.m_first)), Categories(), MarkerSchema());
 }
 
 void GatherSamples(ThreadTables* pTables, OrderedProcess* pOrdered, int32_t tid, uint64_t first)
@@ -69,10 +76,12 @@ void GatherSamples(ThreadTables* pTables, OrderedProcess* pOrdered, int32_t tid,
 std::string MarkerData(ThreadTables* pTables, const StreamedCall& call)
 {
     const SessionStream& stream = *pTables->m_pStream;
-    return fmt::format(R"({{"type":"call","name":{},"kind":"{}","object":"{}","result":{},"returned":"{}"}})",
-                       JsonText(stream.m_names.m_names[call.m_name]), call.m_pKind->m_pName,
-                       call.m_object != 0 ? fmt::format("{:#x}", call.m_object) : "", call.m_result,
-                       HasReturned(call) ? "yes" : "no");
+    return fmt::format(
+        R"({{"type":"call","name":{},"kind":"{}","object":"{}","objectName":{},"result":{},"returned":"{}"}})",
+        JsonText(stream.m_names.m_names[call.m_name]), call.m_pKind->m_pName,
+        call.m_object != 0 ? fmt::format("{:#x}", call.m_object) : "",
+        JsonText(NameOfObject(stream, call) != nullptr ? *NameOfObject(stream, call) : ""), call.m_result,
+        HasReturned(call) ? "yes" : "no");
 }
 
 void GatherMarkers(ThreadTables* pTables, OrderedProcess* pOrdered, int32_t tid, uint64_t first)

@@ -13,6 +13,7 @@ namespace qelix
 void WriteFolded(SessionStream* pStream, Output* pOutput);
 void WriteSpeedscope(SessionStream* pStream, Output* pOutput);
 void WritePprof(SessionStream* pStream, Output* pOutput);
+void WritePprofLegacy(SessionStream* pStream, Output* pOutput);
 void WriteChromeTrace(SessionStream* pStream, Output* pOutput);
 void WritePerfetto(SessionStream* pStream, Output* pOutput);
 void WriteFirefox(SessionStream* pStream, Output* pOutput);

@@ -58,6 +58,10 @@ std::string CallAsJson(LineWriter* pWriter, const std::string& head, const Strea
     {
         text += fmt::format(R"(,"object":"{:#x}")", call.m_object);
     }
+    if (call.m_objectName != ZORV_NO_NAME)
+    {
+        text += fmt::format(R"(,"objectName":{})", JsonName(&pWriter->m_names, names, call.m_objectName));
+    }
     return text + fmt::format(",\"result\":{},\"region\":{}}}\n", call.m_result, call.m_region);
 }
 

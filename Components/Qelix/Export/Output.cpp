@@ -20,7 +20,7 @@ constexpr mode_t ZORV_FILE_MODE = 0666; // less the umask, as for every new file
 
 [[noreturn]] void FailOutput(const std::string& path)
 {
-    throw Failure(ZORV_STATUS_OWN_FAILURE, "{} cannot be written: {}", path, strerror(errno));
+    throw Failure(ZORV_FAILURE_CANNOT_WRITE, "{} cannot be written: {}", path, strerror(errno)).At(path);
 }
 
 void WriteAll(const Output& output, std::string_view bytes)

@@ -68,6 +68,12 @@ void PutOpening(PacketWriter* pWriter, uint64_t track, const OrderedCall& call)
                   {
                       AddFact(&event, "object", 7, call.m_call.m_object);
                   }
+                  if (const std::string* pName = NameOfObject(*pWriter->m_pStream, call.m_call))
+                  {
+                      protozero::pbf_writer fact(event, 4);
+                      fact.add_string(10, "object name");
+                      fact.add_string(6, PrintableText(*pName));
+                  }
                   AddFact(&event, "result", 4, static_cast<uint64_t>(call.m_call.m_result));
                   if (!HasReturned(call.m_call))
                   {

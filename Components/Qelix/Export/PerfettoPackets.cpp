@@ -56,6 +56,25 @@ void InternFunction(PacketWriter* pWriter, protozero::pbf_writer* pData, uint32_
     frame.add_uint64(3, mapping);
 }
 
+void AddClock(protozero::pbf_writer* pSnapshot, uint32_t id, uint64_t time)
+{
+    protozero::pbf_writer clock(*pSnapshot, 1);
+    clock.add_uint32(1, id);
+    clock.add_uint64(2, time);
+}
+
+void AddClocks(protozero::pbf_writer* pPacket, const SessionSurvey& survey)
+{
+    const ClockPair clocks = survey.m_clocks.value_or(ClockPair{survey.m_span.m_first, 0});
+    protozero::pbf_writer snapshot(*pPacket, perfetto::CLOCK_SNAPSHOT);
+    AddClock(&snapshot, perfetto::CLOCK_MONOTONIC_ID, clocks.m_monotonicNs);
+    if (survey.m_clocks)
+    {
+        AddClock(&snapshot, perfetto::CLOCK_REALTIME_ID, clocks.m_realtimeNs);
+    }
+    snapshot.add_uint32(2, perfetto::CLOCK_MONOTONIC_ID); // in which the trace is shown
+}
+
 } // namespace
 
 void PutFirstPacket(PacketWriter* pWriter)
@@ -64,7 +83,9 @@ void PutFirstPacket(PacketWriter* pWriter)
         pWriter, std::nullopt,
         [pWriter](protozero::pbf_writer* pPacket)
         {
+            AddClocks(pPacket, pWriter->m_pStream->m_survey);
             protozero::pbf_writer defaults(*pPacket, perfetto::DEFAULTS);
+            defaults.add_uint32(58, perfetto::CLOCK_MONOTONIC_ID);
             protozero::pbf_writer perf(defaults, 12);
             protozero::pbf_writer timebase(perf, 1);
             timebase.add_uint64(1, pWriter->m_pStream->m_survey.m_periodNs);

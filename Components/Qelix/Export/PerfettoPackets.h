@@ -18,6 +18,7 @@ namespace qelix
 namespace perfetto
 {
 constexpr protozero::pbf_tag_type TRACE_PACKET = 1;
+constexpr protozero::pbf_tag_type CLOCK_SNAPSHOT = 6;
 constexpr protozero::pbf_tag_type TIMESTAMP = 8;
 constexpr protozero::pbf_tag_type SEQUENCE_ID = 10;
 constexpr protozero::pbf_tag_type TRACK_EVENT = 11;
@@ -30,6 +31,8 @@ constexpr protozero::pbf_tag_type PERF_SAMPLE = 66;
 constexpr int32_t SLICE_BEGIN = 1;
 constexpr int32_t SLICE_END = 2;
 constexpr int32_t MODE_USER = 2;
+constexpr uint32_t CLOCK_REALTIME_ID = 1;
+constexpr uint32_t CLOCK_MONOTONIC_ID = 3; // without a word the time since boot would be meant
 } // namespace perfetto
 
 struct PacketWriter

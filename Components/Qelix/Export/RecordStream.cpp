@@ -1,6 +1,7 @@
 #include "Export/RecordStream.h"
 
 #include "Reader/RecordFile.h"
+#include "Report/ClockShift.h"
 #include "Report/TraceFacts.h"
 
 #include <algorithm>
@@ -27,7 +28,9 @@ struct ProcessStream
     ProcessSymbols m_symbols;
     const SurveyedProcess& m_process;
     ProcessFilter m_filter;
-    std::map<CalledFunction, uint32_t> m_known; // names of functions, only while the map is stable
+    std::map<CalledFunction, uint32_t> m_known;       // names of functions, only while the map is stable
+    std::optional<std::vector<DataImage>> m_images;   // once a lock has been met
+    std::unordered_map<uint64_t, uint32_t> m_objects; // names of locks
 };
 
 uint32_t NameOfFunction(ProcessStream* pProcess, const CalledFunction& called, uint64_t time)
@@ -40,6 +43,26 @@ uint32_t NameOfFunction(ProcessStream* pProcess, const CalledFunction& called, u
     const std::string name =
         NameOfCall(&pProcess->m_symbols, *called.m_pKind, called.m_function, called.m_isNumber, time);
     return pProcess->m_known[called] = NameId(&pProcess->m_pStream->m_names, name);
+}
+
+uint32_t NameOfLock(ProcessStream* pProcess, const CallKind& kind, uint64_t address)
+{
+    if (!kind.m_isLock || address == 0)
+    {
+        return ZORV_NO_NAME;
+    }
+    const auto [at, isNew] = pProcess->m_objects.emplace(address, ZORV_NO_NAME);
+    if (isNew)
+    {
+        SessionStream* pStream = pProcess->m_pStream;
+        if (!pProcess->m_images)
+        {
+            pProcess->m_images = DataImagesOf(&pStream->m_dataFiles, pProcess->m_symbols.m_map);
+        }
+        const std::string name = DataName(*pProcess->m_images, address);
+        at->second = name.empty() ? ZORV_NO_NAME : NameId(&pStream->m_names, name);
+    }
+    return at->second;
 }
 
 bool IsWanted(const ProcessStream& process, int32_t tid, uint64_t start, uint64_t end)
@@ -62,14 +85,18 @@ struct RecordTaker
     {
         const CallKind* pKind = FindCallKind(hdr.m_recType, hdr.m_subType);
         const TraceClass traceClass = ClassOf(*pKind);
-        if (!IsWanted(*m_pProcess, traceClass) ||
-            !IsWanted(*m_pProcess, hdr.m_tid, hdr.m_startTime, hdr.m_endTime))
+        const int64_t shift = m_pProcess->m_process.m_clockShiftNs;
+        const uint64_t start = Shifted(hdr.m_startTime, shift);
+        const uint64_t end = Shifted(hdr.m_endTime, shift);
+        if (!IsWanted(*m_pProcess, traceClass) || !IsWanted(*m_pProcess, hdr.m_tid, start, end))
         {
             return;
         }
         const CalledFunction called{function, pKind, (hdr.m_flags & ZORV_UMT_FLAG_SYSCALL_ID) != 0};
+        // The process's own clock tells what lay at an address.
         m_pProcess->m_pSink->m_onCall({pKind, traceClass, NameOfFunction(m_pProcess, called, hdr.m_startTime),
-                                       hdr.m_tid, hdr.m_startTime, hdr.m_endTime, object, result, region});
+                                       hdr.m_tid, start, end, object, result, region,
+                                       NameOfLock(m_pProcess, *pKind, object)});
     }
 
     void operator()(const PthreadRecord& call) const
@@ -87,7 +114,8 @@ struct RecordTaker
     void operator()(const SampleRecord& sample) const
     {
         const ZorvUmsRecordHdr& hdr = sample.m_hdr;
-        if (!IsWanted(*m_pProcess, hdr.m_tid, hdr.m_startTime, hdr.m_startTime))
+        const uint64_t time = Shifted(hdr.m_startTime, m_pProcess->m_process.m_clockShiftNs);
+        if (!IsWanted(*m_pProcess, hdr.m_tid, time, time))
         {
             return;
         }
@@ -95,7 +123,7 @@ struct RecordTaker
         const uint32_t stack = StackId(&pStream->m_stacks, &m_pProcess->m_symbols, sample.m_callStack,
                                        hdr.m_startTime, pStream->m_withAgentFrames);
         m_pProcess->m_pSink->m_onSample(
-            {hdr.m_tid, stack, hdr.m_startTime, sample.m_body.m_parId, hdr.m_coreId, &sample.m_events});
+            {hdr.m_tid, stack, time, sample.m_body.m_parId, hdr.m_coreId, &sample.m_events});
     }
 
     template <typename T> void operator()(const T&) const {}
@@ -127,6 +155,11 @@ uint32_t NameId(NameTable* pTable, const std::string& name)
     return at->second;
 }
 
+const std::string* NameOfObject(const SessionStream& stream, const StreamedCall& call)
+{
+    return call.m_objectName == ZORV_NO_NAME ? nullptr : &stream.m_names.m_names[call.m_objectName];
+}
+
 std::unique_ptr<SessionStream> OpenStream(const std::string& path, const ExportFilter& filter,
                                           bool withAgentFrames)
 {
@@ -151,6 +184,8 @@ void StreamRecords(SessionStream* pStream, const SurveyedProcess& process, const
                          SymbolsOf(&pStream->m_symbolizer, ReadModuleMap(process.m_files.m_metadata)),
                          process,
                          FilterOfRecords(filter.m_records, pStream->m_survey),
+                         {},
+                         {},
                          {}};
     if (filter.m_withSamples && sink.m_onSample)
     {

@@ -7,6 +7,7 @@
 #include "Export/Survey.h"
 #include "Reader/RecordNames.h"
 #include "Reader/Records.h"
+#include "Symbols/DataSymbols.h"
 
 #include <cstdint>
 #include <functional>
@@ -18,6 +19,8 @@
 namespace qelix
 {
 
+constexpr uint32_t ZORV_NO_NAME = UINT32_MAX;
+
 struct StreamedCall
 {
     const CallKind* m_pKind = nullptr;
@@ -28,7 +31,8 @@ struct StreamedCall
     uint64_t m_end = 0;    // ZORV_TIME_NOT_ENDED: it never returned
     uint64_t m_object = 0; // what a pthread call was about
     int64_t m_result = 0;
-    uint64_t m_region = 0; // of a parallel program
+    uint64_t m_region = 0;                // of a parallel program
+    uint32_t m_objectName = ZORV_NO_NAME; // of the variable that a lock is in
 };
 
 struct StreamedSample
@@ -63,7 +67,11 @@ struct SessionStream
     Symbolizer m_symbolizer;
     NameTable m_names;
     StackTable m_stacks;
+    DataFiles m_dataFiles;
 };
+
+// Null for a lock on the heap or on a stack, and for what is no lock.
+const std::string* NameOfObject(const SessionStream& stream, const StreamedCall& call);
 
 // Surveys the session; what the filter leaves out is not in the survey either. Fails when there is no session.
 std::unique_ptr<SessionStream> OpenStream(const std::string& path, const ExportFilter& filter,

@@ -22,9 +22,10 @@ std::string SpillFolder()
 
 [[noreturn]] void FailSpill()
 {
-    throw Failure(ZORV_STATUS_OWN_FAILURE,
+    throw Failure(ZORV_FAILURE_CANNOT_WRITE,
                   "temporary data does not fit into {}: {}; name a folder with more room in TMPDIR",
-                  SpillFolder(), strerror(errno));
+                  SpillFolder(), strerror(errno))
+        .At(SpillFolder());
 }
 
 int OpenNameless()

@@ -23,7 +23,7 @@ create table mappings (process integer references processes, module integer refe
 create table names (id integer primary key, name text);
 create table calls (id integer primary key, thread integer references threads, class text, kind text,
                     name integer references names, start_ns integer, end_ns integer, duration_ns integer,
-                    object integer, result integer, region integer);
+                    object integer, result integer, region integer, object_name integer references names);
 create table functions (id integer primary key, name text, module integer references modules, source text,
                         line integer);
 create table frames (id integer, inlined integer, function integer references functions, source text,
@@ -35,8 +35,10 @@ create table counters (sample integer references samples, event integer, count i
                        running integer);
 create view call_list as
   select c.id, p.rank, p.pid, p.name as process, t.tid, t.name as thread, c.class, c.kind, n.name as function,
-         c.start_ns, c.end_ns, c.duration_ns, c.object, c.result, c.region
-  from calls c join threads t on t.id = c.thread join processes p on p.id = t.process join names n on n.id = c.name;
+         c.start_ns, c.end_ns, c.duration_ns, c.object, c.result, c.region,
+         o.name as object_name
+  from calls c join threads t on t.id = c.thread join processes p on p.id = t.process join names n on n.id = c.name
+       left join names o on o.id = c.object_name;
 create view sample_list as
   select s.id, p.rank, p.pid, p.name as process, t.tid, t.name as thread, s.time_ns, s.core, s.stack,
          f.name as function, m.path as module, r.source, r.line
@@ -77,7 +79,7 @@ Inserts PrepareInserts(sqlite3* pDatabase)
     const auto insert = [pDatabase](const char* pTable, std::size_t columns)
     { return PrepareInsert(pDatabase, pTable, columns); };
     return {insert("session", 2),  insert("processes", 7), insert("threads", 5), insert("modules", 2),
-            insert("mappings", 5), insert("names", 2),     insert("calls", 11),  insert("functions", 5),
+            insert("mappings", 5), insert("names", 2),     insert("calls", 12),  insert("functions", 5),
             insert("frames", 5),   insert("stacks", 3),    insert("samples", 6), insert("counters", 5)};
 }
 
@@ -108,7 +110,8 @@ void WriteCall(DatabaseWriter* pWriter, const StreamedCall& call)
            {++pWriter->m_calls, pWriter->m_threadIds[call.m_tid], std::string(TraceClassName(call.m_class)),
             std::string(call.m_pKind->m_pName), int64_t{call.m_name}, Number(call.m_start),
             NumberOrNull(HasReturned(call), call.m_end), NumberOrNull(IsTimed(call), call.m_end - call.m_start),
-            NumberOrNull(call.m_object != 0, call.m_object), call.m_result, Number(call.m_region)});
+            NumberOrNull(call.m_object != 0, call.m_object), call.m_result, Number(call.m_region),
+            NumberOrNull(call.m_objectName != ZORV_NO_NAME, call.m_objectName)});
 }
 
 void WriteSample(DatabaseWriter* pWriter, const StreamedSample& sample)

@@ -2,6 +2,7 @@
 
 #include "Reader/RecordFile.h"
 #include "Reader/RecordNames.h"
+#include "Report/ClockShift.h"
 #include "Report/ThreadNames.h"
 #include "Session/AgentConfiguration.h"
 #include "Session/Failure.h"
@@ -28,7 +29,7 @@ struct Surveyor
     {
         if (time != 0 && time != ZORV_TIME_NOT_ENDED)
         {
-            Widen(&m_pProcess->m_span, time);
+            Widen(&m_pProcess->m_span, Shifted(time, m_pProcess->m_clockShiftNs));
         }
     }
 
@@ -111,12 +112,14 @@ void SurveyFile(const std::string& path, const Surveyor& surveyor, std::vector<D
     }
 }
 
-SurveyedProcess SurveyProcess(const std::string& key, const ProcessFiles& files, std::vector<Damage>* pDamages)
+SurveyedProcess SurveyProcess(const std::string& key, const ProcessFiles& files, const ClockShifts& shifts,
+                              std::vector<Damage>* pDamages)
 {
     SurveyedProcess process;
     process.m_key = key;
     process.m_files = files;
-    process.m_pid = PidInFileName(files.m_trace.empty() ? files.m_sample : files.m_trace);
+    process.m_pid = PidInFileName(AnyFile(files));
+    process.m_clockShiftNs = ShiftOf(shifts, AnyFile(files));
     std::vector<NameFact> names;
     const Surveyor surveyor{&process, &names};
     SurveyFile(files.m_sample, surveyor, pDamages);
@@ -161,9 +164,10 @@ std::vector<std::string> SessionsIn(const std::string& path)
     std::sort(sessions.begin(), sessions.end());
     if (sessions.empty())
     {
-        throw Failure(ZORV_STATUS_DAMAGED,
+        throw Failure(ZORV_FAILURE_NO_SESSION,
                       "{} is no session: it has no folder \"trace\"; name a directory that qelix run has made",
-                      path);
+                      path)
+            .At(path);
     }
     return sessions;
 }
@@ -201,11 +205,13 @@ SessionSurvey SurveySession(const std::string& path)
     for (const std::string& session : SessionsIn(path))
     {
         const uint64_t interval = ReadSettings(session).m_intervalNs.value_or(0);
-        const uint64_t tick = ReadSessionRecord(session).m_tickNs.value_or(0);
-        survey.m_periodNs = std::max({survey.m_periodNs, interval, tick});
+        const SessionRecord record = ReadSessionRecord(session);
+        survey.m_periodNs = std::max({survey.m_periodNs, interval, record.m_tickNs.value_or(0)});
+        survey.m_clocks = survey.m_clocks ? survey.m_clocks : record.m_start;
+        const ClockShifts shifts = ReadClockShifts(session);
         for (const auto& [key, files] : FilesOfProcesses(session))
         {
-            SurveyedProcess process = SurveyProcess(key, files, &survey.m_damages);
+            SurveyedProcess process = SurveyProcess(key, files, shifts, &survey.m_damages);
             if (!IsEmpty(process.m_span))
             {
                 Widen(&survey.m_span, process.m_span.m_first);

@@ -4,16 +4,19 @@
 
 #include "Reader/Damage.h"
 #include "Report/ProcessFiles.h"
+#include "Session/MachineFacts.h"
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace qelix
 {
 
-// Times are nanoseconds of the machine's monotonic clock, as recorded.
+// Times are nanoseconds of the machine's monotonic clock, as recorded; in a merged session, of the first
+// host's.
 struct TimeSpan
 {
     uint64_t m_first = UINT64_MAX;
@@ -39,6 +42,7 @@ struct SurveyedProcess
     std::map<int32_t, SurveyedThread> m_threads;
     std::vector<uint64_t> m_events; // codes of the counters
     TimeSpan m_span;
+    int64_t m_clockShiftNs = 0; // to be added to its times, which the span has already
 };
 
 struct SessionSurvey
@@ -46,7 +50,8 @@ struct SessionSurvey
     std::string m_path;
     std::vector<SurveyedProcess> m_processes; // by key
     TimeSpan m_span;
-    uint64_t m_periodNs = 0; // CPU time that a sample stands for
+    uint64_t m_periodNs = 0;           // CPU time that a sample stands for
+    std::optional<ClockPair> m_clocks; // what the calendar showed when the first session began
     std::vector<Damage> m_damages;
 };
 

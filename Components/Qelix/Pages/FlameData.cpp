@@ -165,7 +165,7 @@ PageJson ThreadData(const ProcessFacts& process, const ThreadSamples& thread, No
 uint64_t NsPerSample(const SessionFacts& session)
 {
     const uint64_t samples = SampleCount(session);
-    return samples == 0 ? session.m_periodNs : SampledNs(session, samples) / samples;
+    return samples == 0 ? session.m_periodNs : WholeNs(SampledNs(session)) / samples;
 }
 
 PageJson FlameData(const SessionFacts& session, std::size_t most)

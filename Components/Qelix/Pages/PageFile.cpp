@@ -22,7 +22,7 @@ std::string_view AssetOf(std::string_view name)
             return asset.m_content;
         }
     }
-    throw Failure(ZORV_STATUS_OWN_FAILURE, "the command was built without {}", name);
+    throw Failure(ZORV_FAILURE_OTHER, "the command was built without {}", name);
 }
 
 std::string Scripts()
@@ -112,7 +112,7 @@ void WritePage(const std::string& path, const std::string& text)
     {
         unlink(newPath.c_str());
     }
-    throw Failure(ZORV_STATUS_OWN_FAILURE, "{} cannot be written: {}; choose another file with -o FILE", path,
+    throw Failure(ZORV_FAILURE_CANNOT_WRITE, "{} cannot be written: {}; choose another file with -o FILE", path,
                   strerror(error))
         .At(path);
 }

@@ -1,8 +1,8 @@
 #include "Pages/TimelineReader.h"
 
-#include "Pages/ClockShift.h"
 #include "Pages/FlameData.h"
 #include "Reader/RecordFile.h"
+#include "Report/ClockShift.h"
 #include "Report/ProcessFiles.h"
 
 #include <algorithm>
@@ -243,8 +243,7 @@ Timeline ReadTimeline(const SessionFacts& session, const TimelineBudget& budget)
             continue;
         }
         ProcessSymbols symbols = SymbolsOf(session.m_pSymbolizer.get(), ReadModuleMap(files.m_metadata));
-        const std::string& anyFile = files.m_trace.empty() ? files.m_sample : files.m_trace;
-        const int64_t shift = ShiftOf(shifts, anyFile);
+        const int64_t shift = ShiftOf(shifts, AnyFile(files));
         RecordTaker taker{&reading, &symbols, pProcess, shift, {}, {}};
         ReadInto(&taker, files.m_trace);
         ReadInto(&taker, files.m_sample);

@@ -98,17 +98,6 @@ uint64_t CountTruncated(const SessionFacts& session)
     return count;
 }
 
-// Whoever ends a process in order writes the end of its own thread as the last record of all.
-bool IsCutOff(const ProcessFacts& process)
-{
-    const std::vector<ThreadFacts>& threads = process.m_trace.m_threads;
-    const uint64_t last = process.m_trace.m_span.m_last;
-    return !threads.empty() && std::none_of(threads.begin(), threads.end(),
-                                            [last](const ThreadFacts& thread) {
-                                                return thread.m_span.m_isEnded && thread.m_span.m_last == last;
-                                            });
-}
-
 // What is gone has numbers for names, and says so itself.
 void AddChangedFiles(Cautions* pCautions, const SessionFacts& session)
 {
@@ -135,7 +124,8 @@ std::vector<std::string> CautionLines(const SessionFacts& session)
     {
         AddProcessCautions(&cautions, process);
     }
-    const auto cutOff = std::count_if(session.m_processes.begin(), session.m_processes.end(), IsCutOff);
+    const auto cutOff = std::count_if(session.m_processes.begin(), session.m_processes.end(),
+                                      [](const ProcessFacts& process) { return process.m_trace.m_isCutOff; });
     if (cutOff != 0)
     {
         cautions.push_back(fmt::format("killed: {} said no end, or {} still running; the last records of each "
@@ -145,9 +135,9 @@ std::vector<std::string> CautionLines(const SessionFacts& session)
     }
     if (const uint64_t truncated = CountTruncated(session); truncated != 0)
     {
-        cautions.push_back(
-            fmt::format("cut off: {} have deeper stacks than were recorded; record with a larger --stacks=DEPTH",
-                        Plural(truncated, "sample", "samples")));
+        cautions.push_back(fmt::format(
+            "cut off: {} have deeper stacks than were recorded; record with a larger --stacks=DEPTH",
+            Plural(truncated, "sample", "samples")));
     }
     if (session.m_settings.m_intervalNs.value_or(0) != 0 &&
         session.m_settings.m_intervalNs < session.m_periodNs)

@@ -27,21 +27,23 @@ std::vector<FunctionRow> RankedFunctions(const Symbolizer& symbolizer, const Fun
 
 std::vector<ModuleRow> RankedModules(const Symbolizer& symbolizer, const FunctionCounts& counts)
 {
-    std::map<std::string, uint64_t> selfOf;
+    std::map<std::string, FunctionCount> countOf;
     for (const auto& [id, count] : counts)
     {
-        selfOf[symbolizer.m_functions[id].m_module] += count.m_self;
+        FunctionCount& sum = countOf[symbolizer.m_functions[id].m_module];
+        sum.m_self += count.m_self;
+        sum.m_selfNs += count.m_selfNs;
     }
     std::vector<ModuleRow> rows;
-    for (const auto& [path, self] : selfOf)
+    for (const auto& [path, count] : countOf)
     {
-        if (self != 0)
+        if (count.m_self != 0)
         {
-            rows.push_back({path, self});
+            rows.push_back({path, count.m_self, count.m_selfNs});
         }
     }
     std::stable_sort(rows.begin(), rows.end(),
-                     [](const ModuleRow& a, const ModuleRow& b) { return a.m_self > b.m_self; });
+                     [](const ModuleRow& a, const ModuleRow& b) { return a.m_selfNs > b.m_selfNs; });
     return rows;
 }
 
@@ -54,22 +56,29 @@ std::vector<ThreadRow> RankedThreads(const SessionFacts& session)
         {
             if (thread.m_samples != 0)
             {
-                rows.push_back({&process, &thread});
+                rows.push_back(
+                    {&process, &thread, static_cast<double>(thread.m_samples) * NsPerSample(session, process)});
             }
         }
     }
     std::stable_sort(rows.begin(), rows.end(),
-                     [](const ThreadRow& a, const ThreadRow& b)
-                     { return a.m_pThread->m_samples > b.m_pThread->m_samples; });
+                     [](const ThreadRow& a, const ThreadRow& b) { return a.m_ns > b.m_ns; });
     return rows;
 }
 
-FunctionCounts FunctionsOf(const ProcessSamples& process)
+FunctionCounts FunctionsOf(const SessionFacts& session, const ThreadRow& thread)
 {
     FunctionCounts counts;
-    for (const ThreadSamples& thread : process.m_threads)
+    AddFunctions(&counts, thread.m_pThread->m_functions, NsPerSample(session, *thread.m_pProcess));
+    return counts;
+}
+
+FunctionCounts FunctionsOf(const SessionFacts& session, const ProcessFacts& process)
+{
+    FunctionCounts counts;
+    for (const ThreadSamples& thread : process.m_samples.m_threads)
     {
-        AddFunctions(&counts, thread.m_functions);
+        AddFunctions(&counts, thread.m_functions, NsPerSample(session, process));
     }
     return counts;
 }
@@ -79,7 +88,10 @@ FunctionCounts FunctionsOf(const SessionFacts& session)
     FunctionCounts counts;
     for (const ProcessFacts& process : session.m_processes)
     {
-        AddFunctions(&counts, FunctionsOf(process.m_samples), NsPerSample(session, process));
+        for (const ThreadSamples& thread : process.m_samples.m_threads)
+        {
+            AddFunctions(&counts, thread.m_functions, NsPerSample(session, process));
+        }
     }
     return counts;
 }
@@ -113,22 +125,11 @@ double ExpiriesNs(const SessionFacts& session, uint64_t samples, uint64_t allSam
     return expiries * static_cast<double>(period);
 }
 
+} // namespace
+
 uint64_t WholeNs(double nanoseconds)
 {
     return nanoseconds >= 0x1p64 ? UINT64_MAX : static_cast<uint64_t>(nanoseconds);
-}
-
-} // namespace
-
-uint64_t SampledNs(const SessionFacts& session, uint64_t samples)
-{
-    uint64_t allSamples = 0;
-    for (const ProcessFacts& process : session.m_processes)
-    {
-        allSamples += process.m_samples.m_allSamples;
-    }
-    return WholeNs(ExpiriesNs(session, samples, allSamples,
-                              {session.m_log.m_timerOverruns, session.m_log.m_lostSampleRecords}));
 }
 
 uint64_t SampledNs(const SessionFacts& session, const ProcessFacts& process, uint64_t samples)

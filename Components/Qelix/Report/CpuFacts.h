@@ -23,7 +23,8 @@ std::vector<FunctionRow> RankedFunctions(const Symbolizer& symbolizer, const Fun
 struct ModuleRow
 {
     std::string m_path;
-    uint64_t m_self = 0;
+    uint64_t m_self = 0; // samples
+    double m_selfNs = 0; // the CPU time that they stand for, once they are weighed
 };
 
 std::vector<ModuleRow> RankedModules(const Symbolizer& symbolizer, const FunctionCounts& counts);
@@ -32,18 +33,22 @@ struct ThreadRow
 {
     const ProcessFacts* m_pProcess = nullptr;
     const ThreadSamples* m_pThread = nullptr;
+    double m_ns = 0; // of CPU time
 };
 
-std::vector<ThreadRow> RankedThreads(const SessionFacts& session); // those that have a sample
+// Those that have a sample, most CPU time first.
+std::vector<ThreadRow> RankedThreads(const SessionFacts& session);
 
-FunctionCounts FunctionsOf(const ProcessSamples& process);
+// Weighed: processes may miss unequal parts of their samples.
+FunctionCounts FunctionsOf(const SessionFacts& session, const ProcessFacts& process);
+FunctionCounts FunctionsOf(const SessionFacts& session, const ThreadRow& thread);
 FunctionCounts FunctionsOf(const SessionFacts& session);
 
-// CPU time that so many samples of the session, or of one process, stand for. A timer that fired while its last
-// signal was still pending made no sample: what was missed is shared out among those that were made.
-uint64_t SampledNs(const SessionFacts& session, uint64_t samples);
+// CPU time that so many samples of a process stand for. A timer that fired while its last signal was still
+// pending made no sample: what was missed is shared out among those that were made.
 uint64_t SampledNs(const SessionFacts& session, const ProcessFacts& process, uint64_t samples);
 double NsPerSample(const SessionFacts& session, const ProcessFacts& process);
+uint64_t WholeNs(double nanoseconds);          // within what 64 bits hold
 double SampledNs(const SessionFacts& session); // all of them, each weighed as its process asks for
 
 } // namespace qelix

@@ -17,23 +17,22 @@ constexpr std::size_t ZORV_THREADS_SHOWN = 12;
 constexpr std::size_t ZORV_MODULES_SHOWN = 10;
 
 // "34.5 %"
-std::string ShareText(uint64_t part, uint64_t whole)
+std::string ShareText(double part, double whole)
 {
-    return fmt::format("{:.1f} %",
-                       whole == 0 ? 0.0 : 100.0 * static_cast<double>(part) / static_cast<double>(whole));
+    return fmt::format("{:.1f} %", whole == 0 ? 0.0 : 100 * part / whole);
 }
 
-void WriteFunctions(Lines out, const SessionFacts& session, const FunctionCounts& counts, uint64_t samples,
+void WriteFunctions(Lines out, const SessionFacts& session, const FunctionCounts& counts, double wholeNs,
                     std::size_t most)
 {
     std::vector<FunctionRow> rows = RankedFunctions(*session.m_pSymbolizer, counts);
     rows.resize(std::min(rows.size(), most));
     for (const FunctionRow& row : rows)
     {
-        fmt::format_to(
-            out, "  {:>8} {:>8} {:>9}  {}  ({})\n", ShareText(row.m_count.m_self, samples),
-            ShareText(row.m_count.m_total, samples), DurationText(SampledNs(session, row.m_count.m_self)),
-            PrintableText(row.m_pFunction->m_name), PrintableText(ModuleName(row.m_pFunction->m_module)));
+        fmt::format_to(out, "  {:>8} {:>8} {:>9}  {}  ({})\n", ShareText(row.m_count.m_selfNs, wholeNs),
+                       ShareText(row.m_count.m_totalNs, wholeNs), DurationText(WholeNs(row.m_count.m_selfNs)),
+                       PrintableText(row.m_pFunction->m_name),
+                       PrintableText(ModuleName(row.m_pFunction->m_module)));
     }
 }
 
@@ -45,18 +44,18 @@ void WriteEvents(Lines out, const ProcessSamples& process, const ThreadSamples& 
     }
 }
 
-void WriteThreads(Lines out, const SessionFacts& session, uint64_t samples)
+void WriteThreads(Lines out, const SessionFacts& session, double wholeNs)
 {
     std::vector<ThreadRow> rows = RankedThreads(session);
     const std::size_t all = rows.size();
     rows.resize(std::min(all, ZORV_THREADS_SHOWN));
-    for (const auto& [pProcess, pThread] : rows)
+    for (const ThreadRow& row : rows)
     {
         fmt::format_to(out, "\n{} of the CPU time: thread {} ({}) of process {} {}\n",
-                       ShareText(pThread->m_samples, samples), NameOr(pThread->m_name, "-"), pThread->m_tid,
-                       pProcess->m_pid, NameOr(pProcess->m_name, "-"));
-        WriteFunctions(out, session, pThread->m_functions, pThread->m_samples, ZORV_OF_THREAD_SHOWN);
-        WriteEvents(out, pProcess->m_samples, *pThread);
+                       ShareText(row.m_ns, wholeNs), NameOr(row.m_pThread->m_name, "-"), row.m_pThread->m_tid,
+                       row.m_pProcess->m_pid, NameOr(row.m_pProcess->m_name, "-"));
+        WriteFunctions(out, session, FunctionsOf(session, row), row.m_ns, ZORV_OF_THREAD_SHOWN);
+        WriteEvents(out, row.m_pProcess->m_samples, *row.m_pThread);
     }
     if (rows.size() < all)
     {
@@ -64,15 +63,15 @@ void WriteThreads(Lines out, const SessionFacts& session, uint64_t samples)
     }
 }
 
-void WriteModules(Lines out, const SessionFacts& session, const FunctionCounts& counts, uint64_t samples)
+void WriteModules(Lines out, const SessionFacts& session, const FunctionCounts& counts, double wholeNs)
 {
     std::vector<ModuleRow> rows = RankedModules(*session.m_pSymbolizer, counts);
     rows.resize(std::min(rows.size(), ZORV_MODULES_SHOWN));
     fmt::format_to(out, "\nCPU time by module\n");
     for (const ModuleRow& row : rows)
     {
-        fmt::format_to(out, "  {:>8} {:>9}  {}\n", ShareText(row.m_self, samples),
-                       DurationText(SampledNs(session, row.m_self)), PrintableText(row.m_path));
+        fmt::format_to(out, "  {:>8} {:>9}  {}\n", ShareText(row.m_selfNs, wholeNs),
+                       DurationText(WholeNs(row.m_selfNs)), PrintableText(row.m_path));
     }
 }
 
@@ -86,12 +85,13 @@ void WriteCpu(Lines out, const SessionFacts& session)
         return;
     }
     const FunctionCounts counts = FunctionsOf(session);
+    const double wholeNs = SampledNs(session);
     fmt::format_to(out, "\nwhere CPU goes: {}, each for {}, {} in all\n", Plural(samples, "sample", "samples"),
-                   DurationText(session.m_periodNs), DurationText(SampledNs(session, samples)));
+                   DurationText(session.m_periodNs), DurationText(WholeNs(wholeNs)));
     fmt::format_to(out, "  {:>8} {:>8} {:>9}  {}\n", "self", "total", "self", "function");
-    WriteFunctions(out, session, counts, samples, ZORV_FUNCTIONS_SHOWN);
-    WriteModules(out, session, counts, samples);
-    WriteThreads(out, session, samples);
+    WriteFunctions(out, session, counts, wholeNs, ZORV_FUNCTIONS_SHOWN);
+    WriteModules(out, session, counts, wholeNs);
+    WriteThreads(out, session, wholeNs);
 }
 
 } // namespace qelix

@@ -16,6 +16,12 @@ struct ProcessFiles
     std::string m_metadata;
 };
 
+// One that there is: their names tell the same of the process.
+inline const std::string& AnyFile(const ProcessFiles& files)
+{
+    return files.m_trace.empty() ? files.m_sample : files.m_trace;
+}
+
 // By what the names of a process's files have in common. Each is read with OpenRecordFile, as a stream.
 std::map<std::string, ProcessFiles> FilesOfProcesses(const std::string& session);
 

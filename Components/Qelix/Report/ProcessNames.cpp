@@ -46,12 +46,13 @@ struct NameTaker
 struct TimeTaker
 {
     LifeSpan* m_pSpan;
+    int64_t m_shift;
 
     template <typename T> void operator()(const T& record) const
     {
         if constexpr (requires { record.m_hdr.m_startTime; })
         {
-            SeeAt(m_pSpan, record.m_hdr.m_startTime);
+            SeeAt(m_pSpan, Shifted(record.m_hdr.m_startTime, m_shift));
         }
     }
 };
@@ -91,7 +92,7 @@ NamesOfProcess ReadNames(const ProcessFiles& files)
     return names;
 }
 
-uint64_t FirstTime(const std::map<std::string, ProcessFiles>& filesOf)
+uint64_t FirstTime(const std::map<std::string, ProcessFiles>& filesOf, const ClockShifts& shifts)
 {
     constexpr int fewRecords = 64; // the first one of a thread tells when it began, and blocks follow in order
     LifeSpan span;
@@ -103,7 +104,7 @@ uint64_t FirstTime(const std::map<std::string, ProcessFiles>& filesOf)
             Record record;
             for (int i = 0; pFile != nullptr && i < fewRecords && NextRecord(pFile.get(), &record); ++i)
             {
-                std::visit(TimeTaker{&span}, record.m_body);
+                std::visit(TimeTaker{&span, ShiftOf(shifts, path)}, record.m_body);
             }
         }
     }

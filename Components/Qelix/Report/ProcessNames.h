@@ -1,6 +1,7 @@
 // What is to be known of a process before its records are chosen.
 #pragma once
 
+#include "Report/ClockShift.h"
 #include "Report/ProcessFiles.h"
 
 #include <cstdint>
@@ -22,6 +23,6 @@ struct NamesOfProcess
 NamesOfProcess ReadNames(const ProcessFiles& files);
 
 // Of all the files: the first time that a record of theirs tells; 0 without any.
-uint64_t FirstTime(const std::map<std::string, ProcessFiles>& filesOf);
+uint64_t FirstTime(const std::map<std::string, ProcessFiles>& filesOf, const ClockShifts& shifts);
 
 } // namespace qelix

@@ -119,7 +119,9 @@ Json FunctionsJson(const SessionFacts& session, const FunctionCounts& counts)
         list.push_back({{"name", row.m_pFunction->m_name},
                         {"module", row.m_pFunction->m_module},
                         {"self", row.m_count.m_self},
-                        {"total", row.m_count.m_total}});
+                        {"total", row.m_count.m_total},
+                        {"selfNs", WholeNs(row.m_count.m_selfNs)},
+                        {"totalNs", WholeNs(row.m_count.m_totalNs)}});
     }
     return list;
 }
@@ -127,8 +129,10 @@ Json FunctionsJson(const SessionFacts& session, const FunctionCounts& counts)
 Json CpuThreadsJson(const SessionFacts& session)
 {
     Json list = Json::array();
-    for (const auto& [pProcess, pThread] : RankedThreads(session))
+    for (const ThreadRow& row : RankedThreads(session))
     {
+        const ProcessFacts* pProcess = row.m_pProcess;
+        const ThreadSamples* pThread = row.m_pThread;
         Json events = Json::array();
         for (std::size_t i = 0; i < std::min(pThread->m_eventSums.size(), pProcess->m_samples.m_events.size());
              ++i)
@@ -141,7 +145,7 @@ Json CpuThreadsJson(const SessionFacts& session)
                         {"samples", pThread->m_samples},
                         {"truncated", pThread->m_truncated},
                         {"events", events},
-                        {"functions", FunctionsJson(session, pThread->m_functions)}});
+                        {"functions", FunctionsJson(session, FunctionsOf(session, row))}});
     }
     return list;
 }
@@ -152,7 +156,7 @@ Json CpuJson(const SessionFacts& session)
     Json modules = Json::array();
     for (const ModuleRow& row : RankedModules(*session.m_pSymbolizer, counts))
     {
-        modules.push_back({{"path", row.m_path}, {"self", row.m_self}});
+        modules.push_back({{"path", row.m_path}, {"self", row.m_self}, {"selfNs", WholeNs(row.m_selfNs)}});
     }
     Json processes = Json::array();
     for (const ProcessFacts& process : session.m_processes)
@@ -162,10 +166,11 @@ Json CpuJson(const SessionFacts& session)
             processes.push_back({{"pid", process.m_pid},
                                  {"name", process.m_name},
                                  {"samples", process.m_samples.m_samples},
-                                 {"functions", FunctionsJson(session, FunctionsOf(process.m_samples))}});
+                                 {"functions", FunctionsJson(session, FunctionsOf(session, process))}});
         }
     }
     Json json = {{"samples", SampleCount(session)}, {"periodNs", session.m_periodNs}};
+    json["sampledNs"] = WholeNs(SampledNs(session));
     json["functions"] = FunctionsJson(session, counts);
     json["modules"] = std::move(modules);
     json["processes"] = std::move(processes);

@@ -57,7 +57,8 @@ void WriteHead(Lines out, const SessionFacts& session, const Screen& screen)
                    Wrapped(recorded, screen.m_width, "  "));
 }
 
-// Samples in the agent's own code, the handler that takes them left out.
+// Samples in the agent's own code, the handler that takes them left out: what that and the recording of a call
+// take is not measured while they happen.
 std::string CostText(const SessionFacts& session)
 {
     uint64_t inAgent = 0;
@@ -71,8 +72,15 @@ std::string CostText(const SessionFacts& session)
     std::string text = "The agent's cost: ";
     if (samples != 0)
     {
-        text += fmt::format("{:.1f} % of the samples fell into its code (its signal handler not counted); ",
-                            100.0 * static_cast<double>(inAgent) / static_cast<double>(samples));
+        text +=
+            fmt::format("{:.1f} % of the samples fell into its code (its signal handler, once a sample, not "
+                        "counted); ",
+                        100.0 * static_cast<double>(inAgent) / static_cast<double>(samples));
+    }
+    if (session.m_record.m_writerCpuNs)
+    {
+        text += fmt::format("its writing threads had used {} of CPU when last looked at; ",
+                            DurationText(*session.m_record.m_writerCpuNs));
     }
     text += BytesText(session.m_bytes) + " of files";
     if (seconds > 0)

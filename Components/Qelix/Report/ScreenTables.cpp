@@ -132,15 +132,11 @@ std::string PlaceText(const Function& function)
     return fmt::format(" ({}, {}:{})", CutTo(module, 14), CutTo(source, 16), function.m_line);
 }
 
-void WriteFunction(Lines out, const SessionFacts& session, const FunctionRow& row, uint64_t samples,
-                   const Screen& screen)
+void WriteFunction(Lines out, const FunctionRow& row, double wholeNs, const Screen& screen)
 {
     const std::string place = PlaceText(*row.m_pFunction);
-    const auto percent = [samples](uint64_t part)
-    { return 100.0 * static_cast<double>(part) / static_cast<double>(samples); };
-    fmt::format_to(out, "  {:>7} {:>6.1f} {:>6.1f}  {}{}\n",
-                   DurationText(SampledNs(session, row.m_count.m_self)), percent(row.m_count.m_self),
-                   percent(row.m_count.m_total),
+    fmt::format_to(out, "  {:>7} {:>6.1f} {:>6.1f}  {}{}\n", DurationText(WholeNs(row.m_count.m_selfNs)),
+                   100 * row.m_count.m_selfNs / wholeNs, 100 * row.m_count.m_totalNs / wholeNs,
                    CutTo(PrintableText(row.m_pFunction->m_name), screen.m_width - 25 - WidthOf(place)), place);
 }
 
@@ -216,7 +212,7 @@ void WriteFunctionTable(Lines out, const SessionFacts& session, const Screen& sc
                    "total%", "function");
     for (const FunctionRow& row : rows)
     {
-        WriteFunction(out, session, row, samples, screen);
+        WriteFunction(out, row, SampledNs(session), screen);
     }
     if (all > rows.size())
     {

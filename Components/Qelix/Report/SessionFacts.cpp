@@ -1,5 +1,6 @@
 #include "Report/SessionFacts.h"
 
+#include "Report/ClockShift.h"
 #include "Report/LockNames.h"
 #include "Report/ProcessFiles.h"
 #include "Report/ProcessNames.h"
@@ -25,6 +26,7 @@ struct Reading
     SampleView m_samples;
     const SessionView& m_view;
     uint64_t m_start; // of the session
+    ClockShifts m_shifts;
     DataFiles m_dataFiles;
 };
 
@@ -44,14 +46,15 @@ void KeepWorstLocks(SessionFacts* pSession, TraceFacts* pProcess, std::size_t ke
 std::optional<ProcessFilter> FilterOf(const ProcessFiles& files, const Reading& reading)
 {
     const RecordFilter& wanted = reading.m_view.m_filter;
+    const int64_t shift = ShiftOf(reading.m_shifts, AnyFile(files));
     ProcessFilter filter{{}, wanted.m_classes};
     if (wanted.m_from)
     {
-        filter.m_from = SaturatingAdd(reading.m_start, *wanted.m_from);
+        filter.m_from = Shifted(SaturatingAdd(reading.m_start, *wanted.m_from), -shift);
     }
     if (wanted.m_to)
     {
-        filter.m_to = SaturatingAdd(reading.m_start, *wanted.m_to);
+        filter.m_to = Shifted(SaturatingAdd(reading.m_start, *wanted.m_to), -shift);
     }
     if (wanted.m_threads.empty() && wanted.m_processes.empty())
     {
@@ -95,10 +98,9 @@ ProcessFacts ReadProcess(const ProcessFiles& files, ProcessSymbols* pSymbols, Re
     }
     const TraceFacts& trace = process.m_trace;
     const ProcessSamples& samples = process.m_samples;
-    process.m_pid = trace.m_pid != 0 ? trace.m_pid
-                    : samples.m_pid != 0
-                        ? samples.m_pid
-                        : PidInFileName(files.m_trace.empty() ? files.m_sample : files.m_trace);
+    process.m_pid = trace.m_pid != 0     ? trace.m_pid
+                    : samples.m_pid != 0 ? samples.m_pid
+                                         : PidInFileName(AnyFile(files));
     process.m_name = trace.m_name.empty() ? samples.m_name : trace.m_name;
     process.m_mpiRankId = trace.m_mpiRankId != 0 ? trace.m_mpiRankId : samples.m_mpiRankId;
     process.m_mapDamage = pSymbols->m_map.m_damage;
@@ -150,9 +152,10 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
     std::error_code error;
     if (!std::filesystem::is_directory(TraceFolder(path), error))
     {
-        throw Failure(ZORV_STATUS_DAMAGED,
+        throw Failure(ZORV_FAILURE_NO_SESSION,
                       "{} is no session: it has no folder \"trace\"; name a directory that qelix run has made",
-                      path);
+                      path)
+            .At(path);
     }
     SessionFacts session;
     session.m_path = path;
@@ -164,7 +167,9 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
     session.m_pSymbolizer = std::make_shared<Symbolizer>();
     session.m_pSymbolizer->m_recorded = FilesOfRun(session.m_record);
     const std::map<std::string, ProcessFiles> filesOf = FilesOfProcesses(path);
-    Reading reading{samples, view, view.m_filter.m_from || view.m_filter.m_to ? FirstTime(filesOf) : 0, {}};
+    const ClockShifts shifts = ReadClockShifts(path);
+    Reading reading{
+        samples, view, view.m_filter.m_from || view.m_filter.m_to ? FirstTime(filesOf, shifts) : 0, shifts, {}};
     reading.m_samples.m_depth = session.m_settings.m_depth.value_or(0);
     std::map<pid_t, std::set<std::string>> mapped;
     std::vector<pid_t> recorded;
@@ -178,7 +183,7 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
         ProcessSymbols symbols = SymbolsOf(session.m_pSymbolizer.get(), ReadModuleMap(files.m_metadata));
         ProcessFacts process = ReadProcess(files, &symbols, &reading, *filter);
         KeepWorstLocks(&session, &process.m_trace, view.m_locksKept);
-        Join(&session.m_span, process.m_span);
+        Join(&session.m_span, Shifted(process.m_span, ShiftOf(shifts, AnyFile(files))));
         recorded.push_back(static_cast<pid_t>(process.m_pid));
         mapped[recorded.back()].merge(PathsIn(symbols.m_map));
         session.m_processes.push_back(std::move(process));

@@ -161,7 +161,7 @@ void SortTable(Table* pTable, const std::string& key)
     const auto at = std::find(keys.begin(), keys.end(), key);
     if (at == keys.end())
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "--sort: there is no column \"{}\"; there are {}", key,
+        throw Failure(ZORV_FAILURE_USAGE, "--sort: there is no column \"{}\"; there are {}", key,
                       fmt::join(keys, ", "));
     }
     const auto column = static_cast<std::size_t>(at - keys.begin());

@@ -43,6 +43,12 @@ void NoteTime(TraceGathering* pGathering, LifeSpan* pSpan, uint64_t time)
     }
 }
 
+void SeeRecord(TraceGathering* pGathering, const ZorvUmtRecordHdr& hdr)
+{
+    const uint64_t time = hdr.m_endTime == ZORV_TIME_NOT_ENDED ? hdr.m_startTime : hdr.m_endTime;
+    pGathering->m_lastOfAll = std::max(pGathering->m_lastOfAll, time);
+}
+
 void NoteNeverReturned(TraceGathering* pGathering, const ZorvUmtRecordHdr& hdr, const CallKey& key,
                        uint64_t address)
 {
@@ -81,6 +87,7 @@ template <typename T> const CallKind* CutCall(TraceGathering* pGathering, T* pCa
 {
     const ProcessFilter& filter = pGathering->m_filter;
     const CallKind* pKind = FindCallKind(pCall->m_hdr.m_recType, pCall->m_hdr.m_subType);
+    SeeRecord(pGathering, pCall->m_hdr);
     if (!IsWanted(filter, pCall->m_hdr.m_tid))
     {
         return nullptr;
@@ -119,6 +126,7 @@ struct RecordTaker
 
     void operator()(const TraceProcRecord& proc) const
     {
+        SeeRecord(m_pGathering, proc.m_hdr);
         m_pGathering->m_names.push_back({proc.m_hdr.m_tid, proc.m_body.m_pthreadId, proc.m_hdr.m_startTime,
                                          std::string(RecordName(proc.m_body))});
         if (proc.m_hdr.m_tid > 0 && IsWanted(m_pGathering->m_filter, proc.m_hdr.m_tid))
@@ -129,6 +137,8 @@ struct RecordTaker
 
     void operator()(const TraceThreadEndRecord& end) const
     {
+        SeeRecord(m_pGathering, end.m_hdr);
+        m_pGathering->m_lastEnd = std::max(m_pGathering->m_lastEnd, end.m_hdr.m_startTime);
         if (IsWanted(m_pGathering->m_filter, end.m_hdr.m_tid))
         {
             LifeSpan& span = ThreadOf(m_pGathering, end.m_hdr.m_tid).m_span;
@@ -178,6 +188,8 @@ TraceFacts ReadTraceFacts(const std::string& path, ProcessSymbols* pSymbols, con
     process.m_mpiRankId = pFile->m_header.m_mpiRankId;
     process.m_damage = pFile->m_damage;
     process.m_unreadBytes = pFile->m_unreadBytes;
+    // Whoever ends a process in order writes the end of its own thread as the last record of all.
+    process.m_isCutOff = gathering.m_lastOfAll != 0 && gathering.m_lastEnd != gathering.m_lastOfAll;
     SettleTrace(&gathering);
     return process;
 }

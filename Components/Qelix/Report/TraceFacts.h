@@ -54,6 +54,7 @@ struct TraceFacts
 {
     std::string m_path; // of the trace file
     bool m_isEmpty = false;
+    bool m_isCutOff = false; // its last record is no thread's end
     int64_t m_pid = 0;
     int32_t m_mpiRankId = 0;
     std::string m_name; // of its main thread

@@ -51,6 +51,8 @@ struct TraceGathering
     LockTable m_locks;
     std::vector<NameFact> m_names;
     uint64_t m_lastTime = 0;
+    uint64_t m_lastOfAll = 0; // the same of every thread, asked for or not
+    uint64_t m_lastEnd = 0;   // of a thread
 };
 
 std::string NameOfKey(ProcessSymbols* pSymbols, const CallKey& key, uint64_t time);

@@ -168,8 +168,9 @@ Table LockView(const SessionFacts& session, const std::string& name)
     }
     if (table.m_rows.empty())
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "no lock of {} is called {}; qelix locks lists them",
-                      session.m_path, name);
+        throw Failure(ZORV_FAILURE_NO_DATA, "no lock of {} is called {}; qelix locks lists them",
+                      session.m_path, name)
+            .At(session.m_path);
     }
     SortTable(&table, "totalNs");
     return table;

@@ -41,14 +41,16 @@ void RequireConfigurablePath(const char* pWhat, const std::string& path, const c
 {
     if (path.find_first_of("=\n\r") != std::string::npos)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE,
+        throw Failure(ZORV_FAILURE_CANNOT_START,
                       "the {} \"{}\" has a '=' or a line break in its path, where a configured value ends; {}",
-                      pWhat, path, pRemedy);
+                      pWhat, path, pRemedy)
+            .At(path);
     }
     if (path.size() > ZORV_LONGEST_PATH)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "the path of the {} is longer than {} bytes; {}", pWhat,
-                      ZORV_LONGEST_PATH, pRemedy);
+        throw Failure(ZORV_FAILURE_CANNOT_START, "the path of the {} is longer than {} bytes; {}", pWhat,
+                      ZORV_LONGEST_PATH, pRemedy)
+            .At(path);
     }
 }
 
@@ -58,9 +60,10 @@ void RequirePreloadablePath(const std::string& agentPath)
     RequireConfigurablePath("agent", agentPath, pRemedy);
     if (agentPath.find_first_of(" \t:$") != std::string::npos)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE,
+        throw Failure(ZORV_FAILURE_CANNOT_START,
                       "the agent \"{}\" has a blank, ':' or '$' in its path, which LD_PRELOAD cannot carry; {}",
-                      agentPath, pRemedy);
+                      agentPath, pRemedy)
+            .At(agentPath);
     }
 }
 
@@ -110,9 +113,10 @@ void WriteConfiguration(const AgentSettings& settings)
     if (!file)
     {
         throw Failure(
-            ZORV_STATUS_OWN_FAILURE,
+            ZORV_FAILURE_CANNOT_WRITE,
             "cannot write the agent's configuration {}: {}; make room or choose another directory with -o DIR",
-            path, strerror(errno));
+            path, strerror(errno))
+            .At(path);
     }
 }
 

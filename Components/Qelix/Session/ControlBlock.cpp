@@ -106,7 +106,7 @@ template <typename Action> CollectionState Steer(const std::string& blockName, c
     if (block.m_pFlags == nullptr)
     {
         throw Failure(
-            ZORV_STATUS_OWN_FAILURE,
+            ZORV_FAILURE_NOT_RUNNING,
             "the session has no shared memory to steer it by ({}); it has ended, or belongs to another "
             "user or machine",
             blockName.empty() ? "it names none" : blockName);
@@ -158,9 +158,10 @@ std::string MakeControlBlock()
             shm_unlink(name.c_str());
         }
         throw Failure(
-            ZORV_STATUS_OWN_FAILURE,
+            ZORV_FAILURE_CANNOT_START,
             "cannot make the shared memory {}: {}; check that /dev/shm is mounted, writable and not full", name,
-            strerror(error));
+            strerror(error))
+            .At("/dev/shm" + name);
     }
     return name;
 }

@@ -73,7 +73,7 @@ uint64_t CodeOf(std::string_view item, const std::string& pmuFolder)
         item.find('/') == item.npos ? FirstLine(fmt::format("{}/events/{}", pmuFolder, item)) : "";
     if (item.empty() || terms.empty())
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE,
+        throw Failure(ZORV_FAILURE_USAGE,
                       "--events: there is no event \"{}\"; name one of {}/events, or give its code as a number",
                       item, pmuFolder);
     }
@@ -105,7 +105,7 @@ uint64_t EventCode(std::string_view terms, const std::string& pmuFolder)
         const std::string format = FirstLine(fmt::format("{}/format/{}", pmuFolder, name));
         if (!value || !format.starts_with(prefix))
         {
-            throw Failure(ZORV_STATUS_OWN_FAILURE,
+            throw Failure(ZORV_FAILURE_USAGE,
                           "--events: this event needs \"{}\", which the agent cannot set; choose another event",
                           term);
         }
@@ -123,8 +123,8 @@ std::vector<uint64_t> ParseEvents(const std::string& list, const std::string& pm
     }
     if (events.size() > ZORV_MOST_EVENTS)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "--events: {} events, and the agent has room for {}",
-                      events.size(), ZORV_MOST_EVENTS);
+        throw Failure(ZORV_FAILURE_USAGE, "--events: {} events, and the agent has room for {}", events.size(),
+                      ZORV_MOST_EVENTS);
     }
     return events;
 }

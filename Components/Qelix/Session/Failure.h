@@ -2,6 +2,7 @@
 // wrong, then "; " and what to do about it; FailureJson takes the two apart there.
 #pragma once
 
+#include <cstdint>
 #include <fmt/format.h>
 #include <stdexcept>
 #include <string>
@@ -10,17 +11,35 @@
 namespace qelix
 {
 
-constexpr int ZORV_STATUS_DAMAGED = 1;         // a file could not be read to its end
+constexpr int ZORV_STATUS_DAMAGED = 1;         // what was to be read is not there, not whole, or has no answer
 constexpr int ZORV_STATUS_OWN_FAILURE = 125;   // ours, not the program's
 constexpr int ZORV_STATUS_NOT_STARTED = 126;   // the program is there and cannot be run or traced
 constexpr int ZORV_STATUS_NOT_FOUND = 127;     // there is no such program
 constexpr int ZORV_STATUS_SIGNAL_OFFSET = 128; // plus the signal's number
 
+enum FailureCode : uint8_t
+{
+    ZORV_FAILURE_OTHER,
+    ZORV_FAILURE_USAGE,       // the command line
+    ZORV_FAILURE_NO_SESSION,  // none where it was said to be
+    ZORV_FAILURE_DAMAGED,     // a file cannot be read to its end
+    ZORV_FAILURE_NO_DATA,     // nothing of what was asked for is in it
+    ZORV_FAILURE_NOT_RUNNING, // it cannot be steered any more
+    ZORV_FAILURE_EXISTS,      // what was to be made is there already
+    ZORV_FAILURE_CANNOT_WRITE,
+    ZORV_FAILURE_CANNOT_START, // the machine or the set-up does not let a recording begin
+    ZORV_FAILURE_CANNOT_TRACE, // the program would run without the agent
+    ZORV_FAILURE_CANNOT_RUN,   // the program does not run at all
+    ZORV_FAILURE_NOT_FOUND,    // there is no such program
+};
+
+int StatusOf(FailureCode code);
+
 struct Failure : std::runtime_error
 {
     template <typename... Args>
-    Failure(int status, fmt::format_string<Args...> format, Args&&... args)
-        : std::runtime_error(fmt::format(format, std::forward<Args>(args)...)), m_status(status)
+    Failure(FailureCode code, fmt::format_string<Args...> format, Args&&... args)
+        : std::runtime_error(fmt::format(format, std::forward<Args>(args)...)), m_code(code)
     {
     }
 
@@ -31,7 +50,7 @@ struct Failure : std::runtime_error
         return std::move(*this);
     }
 
-    int m_status;
+    FailureCode m_code;
     std::string m_path;
 };
 

@@ -67,7 +67,7 @@ LauncherStandIn::LauncherStandIn(const std::string& sessionPath, const std::stri
     sigprocmask(SIG_SETMASK, &before, nullptr);
     if (m_pid < 0)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE,
+        throw Failure(ZORV_FAILURE_CANNOT_START,
                       "cannot start a process: {}; check the limit on processes (ulimit -u)", strerror(errno));
     }
 }

@@ -219,7 +219,7 @@ void RequireTraceable(const std::string& path)
 {
     if (const std::string reason = UntraceableReason(path); !reason.empty())
     {
-        throw Failure(ZORV_STATUS_NOT_STARTED, "cannot trace {}: it {}", path, reason).At(path);
+        throw Failure(ZORV_FAILURE_CANNOT_TRACE, "cannot trace {}: it {}", path, reason).At(path);
     }
 }
 
@@ -228,7 +228,7 @@ void RequireTraceablePreloads(const char* pPreloads)
     if (pPreloads != nullptr && strstr(pPreloads, "libjemalloc.so") != nullptr)
     {
         throw Failure(
-            ZORV_STATUS_NOT_STARTED,
+            ZORV_FAILURE_CANNOT_TRACE,
             "cannot trace with libjemalloc.so in LD_PRELOAD, which is {}: take it out, or only sample "
             "(--min all=off)",
             pPreloads);

@@ -68,8 +68,8 @@ int ReadStartError(int errorPipe)
 
 [[noreturn]] void ThrowCannotStart(const std::string& what, int error)
 {
-    throw Failure(ZORV_STATUS_OWN_FAILURE, "cannot start {}: {}; check the limits on processes and open files",
-                  what, strerror(error));
+    throw Failure(ZORV_FAILURE_CANNOT_START,
+                  "cannot start {}: {}; check the limits on processes and open files", what, strerror(error));
 }
 
 int WaitForSignal(const SignalGuard& guard, const std::optional<uint64_t>& atMostNs, siginfo_t* pInfo)
@@ -164,9 +164,10 @@ pid_t StartProgram(const ProgramStart& start, const SignalGuard& guard)
     waitpid(program, nullptr, 0);
     // The file itself was found before, so what is missing is the interpreter that it names.
     const bool isMissing = startError == ENOENT;
-    throw Failure(isMissing ? ZORV_STATUS_NOT_FOUND : ZORV_STATUS_NOT_STARTED, "cannot run {}: {}{}",
+    throw Failure(isMissing ? ZORV_FAILURE_NOT_FOUND : ZORV_FAILURE_CANNOT_RUN, "cannot run {}: {}{}",
                   start.m_path, strerror(startError),
-                  isMissing ? "; check the interpreter that its first line or its header names" : "");
+                  isMissing ? "; check the interpreter that its first line or its header names" : "")
+        .At(start.m_path);
 }
 
 int WaitForProgram(pid_t program, const SignalGuard& guard, const Besides& besides)

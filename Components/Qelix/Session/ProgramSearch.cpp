@@ -38,7 +38,7 @@ int ExecutionError(const std::string& path)
 
 [[noreturn]] void ThrowCannotRun(const std::string& path, int error)
 {
-    throw Failure(ZORV_STATUS_NOT_STARTED, "cannot run {}: {}; check that it is a program and may be executed",
+    throw Failure(ZORV_FAILURE_CANNOT_RUN, "cannot run {}: {}; check that it is a program and may be executed",
                   path, strerror(error))
         .At(path);
 }
@@ -53,7 +53,7 @@ std::string FindByPath(const std::string& path)
     const int error = ExecutionError(path);
     if (IsMissing(error))
     {
-        throw Failure(ZORV_STATUS_NOT_FOUND, "there is no program {}; check the path", path).At(path);
+        throw Failure(ZORV_FAILURE_NOT_FOUND, "there is no program {}; check the path", path).At(path);
     }
     if (error != 0)
     {
@@ -96,8 +96,9 @@ std::string FindProgram(const std::string& name)
     {
         ThrowCannotRun(refused, refusal);
     }
-    throw Failure(ZORV_STATUS_NOT_FOUND,
-                  "there is no program \"{}\" on the PATH; check its name or give its path", name);
+    throw Failure(ZORV_FAILURE_NOT_FOUND,
+                  "there is no program \"{}\" on the PATH; check its name or give its path", name)
+        .At(name);
 }
 
 std::string FindAgent()
@@ -107,10 +108,11 @@ std::string FindAgent()
     const fs::path agent = (self.parent_path() / ".." / "lib" / ZORV_AGENT_FILE).lexically_normal();
     if (error || access(agent.c_str(), R_OK) != 0)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE,
+        throw Failure(ZORV_FAILURE_CANNOT_START,
                       "the agent {} cannot be read: {}; build it: run ./qelix or ./check in "
                       "the source folder",
-                      agent.string(), error ? error.message() : strerror(errno));
+                      agent.string(), error ? error.message() : strerror(errno))
+            .At(agent.string());
     }
     RequirePreloadablePath(agent);
     return agent;

@@ -63,9 +63,8 @@ std::optional<int64_t> ParseRank(const std::string& text)
     const auto rank = RankIn(text.c_str());
     if (!rank)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE,
-                      "--rank {}: that is no rank; say a number from 0 to {}, auto or none", text,
-                      ZORV_LARGEST_RANK);
+        throw Failure(ZORV_FAILURE_USAGE, "--rank {}: that is no rank; say a number from 0 to {}, auto or none",
+                      text, ZORV_LARGEST_RANK);
     }
     return rank;
 }

@@ -23,6 +23,8 @@ namespace
 constexpr uint64_t ZORV_NS_PER_SECOND = 1'000'000'000;
 constexpr uint64_t ZORV_LINE_EVERY_NS = ZORV_NS_PER_SECOND;
 constexpr uint64_t ZORV_SIZE_EVERY_NS = 50'000'000;
+constexpr uint64_t ZORV_FIRST_WRITER_NS = 200'000'000; // short runs have a writer, too
+constexpr uint64_t ZORV_WRITER_EVERY_NS = ZORV_NS_PER_SECOND;
 // A session of thousands of processes takes its time to look through, and the program needs the CPU.
 constexpr uint64_t ZORV_REST_FACTOR = 20;
 constexpr std::string_view ZORV_ERASE_LINE = "\r\x1b[K";
@@ -142,7 +144,8 @@ uint64_t Due(RunOverseer* pOverseer, uint64_t* pNext, uint64_t every, uint64_t n
 
 RunOverseer::RunOverseer(OverseerTask task)
     : m_task(std::move(task)), m_startNs(ReadClocks().m_monotonicNs),
-      m_nextLineNs(m_startNs + ZORV_LINE_EVERY_NS), m_nextSizeNs(m_startNs + ZORV_SIZE_EVERY_NS)
+      m_nextLineNs(m_startNs + ZORV_LINE_EVERY_NS), m_nextSizeNs(m_startNs + ZORV_SIZE_EVERY_NS),
+      m_nextWriterNs(m_startNs + ZORV_FIRST_WRITER_NS)
 {
     m_task.m_isLive = m_task.m_isLive && IsTerminal();
 }
@@ -171,6 +174,9 @@ std::optional<uint64_t> Oversee(RunOverseer* pOverseer)
     {
         atLatest(Due(pOverseer, &pOverseer->m_nextSizeNs, ZORV_SIZE_EVERY_NS, now, PauseAtBudget));
     }
+    atLatest(Due(pOverseer, &pOverseer->m_nextWriterNs, ZORV_WRITER_EVERY_NS, now,
+                 [&task](RunOverseer* pSeen)
+                 { NoteWriters(&pSeen->m_writers, task.m_sessionPath, task.m_blockName); }));
     if (task.m_isLive)
     {
         atLatest(Due(pOverseer, &pOverseer->m_nextLineNs, ZORV_LINE_EVERY_NS, now,

@@ -2,6 +2,8 @@
 // a look after the process that agents take for their launcher.
 #pragma once
 
+#include "Session/WriterTimes.h"
+
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -33,6 +35,8 @@ struct RunOverseer
     uint64_t m_startNs;
     uint64_t m_nextLineNs;
     uint64_t m_nextSizeNs;
+    uint64_t m_nextWriterNs;
+    WriterTimes m_writers;
     bool m_isLineShown = false;
     bool m_isStopped = false;       // for the duration
     bool m_isBudgetReached = false; // and said

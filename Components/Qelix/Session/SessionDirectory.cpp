@@ -24,7 +24,7 @@ constexpr const char* g_folders[] = {".log", ".error", "trace", "sample", "metad
 
 [[noreturn]] void ThrowNotMade(const std::string& path, const std::string& why)
 {
-    throw Failure(ZORV_STATUS_OWN_FAILURE,
+    throw Failure(ZORV_FAILURE_CANNOT_WRITE,
                   "cannot make the session directory {}: {}; choose another with -o DIR", path, why)
         .At(path);
 }

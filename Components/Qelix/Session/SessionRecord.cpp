@@ -84,6 +84,7 @@ void AddSetUp(const SessionRecord& record, Json* pJson)
     json["end"] = ClocksJson(record.m_end);
     json["budgetBytes"] = OrNull(record.m_budgetBytes);
     json["isBudgetReached"] = record.m_isBudgetReached;
+    json["writerCpuNs"] = OrNull(record.m_writerCpuNs);
     json["buildIds"] = record.m_buildIds;
 }
 
@@ -184,6 +185,7 @@ void TakeSetUp(const Json& json, SessionRecord* pRecord)
     pRecord->m_start = ClocksAt(json, "start");
     pRecord->m_end = ClocksAt(json, "end");
     pRecord->m_budgetBytes = ValueAt<uint64_t>(json, "budgetBytes");
+    pRecord->m_writerCpuNs = ValueAt<uint64_t>(json, "writerCpuNs");
     pRecord->m_isBudgetReached = FlagAt(json, "isBudgetReached", false);
     pRecord->m_buildIds = BuildIdsIn(json);
 }

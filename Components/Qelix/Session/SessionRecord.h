@@ -38,6 +38,7 @@ struct SessionRecord
     std::optional<ClockPair> m_end;
     std::optional<uint64_t> m_budgetBytes;         // of the session directory
     bool m_isBudgetReached = false;                // collection was paused for it
+    std::optional<uint64_t> m_writerCpuNs;         // of the agents' writers, as last seen alive
     std::map<std::string, std::string> m_buildIds; // of the modules by path, hex digits
 };
 

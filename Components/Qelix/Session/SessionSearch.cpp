@@ -44,7 +44,7 @@ std::string SessionOfProcess(pid_t pid)
 {
     if (kill(pid, 0) != 0 && errno == ESRCH)
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "-p {}: there is no such process; name the session's directory",
+        throw Failure(ZORV_FAILURE_NO_SESSION, "-p {}: there is no such process; name the session's directory",
                       pid);
     }
     pid_t ancestor = pid;
@@ -56,7 +56,7 @@ std::string SessionOfProcess(pid_t pid)
         }
         ancestor = ParentOf(ancestor);
     }
-    throw Failure(ZORV_STATUS_OWN_FAILURE,
+    throw Failure(ZORV_FAILURE_NO_SESSION,
                   "-p {}: this process belongs to no session, or to another user; name the session's directory",
                   pid);
 }
@@ -146,7 +146,7 @@ SessionTarget SessionAt(const std::string& path)
     const fs::path real = fs::canonical(path, error);
     if (error || !IsSession(real))
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE, "{} is no session{}; name a directory that qelix run has made",
+        throw Failure(ZORV_FAILURE_NO_SESSION, "{} is no session{}; name a directory that qelix run has made",
                       path, error ? ": " + error.message() : "")
             .At(path);
     }

@@ -85,7 +85,7 @@ Minimum ParseMinimum(const std::string& text)
     const auto found = std::find(g_classNames.begin(), g_classNames.end(), name);
     if (equals == std::string::npos || (found == g_classNames.end() && name != "all"))
     {
-        throw Failure(ZORV_STATUS_OWN_FAILURE,
+        throw Failure(ZORV_FAILURE_USAGE,
                       "--min {}: say CLASS=TIME with one of the classes {}, or all, as in --min io=10us", text,
                       ClassList());
     }
@@ -100,9 +100,8 @@ Minimum ParseMinimum(const std::string& text)
         minimum.m_threshold = ParseDuration(time);
         if (!minimum.m_threshold)
         {
-            throw Failure(ZORV_STATUS_OWN_FAILURE,
-                          "--min {}: {} is no time; say it like 500ns, 10us, 1ms, 0 or off", text,
-                          time.empty() ? "nothing" : time);
+            throw Failure(ZORV_FAILURE_USAGE, "--min {}: {} is no time; say it like 500ns, 10us, 1ms, 0 or off",
+                          text, time.empty() ? "nothing" : time);
         }
     }
     return minimum;
@@ -116,7 +115,7 @@ void SettleIo(Thresholds* pThresholds, bool isIoNamed, bool isSyscallNamed)
     if (isIoNamed && isSyscallNamed && io != syscall)
     {
         throw Failure(
-            ZORV_STATUS_OWN_FAILURE,
+            ZORV_FAILURE_USAGE,
             "--min io and --min syscall differ, and the agent has one setting for both: its only key that "
             "reaches the io class is that of syscall; give both the same time, or name one of them");
     }

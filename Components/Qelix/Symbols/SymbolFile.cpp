@@ -163,6 +163,15 @@ std::vector<FileFrame> FramesAt(SymbolFile* pFile, uint64_t address)
     return frames;
 }
 
+uint64_t StartOfUnnamed(SymbolFile* pFile, uint64_t address)
+{
+    if (!pFile->m_ranges)
+    {
+        pFile->m_ranges = ReadFunctionRanges(pFile->m_pModule);
+    }
+    return FunctionStart(*pFile->m_ranges, address).value_or(address);
+}
+
 bool IsSignalReturn(const SymbolFile& file, uint64_t address)
 {
     constexpr std::array<unsigned char, 9> code = {0x48, 0xc7, 0xc0, 0x0f, 0, 0, 0, 0x0f, 0x05}; // rt_sigreturn

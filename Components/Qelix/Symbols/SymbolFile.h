@@ -4,11 +4,13 @@
 #pragma once
 
 #include "Symbols/DebugInfo.h"
+#include "Symbols/FunctionStarts.h"
 #include "Symbols/SymbolTable.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -58,6 +60,7 @@ struct SymbolFile
     std::vector<CodeSegment> m_segments;
     std::vector<Symbol> m_symbols;
     DebugInfo m_debugInfo;
+    std::optional<std::vector<FunctionRange>> m_ranges;          // once a function without a name was asked for
     std::vector<FileFunction> m_functions;                       // those that were asked for
     std::unordered_map<const void*, uint32_t> m_functionOfEntry; // of the debug information
 };
@@ -71,6 +74,9 @@ uint64_t AddressInFile(const SymbolFile& file, uint64_t mappingSize, uint64_t of
 // The functions at an address, the innermost inlined one first, the one that really stands there last. Empty
 // when the file has no name for it.
 std::vector<FileFrame> FramesAt(SymbolFile* pFile, uint64_t address);
+
+// Where the function at an address begins, as far as the unwinding tables know; else the address itself.
+uint64_t StartOfUnnamed(SymbolFile* pFile, uint64_t address);
 
 // Is this how libc returns from a signal handler?
 bool IsSignalReturn(const SymbolFile& file, uint64_t address);

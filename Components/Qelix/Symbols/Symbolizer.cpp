@@ -99,7 +99,8 @@ CodePlace LookUp(Symbolizer* pSymbolizer, Module* pModule, uint64_t address)
     place.m_isNamed = !place.m_functions.empty();
     if (!place.m_isNamed)
     {
-        const std::string name = fmt::format("{}+{:#x}", ModuleName(pFile->m_path), address);
+        const std::string name =
+            fmt::format("{}+{:#x}", ModuleName(pFile->m_path), StartOfUnnamed(pFile, address));
         AddFrame(pSymbolizer, &place, {FunctionId(pSymbolizer, {name, pFile->m_path})});
     }
     return place;

@@ -18,7 +18,7 @@ namespace qelix
 
 struct Function
 {
-    std::string m_name;     // demangled; "module+0x1234" where no symbol tells
+    std::string m_name;     // demangled; "module+0x1234", where it begins, when no symbol tells
     std::string m_module;   // the file's path, "[vdso]" and the like, or "[no module]"
     std::string m_source{}; // the file it is written in; empty: not known
     uint32_t m_line = 0;    // where it begins in there; 0: not known

@@ -110,10 +110,10 @@ function showLocks(report, place) {
 }
 
 function showFunctions(report, place) {
-    const { functions, samples, periodNs } = report.cpu;
+    const { functions, sampledNs } = report.cpu;
     showTable(place, { id: "cpu", title: "Where CPU went", rows: functions, all: report.cut.functions,
-        empty: "The session has no samples.", columns: [["self", (row) => shareText(row.self, samples)],
-            ["total", (row) => shareText(row.total, samples)], ["self time", (row) => durationText(row.self * periodNs)],
+        empty: "The session has no samples.", columns: [["self", (row) => shareText(row.selfNs, sampledNs)],
+            ["total", (row) => shareText(row.totalNs, sampledNs)], ["self time", (row) => durationText(row.selfNs)],
             ["function", (row) => row.name, true], ["module", (row) => row.module.split("/").pop(), true]] });
 }
 

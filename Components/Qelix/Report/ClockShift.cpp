@@ -1,4 +1,4 @@
-#include "Pages/ClockShift.h"
+#include "Report/ClockShift.h"
 
 #include "Reader/Records.h"
 #include "Session/SessionDirectory.h"
@@ -62,6 +62,11 @@ uint64_t Shifted(uint64_t time, int64_t shift)
     const bool isUnder = shift < 0 && (moved >= time || moved == 0);
     const bool isOver = shift > 0 && (moved < time || moved == ZORV_TIME_NOT_ENDED);
     return isUnder ? 1 : isOver ? ZORV_TIME_NOT_ENDED - 1 : moved;
+}
+
+LifeSpan Shifted(const LifeSpan& span, int64_t shift)
+{
+    return {Shifted(span.m_first, shift), Shifted(span.m_last, shift), span.m_isEnded};
 }
 
 } // namespace qelix

@@ -1,6 +1,8 @@
 // Hosts of a merged session have clocks of their own.
 #pragma once
 
+#include "Report/LifeSpan.h"
+
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -20,5 +22,6 @@ int64_t ShiftOf(const ClockShifts& shifts, const std::string& file);
 
 // A time that is 0, or that of a call which has not returned, says something else and stays.
 uint64_t Shifted(uint64_t time, int64_t shift);
+LifeSpan Shifted(const LifeSpan& span, int64_t shift);
 
 } // namespace qelix
