@@ -167,7 +167,7 @@ template <ZorvEntryPoint* pEntry, typename, typename> struct NamingPrctl
         call.m_pProfileInfo = pProfileInfo;
         call.m_funcVa = reinterpret_cast<uint64_t>(pReal);
         call.m_class = {ZORV_SYSCALL_TYPE_OTHER, ZORV_UMT_EVENT_SYSCALL};
-        return ZorvDirectPattern::Run<int>(&call, pReal, option, a2, a3, a4, a5);
+        return ZorvDirectPattern::Run<ZorvHalvesOutOfLine, int>(&call, pReal, option, a2, a3, a4, a5);
     }
 
     static int Call(int option, unsigned long a2, unsigned long a3, unsigned long a4, unsigned long a5)
