@@ -153,7 +153,8 @@ def test_signals_during_and_after_the_finalisation(session, tracing):
     assert len(samples_of(run)) > 0
 
 
-@pytest.mark.parametrize("way", ["sigaction", "signal", "sigset", "ignore", "sigignore", "raw"])
+@pytest.mark.parametrize("way", ["sigaction", "signal", "sigset", "ignore", "sigignore", "raw", "restore",
+                                 "restore-signal"])
 @pytest.mark.parametrize("number", [SIGNAL, 27])
 def test_a_program_that_resets_every_signal_lives(session, way, number):
     session.configure(QELIX_PROFILING_SIGNAL_NUMBER=number, **REAL_TIMER)

@@ -279,6 +279,24 @@ static void IgnoreBySigignore(int sig)
     sigignore(sig);
 }
 
+static void RestoreByAction(int sig)
+{
+    struct sigaction found;
+    if (sigaction(sig, NULL, &found) == 0)
+    {
+        sigaction(sig, &found, NULL);
+    }
+}
+
+static void RestoreBySignal(int sig)
+{
+    sighandler_t found = signal(sig, SIG_IGN);
+    if (found != SIG_ERR)
+    {
+        signal(sig, found);
+    }
+}
+
 static void ResetByRawCall(int sig)
 {
     char action[64] = {0}; // a kernel's sigaction of zeroes is SIG_DFL without flags
@@ -293,7 +311,8 @@ int ResetSignals(void)
         const char* m_pName;
         void (*m_pReset)(int);
     } ways[] = {{"sigaction", ResetByAction}, {"signal", ResetBySignal},        {"sigset", ResetBySigset},
-                {"ignore", IgnoreByAction},   {"sigignore", IgnoreBySigignore}, {"raw", ResetByRawCall}};
+                {"ignore", IgnoreByAction},   {"sigignore", IgnoreBySigignore}, {"raw", ResetByRawCall},
+                {"restore", RestoreByAction}, {"restore-signal", RestoreBySignal}};
     const char* pWanted = getenv("ZORV_TEST_RESET");
     JoinStorm();
     for (size_t i = 0; i < sizeof(ways) / sizeof(ways[0]); ++i)

@@ -3,6 +3,7 @@
 #include "ZorvUserModeTraceSignals.h"
 #include "ZorvUserModeTraceInterposers.h"
 #include "ZorvUserModeTraceProcess.h"
+#include "ZorvUserModeTraceSampling.h"
 
 #include <cerrno>
 #include <linux/futex.h>
@@ -25,6 +26,27 @@ bool ZorvUmsIsProfilingSignal(int sig)
 static bool IsRealHandler(__sighandler_t handler)
 {
     return handler != SIG_DFL && handler != SIG_IGN;
+}
+
+// A program that saves all actions and puts them back later, as debuggers do, takes nothing from us.
+static bool IsOurHandler(__sighandler_t handler)
+{
+    return reinterpret_cast<void*>(handler) == reinterpret_cast<void*>(&ZorvUmsSignalHandler);
+}
+
+static bool IsOurAction(const struct sigaction* pAction)
+{
+    return (pAction->sa_flags & SA_SIGINFO) != 0 && IsOurHandler(pAction->sa_handler);
+}
+
+// signal(2) would hand our handler on without what it is to be told.
+static ZORV_COLD __sighandler_t PutOurHandlerBack(int sig)
+{
+    struct sigaction ours = {};
+    struct sigaction old = {};
+    ours.sa_sigaction = ZorvUmsSignalHandler;
+    ours.sa_flags = SA_RESTART | SA_SIGINFO;
+    return ZorvUmaSigAction(sig, &ours, &old) == 0 ? old.sa_handler : SIG_ERR;
 }
 
 static bool InstallsHandler(const struct sigaction* pAction)
@@ -84,7 +106,7 @@ template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct Guar
 
     static int Call(int sig, const struct sigaction* pAction, struct sigaction* pOldAction)
     {
-        if (ZORV_UNLIKELY(ZorvUmsIsProfilingSignal(sig) && InstallsHandler(pAction)))
+        if (ZORV_UNLIKELY(ZorvUmsIsProfilingSignal(sig) && InstallsHandler(pAction) && !IsOurAction(pAction)))
             RefuseSignal(sig);
         if (ZORV_UNLIKELY(ZorvUmsIsArmedSignal(sig) && pAction != nullptr && pAction->sa_handler == SIG_DFL))
             return Pretend(sig, pOldAction);
@@ -99,7 +121,11 @@ template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct Guar
     static __sighandler_t Call(int sig, __sighandler_t handler)
     {
         if (ZORV_UNLIKELY(ZorvUmsIsProfilingSignal(sig) && IsRealHandler(handler)))
+        {
+            if (IsOurHandler(handler))
+                return PutOurHandlerBack(sig);
             RefuseSignal(sig);
+        }
         if (ZORV_UNLIKELY(ZorvUmsIsArmedSignal(sig) && handler == SIG_DFL))
             return SIG_DFL;
         return OtherCall<pEntry, Detail, Pointer>::Call(sig, handler);
