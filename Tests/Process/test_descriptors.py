@@ -101,6 +101,7 @@ def test_a_number_that_the_program_takes_while_the_agent_opens_its_file_again_st
     run, files = run_in(session, "descriptors", "hold_at_exit", ahead=[program("slow_hands.so")])
     assert (run.status, run.err) == (STATUS, b"")
     assert files == native_files
+    assert any("Writer thread id" in text for text in run.log_texts("INFO")), "the line of that moment"
     run.assert_all_files_parse()
 
 

@@ -25,6 +25,7 @@ constexpr uint32_t MAX_NUMBERS = 8;  // of one file, the current one first
 constexpr int USUAL_LOWEST_FD = 512; // high enough for shells and small enough for the kernel's table
 constexpr int FIRST_FREE_FD = 3;
 constexpr int OPEN_ATTEMPTS = 3;
+constexpr int FLIGHT = 64; // away from a program that takes one number after the other
 constexpr size_t PROC_PATH_SIZE = 64;
 constexpr size_t PATH_SIZE = 4096;
 
@@ -90,10 +91,14 @@ static int LowestOwnFd()
     return half > FIRST_FREE_FD ? half : FIRST_FREE_FD;
 }
 
-// A duplicate at `lowest` or above in place of `fd`, or -1 with `fd` closed.
-static int MoveTo(int fd, int lowest)
+// A duplicate in place of `fd`, at the first of these numbers, or above it, where there is room; or -1, with
+// `fd` closed.
+static int MoveTo(int fd, std::initializer_list<int> lowestOnes)
 {
-    int moved = FcntlOwn(fd, F_DUPFD_CLOEXEC, lowest);
+    int moved = -1;
+    for (int lowest : lowestOnes)
+        if (moved < 0)
+            moved = FcntlOwn(fd, F_DUPFD_CLOEXEC, lowest);
     ZorvUmaClose(fd);
     return moved < 0 ? -1 : moved;
 }
@@ -303,9 +308,9 @@ static int OpenUnder(const KeptFile* pFile, int oldFd)
         return -1;
     }
     if (IsUnused(oldFd))
-        fd = MoveTo(fd, oldFd);
+        fd = MoveTo(fd, {oldFd});
     if (fd >= 0 && fd != oldFd)
-        fd = MoveTo(fd, g_highestFd + 1);
+        fd = MoveTo(fd, {g_highestFd + FLIGHT, g_highestFd + 1});
     RememberHighest(fd);
     return IsStill(pFile, fd) ? fd : -1; // else the program was faster, and it is the program's
 }
@@ -352,8 +357,8 @@ int ZorvUmaOwnDescriptor(int fd)
 
 // ---- writing ---------------------------------------------------------------------------------------------
 
-// Without a signal for a file that may not grow.
-static ssize_t WriteUnsignalled(int fd, const void* pBuf, size_t count)
+// Without a signal for a file that may not grow. The number is looked at last of all, and renewed.
+static ssize_t WriteUnsignalled(int* pFd, const void* pBuf, size_t count)
 {
     sigset_t sizeSignal;
     sigset_t before;
@@ -363,7 +368,8 @@ static ssize_t WriteUnsignalled(int fd, const void* pBuf, size_t count)
     ZorvRawSigmask(SIG_BLOCK, &sizeSignal, &before);
     sigpending(&pending);
 
-    ssize_t written = ZorvUmaWrite(fd, pBuf, count);
+    *pFd = ZorvUmaOwnDescriptor(*pFd);
+    ssize_t written = ZorvUmaWrite(*pFd, pBuf, count);
 
     int savedErrno = errno;
     if (written == -1 && savedErrno == EFBIG && sigismember(&pending, SIGXFSZ) == 0)
@@ -380,15 +386,15 @@ static ssize_t WriteUnsignalled(int fd, const void* pBuf, size_t count)
 
 ssize_t ZorvUmaWriteOwnFile(int fd, const void* pBuf, size_t count)
 {
-    return WriteUnsignalled(ZorvUmaOwnDescriptor(fd), pBuf, count);
+    return WriteUnsignalled(&fd, pBuf, count);
 }
 
 static ssize_t WriteOrCutBack(int fd, const void* pBuf, size_t count)
 {
     fd = ZorvUmaOwnDescriptor(fd);
     long start = fd < 0 ? -1 : ZorvRawSyscall(SYS_lseek, fd, 0, SEEK_CUR);
-    ssize_t written = WriteUnsignalled(fd, pBuf, count);
-    if (written != static_cast<ssize_t>(count) && start >= 0)
+    ssize_t written = WriteUnsignalled(&fd, pBuf, count);
+    if (written != static_cast<ssize_t>(count) && start >= 0 && ZorvUmaIsStillOwn(fd))
     {
         ZorvRawSyscall(SYS_ftruncate, fd, start);
         ZorvRawSyscall(SYS_lseek, fd, start, SEEK_SET);
