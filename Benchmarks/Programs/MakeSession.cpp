@@ -81,7 +81,8 @@ void WriteName(FILE* pFile, const ThreadState& thread)
 {
     const ZorvUmtRecordHdr header = {
         ZORV_UMT_RECORD_PROC, ZORV_UMT_PROC_RECORD_SIZE, 0, 0, ZORV_START, 0, ZORV_PID, thread.m_tid};
-    ZorvUmtProcRecord name = {static_cast<uint64_t>(thread.m_tid) << 12};
+    ZorvUmtProcRecord name = {};
+    name.m_pthreadId = static_cast<uint64_t>(thread.m_tid) << 12;
     snprintf(name.m_name, sizeof(name.m_name), "worker-%d", thread.m_tid - ZORV_PID);
     fwrite(&header, sizeof(header), 1, pFile);
     fwrite(&name, sizeof(name), 1, pFile);
@@ -89,7 +90,7 @@ void WriteName(FILE* pFile, const ThreadState& thread)
 
 bool WriteTrace(FILE* pFile, long records)
 {
-    const ZorvUmtFileHdr header = {ZORV_FILE_MAGIC_NUM, ZORV_PID, 0, ZORV_UMT_FILE_VERSION_1_1};
+    const ZorvUmtFileHdr header = {ZORV_FILE_MAGIC_NUM, ZORV_PID, 0, ZORV_UMT_FILE_VERSION_1_1, 0, 0};
     fwrite(&header, sizeof(header), 1, pFile);
     std::array<ThreadState, ZORV_THREADS> threads;
     for (int i = 0; i < ZORV_THREADS; ++i)

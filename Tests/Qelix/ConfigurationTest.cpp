@@ -128,7 +128,7 @@ bool IsTracing(const std::string& text)
 
 AgentSettings Settings()
 {
-    return {"/tmp/my session", "/opt/lib/agent.so", "/qelix-77", 123, SameThresholds(2500), true, std::nullopt};
+    return {"/tmp/my session", "/opt/lib/agent.so", "/qelix-77", 123, SameThresholds(2500), true, std::nullopt, {}};
 }
 
 } // namespace

@@ -157,9 +157,10 @@ TEST_F(CpuViewsTest, LinesAreCountedOnlyWhereTheyAreAskedFor)
 
 TEST_F(CpuViewsTest, ForAScreenSourcesLoseTheirFolders)
 {
-    Table table{{{"selfNs", "self", ZORV_CELL_TIME},
-                 {"totalNs", "total", ZORV_CELL_TIME},
-                 {"source", "source", ZORV_CELL_TEXT}}};
+    Table table;
+    table.m_columns = {{"selfNs", "self", ZORV_CELL_TIME},
+                       {"totalNs", "total", ZORV_CELL_TIME},
+                       {"source", "source", ZORV_CELL_TEXT}};
     AddRow(&table, uint64_t{1}, uint64_t{2}, TextCell("/src/app/a.c:12"));
     AddRow(&table, uint64_t{3}, uint64_t{4}, TextCell(""));
     EXPECT_EQ(Rows(BriefTable(table)),

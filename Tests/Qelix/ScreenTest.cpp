@@ -18,6 +18,14 @@ TEST(Screen, WidthsAreColumns)
     EXPECT_EQ(CutTo("anything", 0), "");
 }
 
+TEST(Screen, OfANameWithAnOffsetTheOffsetStays)
+{
+    EXPECT_EQ(CutName("libsqlite3.so.0.8.6+0x15eac8", 20), "libsqlite..+0x15eac8");
+    EXPECT_EQ(CutName("libsqlite3.so.0.8.6+0x15eac8", 28), "libsqlite3.so.0.8.6+0x15eac8");
+    EXPECT_EQ(CutName("libsqlite3.so.0.8.6+0x15eac8", 12), "libsqlite3..") << "no room for both";
+    EXPECT_EQ(CutName("an_ordinary_name", 10), "an_ordin..");
+}
+
 TEST(Screen, LinesBreakAtBlanksAndKeepWordsWhole)
 {
     EXPECT_EQ(Wrapped("one two three", 7, "  "), "one two\n  three");

@@ -198,10 +198,19 @@ int Run(const RunOptions& options, bool withReport)
     RunInSession(options, plan, session, &record);
     const std::vector<AgentError> errors = ReadAgentErrors(session.m_path);
     const std::optional<int> waitStatus = WaitStatusOf(record, errors);
-    PrintNote(fmt::format("{} {}", options.m_command.front(),
-                          waitStatus ? EndText(*waitStatus) : "was ended by the agent"));
+    const std::string end = fmt::format("{} {}", options.m_command.front(),
+                                        waitStatus ? EndText(*waitStatus) : "was ended by the agent");
+    const bool isInReport = withReport && waitStatus;
+    if (!isInReport)
+    {
+        PrintNote(end);
+    }
     ExplainSecondThread(record, session.m_path, waitStatus.value_or(0));
     const bool isComplete = FinishSession(session.m_path, &record, withReport);
+    if (isInReport && !isComplete) // the session's files may not tell it
+    {
+        PrintNote(end);
+    }
     if (!isComplete && options.m_isStrict)
     {
         return ZORV_STATUS_OWN_FAILURE;

@@ -1,7 +1,8 @@
 #include "Compare/Difference.h"
 
-#include "Compare/Csv.h"
+#include "Report/Csv.h"
 #include "Report/Report.h"
+#include "Report/Screen.h"
 
 #include <algorithm>
 #include <cmath>
@@ -14,6 +15,8 @@ namespace
 {
 
 using Json = nlohmann::ordered_json;
+
+constexpr std::size_t ZORV_WIDEST_NAME = 60;
 
 std::size_t RowsShown(const Difference& difference, std::size_t most)
 {
@@ -32,20 +35,29 @@ std::string ChangeText(const Difference& difference, double change)
     return (change < 0 ? "-" : "+") + ValueText(difference, std::abs(change));
 }
 
-// Against what it was before; nothing to tell where it was nothing.
+// Against what it was before.
 std::string PartText(const DifferenceRow& row)
 {
-    return row.m_a.m_mean > 0 ? fmt::format("{:+.1f} %", 100 * ChangeOf(row) / row.m_a.m_mean) : "new";
+    constexpr double severalTimes = 10;
+    const double before = row.m_a.m_mean;
+    const double after = row.m_b.m_mean;
+    if (before <= 0 || after <= 0)
+    {
+        return before <= 0 && after <= 0 ? "" : before <= 0 ? "new" : "gone";
+    }
+    return after / before >= severalTimes ? fmt::format("{:.0f} x", after / before)
+                                          : fmt::format("{:+.1f} %", 100 * ChangeOf(row) / before);
 }
 
 std::string RowText(const Difference& difference, const DifferenceRow& row)
 {
     const std::string place =
         row.m_key.m_place.empty() ? "" : fmt::format("  ({})", PrintableText(row.m_key.m_place));
+    const std::string name = CutName(PrintableText(row.m_key.m_name), ZORV_WIDEST_NAME);
     return fmt::format("  {:<6} {:>10} {:>10} {:>11} {:>9} {:>8}  {:<8} {}{}\n", VerdictName(row.m_verdict),
                        ValueText(difference, row.m_a.m_mean), ValueText(difference, row.m_b.m_mean),
                        ChangeText(difference, ChangeOf(row)), "±" + ValueText(difference, NoiseOf(row)),
-                       PartText(row), row.m_key.m_kind, PrintableText(row.m_key.m_name), place);
+                       PartText(row), row.m_key.m_kind, name, place);
 }
 
 Json SideJson(const Estimate& estimate, double count, const char* pUnit)

@@ -45,6 +45,10 @@ void AddFunctions(Measures* pMeasures, const SessionFacts& session)
     Add(pMeasures, {"cpu", "(all)", ""}, MeasureOfSamples(SampleCount(session), SampledNs(session)));
     for (const auto& [id, count] : FunctionsOf(session))
     {
+        if (count.m_self == 0)
+        {
+            continue; // what it called is told under its own name
+        }
         const Function& function = session.m_pSymbolizer->m_functions[id];
         Add(pMeasures, {"function", function.m_name, ModuleName(function.m_module)},
             MeasureOfSamples(count.m_self, count.m_selfNs));

@@ -1,5 +1,5 @@
-#include "Compare/Csv.h"
 #include "Compare/Ranks.h"
+#include "Report/Csv.h"
 #include "Report/Report.h"
 
 #include <algorithm>

@@ -1,5 +1,6 @@
 // Tables of comma-separated values. Every row names its process and thread, so that a file can be read without
 // the others.
+#include "Report/Csv.h"
 #include "Export/Folded.h"
 #include "Export/Formats.h"
 
@@ -27,20 +28,10 @@ struct Table
     void (*m_write)(TableWriter* pWriter, const SurveyedProcess& process);
 };
 
-// Only a text with a comma, a quotation mark or a line break needs marks around it.
-std::string CsvText(const std::string& text)
+// Names come from the program: no byte of them may end a line.
+std::string NameAsCsv(const std::string& name)
 {
-    const std::string printable = PrintableText(text);
-    if (printable.find_first_of(",\"") == std::string::npos)
-    {
-        return printable;
-    }
-    std::string quoted = "\"";
-    for (const char c : printable)
-    {
-        quoted += c == '"' ? "\"\"" : std::string(1, c);
-    }
-    return quoted + '"';
+    return CsvText(PrintableText(name));
 }
 
 std::map<int32_t, std::string> HeadsOfThreads(const SurveyedProcess& process)
@@ -49,7 +40,7 @@ std::map<int32_t, std::string> HeadsOfThreads(const SurveyedProcess& process)
     for (const auto& [tid, thread] : process.m_threads)
     {
         heads[tid] =
-            fmt::format("{},{},{},{}", process.m_pid, CsvText(process.m_name), tid, CsvText(thread.m_name));
+            fmt::format("{},{},{},{}", process.m_pid, NameAsCsv(process.m_name), tid, NameAsCsv(thread.m_name));
     }
     return heads;
 }
@@ -70,7 +61,7 @@ void WriteCalls(TableWriter* pWriter, const SurveyedProcess& process)
     {
         while (names.size() < pStream->m_names.m_names.size())
         {
-            names.push_back(CsvText(pStream->m_names.m_names[names.size()]));
+            names.push_back(NameAsCsv(pStream->m_names.m_names[names.size()]));
         }
         Put(pWriter->m_pOutput,
             fmt::format("{},{},{},{},{},{},{},{},{},{},{}\n", pWriter->m_heads[call.m_tid],
@@ -91,7 +82,7 @@ std::string StackAsCsv(const SessionStream& stream, uint32_t stack)
     {
         text += (text.empty() ? "" : ";") + FoldedFrame(stream.m_symbolizer.m_functions[function].m_name);
     }
-    return CsvText(text);
+    return NameAsCsv(text);
 }
 
 // Where the sample fell: function, module, source file and line.
@@ -105,8 +96,8 @@ std::string InnermostAsCsv(const SessionStream& stream, uint32_t stack)
     const CodePlace& place = *stream.m_stacks.m_places[frame.m_place].m_pPlace;
     const CodeLine& line = stream.m_symbolizer.m_lines[place.m_lines.front()];
     const Function& function = stream.m_symbolizer.m_functions[line.m_function];
-    return fmt::format("{},{},{},{}", CsvText(function.m_name), CsvText(function.m_module),
-                       CsvText(stream.m_symbolizer.m_sources[line.m_source]),
+    return fmt::format("{},{},{},{}", NameAsCsv(function.m_name), NameAsCsv(function.m_module),
+                       NameAsCsv(stream.m_symbolizer.m_sources[line.m_source]),
                        line.m_line == 0 ? "" : std::to_string(line.m_line));
 }
 

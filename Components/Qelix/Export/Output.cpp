@@ -20,7 +20,9 @@ constexpr mode_t ZORV_FILE_MODE = 0666; // less the umask, as for every new file
 
 [[noreturn]] void FailOutput(const std::string& path)
 {
-    throw Failure(ZORV_FAILURE_CANNOT_WRITE, "{} cannot be written: {}", path, strerror(errno)).At(path);
+    throw Failure(ZORV_FAILURE_CANNOT_WRITE, "{} cannot be written: {}; choose another file with -o FILE", path,
+                  strerror(errno))
+        .At(path);
 }
 
 void WriteAll(const Output& output, std::string_view bytes)

@@ -1,12 +1,8 @@
 #include "Pages/PageFile.h"
 
+#include "Export/Output.h"
 #include "Pages/Assets.h"
 #include "Session/Failure.h"
-
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace qelix
 {
@@ -66,20 +62,6 @@ void AppendUpTo(std::string_view mark, std::string_view* pTemplate, std::string*
     pTemplate->remove_prefix(at + mark.size());
 }
 
-bool WriteAll(int fd, std::string_view text)
-{
-    while (!text.empty())
-    {
-        const ssize_t count = write(fd, text.data(), text.size());
-        if (count < 0 && errno != EINTR)
-        {
-            return false;
-        }
-        text.remove_prefix(count < 0 ? 0 : static_cast<std::size_t>(count));
-    }
-    return true;
-}
-
 } // namespace
 
 std::string PageText(const PageJson& data)
@@ -98,23 +80,9 @@ std::string PageText(const PageJson& data)
 
 void WritePage(const std::string& path, const std::string& text)
 {
-    const std::string newPath = fmt::format("{}.new-{}", path, getpid());
-    const int fd = open(newPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    const bool isWritten = fd >= 0 && WriteAll(fd, text);
-    const int writeError = errno;
-    const bool isClosed = fd >= 0 && close(fd) == 0;
-    if (isWritten && isClosed && rename(newPath.c_str(), path.c_str()) == 0)
-    {
-        return;
-    }
-    const int error = isWritten ? errno : writeError;
-    if (fd >= 0)
-    {
-        unlink(newPath.c_str());
-    }
-    throw Failure(ZORV_FAILURE_CANNOT_WRITE, "{} cannot be written: {}; choose another file with -o FILE", path,
-                  strerror(error))
-        .At(path);
+    const auto pOutput = OpenOutput(path, ZORV_COMPRESS_NONE);
+    Put(pOutput.get(), text);
+    CloseOutput(pOutput.get());
 }
 
 } // namespace qelix

@@ -2,6 +2,7 @@
 #include "Report/CpuFacts.h"
 #include "Report/Report.h"
 #include "Report/TextParts.h"
+#include "Report/ThreadTimes.h"
 
 #include <algorithm>
 #include <cstring>
@@ -16,7 +17,7 @@ namespace
 
 constexpr std::size_t ZORV_CAUTIONS_SHOWN = 4;
 constexpr std::size_t ZORV_CHILDREN_SHOWN = 3;
-constexpr const char* ZORV_AGENT = "libZorUserModeTracingAgent.so";
+constexpr double ZORV_SHARE_WORTH_A_LOOK = 0.1;
 
 std::string OutcomeText(const SessionRecord& record)
 {
@@ -65,7 +66,7 @@ std::string CostText(const SessionFacts& session)
     for (const auto& [function, count] : FunctionsOf(session))
     {
         const std::string module = ModuleName(session.m_pSymbolizer->m_functions[function].m_module);
-        inAgent += module == ZORV_AGENT ? count.m_self : 0;
+        inAgent += module == ZORV_AGENT_FILE ? count.m_self : 0;
     }
     const uint64_t samples = SampleCount(session);
     const double seconds = static_cast<double>(LengthOf(session.m_span)) / 1e9;
@@ -160,14 +161,39 @@ std::string ShellWord(const std::string& word)
     return quoted + "'";
 }
 
+// Of the time of all threads.
+double ShareOf(const SessionFacts& session, std::initializer_list<TimeKind> kinds)
+{
+    double part = 0;
+    double whole = 0;
+    for (const ThreadTimes& times : TimesOfThreads(session))
+    {
+        whole += static_cast<double>(times.m_wallNs);
+        for (const TimeKind kind : kinds)
+        {
+            part += static_cast<double>(times.m_timeNs[kind]);
+        }
+    }
+    return whole == 0 ? 0 : part / whole;
+}
+
+// The views of what took the time.
 void WriteNext(Lines out, const SessionFacts& session, const Screen& screen)
 {
     const std::string directory = PrintableText(ShellWord(session.m_path));
     fmt::format_to(out, "\n{}\n", Heading(screen, "NEXT"));
+    if (ShareOf(session, {ZORV_TIME_IO}) >= ZORV_SHARE_WORTH_A_LOOK)
+    {
+        fmt::format_to(out, "  qelix io {}\n", directory);
+    }
     if (!session.m_locks.empty())
     {
         fmt::format_to(out, "  qelix locks {} {}\n", directory,
                        PrintableText(ShellWord(session.m_locks.front().m_name)));
+    }
+    if (ShareOf(session, {ZORV_TIME_SLEEP, ZORV_TIME_WAIT}) >= ZORV_SHARE_WORTH_A_LOOK)
+    {
+        fmt::format_to(out, "  qelix waits {}\n", directory);
     }
     if (!NeverReturnedSentence(session).empty())
     {

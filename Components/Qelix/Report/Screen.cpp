@@ -65,6 +65,17 @@ std::string CutTo(std::string_view text, std::size_t width)
     return std::string(text.substr(0, at)) + std::string(width - kept, '.');
 }
 
+std::string CutName(std::string_view name, std::size_t width)
+{
+    constexpr std::size_t least = 4; // of the name itself
+    const std::size_t offset = name.rfind("+0x");
+    if (offset == std::string_view::npos || name.size() - offset + least > width || WidthOf(name) <= width)
+    {
+        return CutTo(name, width);
+    }
+    return CutTo(name.substr(0, offset), width - (name.size() - offset)) + std::string(name.substr(offset));
+}
+
 std::string Fitted(std::string_view text, std::size_t width)
 {
     std::string fitted = CutTo(text, width);

@@ -27,6 +27,9 @@ std::string Fitted(std::string_view text, std::size_t width);
 // Cut off where it is wider.
 std::string CutTo(std::string_view text, std::size_t width);
 
+// The same of a symbol: the offset behind a name, "libx.so+0x4010", tells two of them apart and stays.
+std::string CutName(std::string_view name, std::size_t width);
+
 // Lines of at most the width, broken at blanks; all but the first begin with the indentation.
 std::string Wrapped(std::string_view text, std::size_t width, std::string_view indentation);
 

@@ -137,7 +137,14 @@ void WriteFunction(Lines out, const FunctionRow& row, double wholeNs, const Scre
     const std::string place = PlaceText(*row.m_pFunction);
     fmt::format_to(out, "  {:>7} {:>6.1f} {:>6.1f}  {}{}\n", DurationText(WholeNs(row.m_count.m_selfNs)),
                    100 * row.m_count.m_selfNs / wholeNs, 100 * row.m_count.m_totalNs / wholeNs,
-                   CutTo(PrintableText(row.m_pFunction->m_name), screen.m_width - 25 - WidthOf(place)), place);
+                   CutName(PrintableText(row.m_pFunction->m_name), screen.m_width - 25 - WidthOf(place)),
+                   place);
+}
+
+// Its own code stands on every stack that goes through a traced call or a thread's start.
+bool IsWayThroughAgent(const FunctionRow& row)
+{
+    return row.m_count.m_self == 0 && ModuleName(row.m_pFunction->m_module) == ZORV_AGENT_FILE;
 }
 
 } // namespace
@@ -185,10 +192,10 @@ void WriteLockTable(Lines out, const SessionFacts& session, const Screen& screen
         const LockFacts& lock = session.m_locks[i];
         const CallFacts& calls = lock.m_calls;
         fmt::format_to(out, "  {} {:<7} {:>7} {:>7} {:>7} {:>7} {:>7} {:>7.1f}\n",
-                       Fitted(PrintableText(lock.m_name), nameWidth), ShortKind(*lock.m_pKind), calls.m_calls,
-                       DurationText(calls.m_totalNs), DurationText(MeanNs(calls)),
-                       DurationText(Percentile(calls.m_durations, 95)), DurationText(calls.m_longestNs),
-                       MeanWaiters(lock));
+                       Fitted(CutName(PrintableText(lock.m_name), nameWidth), nameWidth),
+                       ShortKind(*lock.m_pKind), calls.m_calls, DurationText(calls.m_totalNs),
+                       DurationText(MeanNs(calls)), DurationText(Percentile(calls.m_durations, 95)),
+                       DurationText(calls.m_longestNs), MeanWaiters(lock));
         WriteLockPeople(out, session, lock, screen);
     }
     if (session.m_lockCount > ZORV_LOCKS_SHOWN)
@@ -205,6 +212,7 @@ void WriteFunctionTable(Lines out, const SessionFacts& session, const Screen& sc
         return;
     }
     std::vector<FunctionRow> rows = RankedFunctions(*session.m_pSymbolizer, FunctionsOf(session));
+    std::erase_if(rows, IsWayThroughAgent);
     const std::size_t all = rows.size();
     rows.resize(std::min(all, ZORV_FUNCTIONS_SHOWN));
     fmt::format_to(out, "\n{} {}, each for {}\n  {:>7} {:>6} {:>6}  {}\n", Heading(screen, "WHERE CPU GOES"),

@@ -1,5 +1,6 @@
 #include "Report/Table.h"
 
+#include "Report/Csv.h"
 #include "Report/Report.h"
 #include "Session/Failure.h"
 
@@ -7,6 +8,8 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <nlohmann/json.hpp>
+#include <numeric>
+#include <string_view>
 
 namespace qelix
 {
@@ -45,15 +48,28 @@ bool IsLeft(CellForm form)
 std::string Aligned(const std::string& text, std::size_t width, CellForm form)
 {
     const std::string blanks(width - std::min(width, WidthOf(text)), ' ');
-    return IsLeft(form) ? Fitted(text, width) : blanks + text;
+    return IsLeft(form) ? Fitted(CutName(text, width), width) : blanks + text;
 }
 
-// Texts give up what the screen has not, the widest one first.
-std::vector<std::size_t> WidthsOf(const Table& table, const std::vector<std::vector<std::string>>& texts,
-                                  const Screen& screen)
+using Texts = std::vector<std::vector<std::string>>;
+
+Texts TextsOf(const Table& table)
+{
+    Texts texts;
+    for (const std::vector<Cell>& row : table.m_rows)
+    {
+        std::vector<std::string>& cells = texts.emplace_back();
+        for (std::size_t i = 0; i < row.size(); ++i)
+        {
+            cells.push_back(CellText(row[i], table.m_columns[i].m_form));
+        }
+    }
+    return texts;
+}
+
+std::vector<std::size_t> WishedWidths(const Table& table, const Texts& texts)
 {
     std::vector<std::size_t> widths;
-    std::size_t sum = 0;
     for (std::size_t i = 0; i < table.m_columns.size(); ++i)
     {
         std::size_t width = WidthOf(table.m_columns[i].m_pTitle);
@@ -62,8 +78,58 @@ std::vector<std::size_t> WidthsOf(const Table& table, const std::vector<std::vec
             width = std::max(width, WidthOf(row[i]));
         }
         widths.push_back(width);
-        sum += width + (i == 0 ? 0 : 2);
     }
+    return widths;
+}
+
+std::size_t LineWidth(const std::vector<std::size_t>& widths)
+{
+    return std::accumulate(widths.begin(), widths.end(), 2 * std::max<std::size_t>(widths.size(), 1) - 2);
+}
+
+bool IsRepeated(const Table& table, std::size_t column)
+{
+    const std::string_view key = table.m_columns[column].m_pKey;
+    return (key == "process" || key == "pid") && !table.m_rows.empty() &&
+           std::all_of(table.m_rows.begin(), table.m_rows.end(),
+                       [&](const std::vector<Cell>& row)
+                       { return row[column] == table.m_rows.front()[column]; });
+}
+
+// Where the screen has no room the process of all rows is told once, below them.
+Table WithoutRepetition(const Table& table)
+{
+    Table brief{{}, std::vector<std::vector<Cell>>(table.m_rows.size()), table.m_notes};
+    std::string process;
+    for (std::size_t column = 0; column < table.m_columns.size(); ++column)
+    {
+        if (std::string_view(table.m_columns[column].m_pKey) == "class")
+        {
+            continue; // a call's name says nearly as much
+        }
+        if (IsRepeated(table, column))
+        {
+            process += ' ' + CellText(table.m_rows.front()[column], table.m_columns[column].m_form);
+            continue;
+        }
+        brief.m_columns.push_back(table.m_columns[column]);
+        for (std::size_t row = 0; row < table.m_rows.size(); ++row)
+        {
+            brief.m_rows[row].push_back(table.m_rows[row][column]);
+        }
+    }
+    if (!process.empty())
+    {
+        brief.m_notes.push_back("all of process" + process);
+    }
+    return brief;
+}
+
+// Texts give up what the screen has not, the widest one first.
+std::vector<std::size_t> WidthsOf(const Table& table, const Texts& texts, const Screen& screen)
+{
+    std::vector<std::size_t> widths = WishedWidths(table, texts);
+    std::size_t sum = LineWidth(widths);
     while (sum > screen.m_width)
     {
         std::size_t* pWidest = nullptr;
@@ -96,26 +162,11 @@ void AppendLine(std::string* pText, const Table& table, const std::vector<std::s
     *pText += line.substr(0, line.find_last_not_of(' ') + 1) + '\n';
 }
 
-// Quoted where RFC 4180 asks for it.
-std::string CsvField(const std::string& text)
-{
-    if (text.find_first_of(",\"\r\n") == std::string::npos)
-    {
-        return text;
-    }
-    std::string quoted = "\"";
-    for (const char c : text)
-    {
-        quoted += c == '"' ? "\"\"" : std::string(1, c);
-    }
-    return quoted + '"';
-}
-
 std::string CsvCell(const Cell& cell)
 {
     if (const auto* pText = std::get_if<std::string>(&cell))
     {
-        return CsvField(*pText);
+        return CsvText(*pText);
     }
     if (const auto* pCount = std::get_if<uint64_t>(&cell))
     {
@@ -181,17 +232,11 @@ void KeepRows(Table* pTable, std::size_t count)
     }
 }
 
-std::string TableText(const Table& table, const Screen& screen)
+std::string TableText(const Table& whole, const Screen& screen)
 {
-    std::vector<std::vector<std::string>> texts;
-    for (const std::vector<Cell>& row : table.m_rows)
-    {
-        std::vector<std::string>& cells = texts.emplace_back();
-        for (std::size_t i = 0; i < row.size(); ++i)
-        {
-            cells.push_back(CellText(row[i], table.m_columns[i].m_form));
-        }
-    }
+    const bool isTooWide = LineWidth(WishedWidths(whole, TextsOf(whole))) > screen.m_width;
+    const Table table = isTooWide ? WithoutRepetition(whole) : whole;
+    const Texts texts = TextsOf(table);
     const std::vector<std::size_t> widths = WidthsOf(table, texts, screen);
     std::vector<std::string> titles;
     for (const TableColumn& column : table.m_columns)

@@ -55,7 +55,7 @@ template <typename... T> std::vector<Cell>& AddRow(Table* pTable, T&&... cells)
 void SortTable(Table* pTable, const std::string& key);
 void KeepRows(Table* pTable, std::size_t count);
 
-std::string TableText(const Table& table, const Screen& screen);
+std::string TableText(const Table& whole, const Screen& screen);
 std::string TableCsv(const Table& table);
 std::string TableJson(const Table& table); // an object: "rows", a list of objects, and "notes"
 

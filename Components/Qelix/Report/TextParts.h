@@ -12,6 +12,8 @@
 namespace qelix
 {
 
+constexpr const char* ZORV_AGENT_FILE = "libZorUserModeTracingAgent.so";
+
 using Lines = std::back_insert_iterator<std::string>;
 
 std::string NameOr(const std::string& name, const char* pOtherwise);
