@@ -16,7 +16,7 @@ namespace
 
 constexpr uint64_t BASE = uint64_t{1} << 40; // where the file is mapped, as far as the look-up knows
 
-ModuleMap MapOf(const std::string& path, const CodeSegment& code)
+ModuleMap MapOf(const std::string& path, const LoadedSegment& code)
 {
     ModuleMap map;
     AddMapping(&map, {BASE, BASE + code.m_size, 1, path});
@@ -35,7 +35,7 @@ void PrintNames(const Symbolizer& symbolizer, const CodePlace& place)
     putchar('\n');
 }
 
-void Measure(const std::string& path, const CodeSegment& code, uint64_t count, bool withNames)
+void Measure(const std::string& path, const LoadedSegment& code, uint64_t count, bool withNames)
 {
     const auto start = std::chrono::steady_clock::now();
     Symbolizer symbolizer;
@@ -69,12 +69,12 @@ int main(int argc, char** argv)
     const std::string what = argc > 3 ? argv[3] : "";
     const uint64_t count = argc > 2 ? strtoull(argv[2], nullptr, 10) : 0;
     const auto pFile = OpenSymbolFile(argc > 1 ? argv[1] : "");
-    if (count == 0 || pFile->m_segments.empty())
+    if (count == 0 || pFile->m_code.empty())
     {
         fprintf(stderr, "usage: NameAddresses FILE COUNT [list|names]\n");
         return 2;
     }
-    const CodeSegment code = pFile->m_segments.front();
+    const LoadedSegment code = pFile->m_code.front();
     if (what != "list")
     {
         Measure(argv[1], code, count, what == "names");

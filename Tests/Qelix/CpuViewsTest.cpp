@@ -99,6 +99,25 @@ TEST_F(CpuViewsTest, ASampleWeighsWhatItsProcessMissed)
     EXPECT_EQ(rows[1]["selfNs"], 2 * TICK);
 }
 
+TEST_F(CpuViewsTest, ProcessesOfOneIdOnTwoHostsMissTheirOwnSamples)
+{
+    FileBytes file;
+    AddSample(&file.StreamHeader(42), {0x10});
+    for (const std::string host : {"s0-host", "s1-host"})
+    {
+        m_folder.Write("sample/profile_" + host + "_42.ums", file);
+    }
+    m_folder.Write(".log/log_s1-host_42.txt", std::string("INFO : 42 : 43: Timer overrun count (3).\n"));
+    std::map<double, int> times;
+    const SessionFacts session = Read({});
+    for (const ProcessFacts& process : session.m_processes)
+    {
+        times[NsPerSample(session, process)] += process.m_samples.m_samples != 0 ? 1 : 0;
+    }
+    EXPECT_EQ(times[TICK], 1);
+    EXPECT_EQ(times[4 * TICK], 1);
+}
+
 TEST_F(CpuViewsTest, EveryReportWeighsSamplesAlike)
 {
     // Of two samples the one of the process that missed three others stands for four fifths of the time.

@@ -62,7 +62,7 @@ void SymbolsTest::Use(const std::string& path)
 {
     const auto pFile = OpenSymbolFile(path);
     ASSERT_TRUE(pFile->m_isReadable) << path;
-    const CodeSegment& segment = pFile->m_segments.at(0);
+    const LoadedSegment& segment = pFile->m_code.at(0);
     m_process = SymbolsOf(
         &m_symbolizer, MapOf({{BASE + segment.m_address, BASE + segment.m_address + segment.m_size, 1, path}}));
 }

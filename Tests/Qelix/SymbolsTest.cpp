@@ -2,8 +2,10 @@
 // hand.
 #include "FileBytes.h"
 #include "SymbolSupport.h"
+#include "Symbols/DataSymbols.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 using namespace qelix;
 
@@ -78,6 +80,15 @@ TEST_F(SymbolsTest, AnAddressInNoMappingHasNoName)
 {
     EXPECT_EQ(CallName(&m_process, 0x10, 1), "0x10");
     EXPECT_EQ(NamesAt(0x10), std::vector<std::string>{"[no module]"});
+}
+
+TEST(DataSymbols, APipeIsNotWaitedFor)
+{
+    const TestFolder folder;
+    const std::string pipe = folder.m_path + "/pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    DataFiles files;
+    EXPECT_TRUE(DataImagesOf(&files, MapOf({{0x1000, 0x2000, 1, pipe}})).empty());
 }
 
 TEST(ModuleMap, AMapThatIsListedAgainIsNotAChange)

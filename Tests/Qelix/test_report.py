@@ -13,6 +13,13 @@ def record(session, *arguments, threshold="0"):
     return result, report(session)
 
 
+def test_the_wall_time_is_that_of_the_program(session):
+    result = qelix("run", "-o", session, "sh", "-c", "sleep 0.3; kill -KILL $$")
+    facts = report(session)
+    assert facts["wallNs"] >= 300_000_000, "also of a program whose last records are lost"
+    assert "0 ns of wall time" not in result.stderr
+
+
 def test_the_writers_of_the_agent_are_looked_at_while_they_live(session):
     result = qelix("run", "-o", session, "sleep", "1")
     facts = json.loads((session / "session.json").read_text())

@@ -1,11 +1,14 @@
 """The views of a session: their rows, filters and forms, and what the one screen says."""
 
 import csv
+import fcntl
 import io
 import json
 import os
 import pty
+import struct
 import subprocess
+import termios
 
 import pytest
 
@@ -173,3 +176,39 @@ def test_colours_are_for_terminals_that_want_them(recorded):
     assert "\x1b[" not in on_terminal(recorded, NO_COLOR="1")
     assert "\x1b[" not in on_terminal(recorded, TERM="dumb")
     assert "\x1b[" not in view("report", recorded)
+
+
+def on_screen(arguments, rows, **variables):
+    """What a terminal with so many rows is given."""
+    pid, terminal = pty.fork()
+    if pid == 0:
+        fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("HHHH", rows, 80, 0, 0))
+        os.execve(QELIX, [QELIX, *map(str, arguments)], {**os.environ, "TERM": "xterm", "NO_COLOR": "1", **variables})
+    text = b""
+    try:
+        while chunk := os.read(terminal, 65536):
+            text += chunk
+    except OSError:
+        pass  # the other side is gone
+    assert os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]) == 0
+    os.close(terminal)
+    return text.decode().replace("\r", "")
+
+
+def test_only_what_does_not_fit_on_a_terminal_is_paged(session):
+    qelix("run", "-q", "-o", session, SUBJECT, "contend", "50")
+    pager = {"QELIX_PAGER": "sed s/^/paged:/"}
+    long = on_screen(["report", "--full", session], 5, **pager).splitlines()
+    assert long and all(line.startswith("paged:") for line in long)
+    assert "paged:" not in on_screen(["report", "--full", session], 500, **pager)
+    assert "paged:" not in on_screen(["report", "--full", session], 5, QELIX_PAGER="", PAGER="sed s/^/paged:/")
+    missing = on_screen(["report", "--full", session], 5, QELIX_PAGER="no-such-pager")
+    assert missing.splitlines() == [line[len("paged:"):] for line in long]
+    assert "paged:" not in qelix("report", "--full", session, env={**os.environ, **pager}).stdout
+
+
+def test_columns_are_sorted_by_either_of_their_names(session):
+    qelix("run", "-q", "-o", session, "--min", "all=0", SUBJECT, "contend", "50")
+    by_key = qelix("waits", session, "--sort", "longestNs", "--csv").stdout
+    assert len(by_key.splitlines()) > 2
+    assert qelix("waits", session, "--sort", "longest", "--csv").stdout == by_key

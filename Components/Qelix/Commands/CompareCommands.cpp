@@ -1,4 +1,5 @@
 #include "Commands/Commands.h"
+#include "Commands/Pager.h"
 #include "Compare/Difference.h"
 #include "Compare/Merge.h"
 #include "Compare/Ranks.h"
@@ -73,7 +74,7 @@ int Diff(const DiffOptions& options)
     const auto form = options.m_table.m_isJson  ? DifferenceJson
                       : options.m_table.m_isCsv ? DifferenceCsv
                                                 : DifferenceText;
-    PrintOut(form(difference, options.m_table.m_most));
+    PrintPaged(form(difference, options.m_table.m_most));
     if (isDamaged)
     {
         PrintNote("a file is damaged and was compared as far as it can be read; qelix report says which");
@@ -105,7 +106,7 @@ int ShowRanks(const RanksOptions& options)
 {
     const RankTable table = TableOf(ReadRanks(SessionsAt(options.m_job)));
     const auto form = options.m_table.m_isJson ? RanksJson : options.m_table.m_isCsv ? RanksCsv : RanksText;
-    PrintOut(form(table, options.m_table.m_most));
+    PrintPaged(form(table, options.m_table.m_most));
     return 0;
 }
 

@@ -1,4 +1,5 @@
 #include "Commands/Commands.h"
+#include "Commands/Pager.h"
 #include "Session/Failure.h"
 #include "Session/SessionProcesses.h"
 #include "Session/SessionSearch.h"
@@ -182,7 +183,7 @@ int List(const ListOptions& options)
     {
         return RemoveOld(std::move(sessions), options);
     }
-    PrintOut(options.m_isJson ? ListJson(sessions) : ListText(sessions, options.m_directory));
+    PrintPaged(options.m_isJson ? ListJson(sessions) : ListText(sessions, options.m_directory));
     return 0;
 }
 

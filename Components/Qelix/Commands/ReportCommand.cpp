@@ -1,4 +1,5 @@
 #include "Commands/Commands.h"
+#include "Commands/Pager.h"
 #include "Commands/ViewOptions.h"
 #include "Report/Report.h"
 #include "Session/Failure.h"
@@ -27,9 +28,9 @@ int Report(const ReportOptions& options)
     view.m_filter = FilterOf(options.m_filter);
     const SessionFacts session =
         ReadSessionFacts(SessionOr(options.m_session), {.m_withAgentFrames = options.m_withAgentFrames}, view);
-    PrintOut(options.m_isJson   ? ReportJson(session)
-             : options.m_isFull ? FullReportText(session)
-                                : ReportText(session, ScreenOf(STDOUT_FILENO)));
+    PrintPaged(options.m_isJson   ? ReportJson(session)
+               : options.m_isFull ? FullReportText(session)
+                                  : ReportText(session, ScreenOf(STDOUT_FILENO)));
     return IsDamaged(session) ? ZORV_STATUS_DAMAGED : 0;
 }
 

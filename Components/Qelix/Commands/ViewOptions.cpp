@@ -1,6 +1,7 @@
 #include "Commands/ViewOptions.h"
 
 #include "Commands/Commands.h"
+#include "Commands/Pager.h"
 #include "Session/Durations.h"
 #include "Session/Failure.h"
 
@@ -114,9 +115,9 @@ void PrintTable(Table table, const TableOptions& options)
     {
         KeepRows(&table, rows);
     }
-    PrintOut(options.m_isJson  ? TableJson(table)
-             : options.m_isCsv ? TableCsv(table)
-                               : TableText(table, ScreenOf(STDOUT_FILENO)));
+    PrintPaged(options.m_isJson  ? TableJson(table)
+               : options.m_isCsv ? TableCsv(table)
+                                 : TableText(table, ScreenOf(STDOUT_FILENO)));
 }
 
 std::string SessionOr(const std::string& directory)

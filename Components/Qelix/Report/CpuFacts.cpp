@@ -105,9 +105,9 @@ struct Missed
     uint64_t m_lost = 0;
 };
 
-uint64_t CountOf(const std::map<pid_t, uint64_t>& counts, const ProcessFacts& process)
+uint64_t CountOf(const std::map<MarkedPid, uint64_t>& counts, const ProcessFacts& process)
 {
-    const auto found = counts.find(static_cast<pid_t>(process.m_pid));
+    const auto found = counts.find(MarkedPidInFileName(process.m_samples.m_path));
     return found == counts.end() ? 0 : found->second;
 }
 

@@ -307,7 +307,7 @@ std::string ReportJson(const SessionFacts& session)
     Json json = {{"session", session.m_path}, {"command", session.m_record.m_command}};
     json["waitStatus"] = session.m_record.m_waitStatus ? Json(*session.m_record.m_waitStatus) : Json(nullptr);
     json["bytes"] = session.m_bytes;
-    json["wallNs"] = LengthOf(session.m_span);
+    json["wallNs"] = WallNs(session);
     json["thresholdsNs"] = ThresholdsJson(session.m_settings.m_thresholds);
     json["processes"] = std::move(processes);
     json["unrecorded"] = UnrecordedJson(session);

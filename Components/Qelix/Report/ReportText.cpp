@@ -47,7 +47,7 @@ void WriteHead(Lines out, const SessionFacts& session, const Screen& screen)
                                     ? "the program"
                                     : PrintableText(fmt::format("{}", fmt::join(record.m_command, " ")));
     const std::string outcome = fmt::format(
-        " {}; {} of wall time, {}, {}", OutcomeText(record), DurationText(LengthOf(session.m_span)),
+        " {}; {} of wall time, {}, {}", OutcomeText(record), DurationText(WallNs(session)),
         Plural(session.m_processes.size(), "process", "processes"), Plural(threads, "thread", "threads"));
     const uint64_t lost = session.m_log.m_lostTraceRecords + session.m_log.m_lostSampleRecords;
     const std::string recorded =
@@ -69,7 +69,7 @@ std::string CostText(const SessionFacts& session)
         inAgent += module == ZORV_AGENT_FILE ? count.m_self : 0;
     }
     const uint64_t samples = SampleCount(session);
-    const double seconds = static_cast<double>(LengthOf(session.m_span)) / 1e9;
+    const double seconds = static_cast<double>(WallNs(session)) / 1e9;
     std::string text = "The agent's cost: ";
     if (samples != 0)
     {
@@ -84,7 +84,7 @@ std::string CostText(const SessionFacts& session)
                             DurationText(*session.m_record.m_writerCpuNs));
     }
     text += BytesText(session.m_bytes) + " of files";
-    if (seconds > 0)
+    if (seconds >= 1) // what one file header is a second says nothing
     {
         text += fmt::format(", {} a second",
                             BytesText(static_cast<uint64_t>(static_cast<double>(session.m_bytes) / seconds)));

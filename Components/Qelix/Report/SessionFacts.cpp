@@ -206,6 +206,14 @@ bool IsDamaged(const SessionFacts& session)
                        });
 }
 
+uint64_t WallNs(const SessionFacts& session)
+{
+    const std::optional<ClockPair>& start = session.m_record.m_start;
+    const std::optional<ClockPair>& end = session.m_record.m_end;
+    const bool isSeen = start && end && end->m_monotonicNs > start->m_monotonicNs;
+    return std::max(LengthOf(session.m_span), isSeen ? end->m_monotonicNs - start->m_monotonicNs : 0);
+}
+
 uint64_t CallCount(const TraceFacts& process)
 {
     uint64_t count = 0;

@@ -60,6 +60,9 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
 
 bool IsDamaged(const SessionFacts& session);
 
+// Of the run as the launcher saw it: what the records span is less when they were stopped, or lost to a kill.
+uint64_t WallNs(const SessionFacts& session);
+
 uint64_t CallCount(const TraceFacts& process);
 uint64_t SampleCount(const SessionFacts& session);
 

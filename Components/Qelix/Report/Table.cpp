@@ -209,13 +209,20 @@ void SortTable(Table* pTable, const std::string& key)
     {
         keys.push_back(column.m_pKey);
     }
-    const auto at = std::find(keys.begin(), keys.end(), key);
-    if (at == keys.end())
+    const std::vector<TableColumn>& columns = pTable->m_columns;
+    auto at = std::find_if(columns.begin(), columns.end(),
+                           [&key](const TableColumn& column) { return column.m_pKey == key; });
+    if (at == columns.end()) // as the text calls it
+    {
+        at = std::find_if(columns.begin(), columns.end(),
+                          [&key](const TableColumn& column) { return column.m_pTitle == key; });
+    }
+    if (at == columns.end())
     {
         throw Failure(ZORV_FAILURE_USAGE, "--sort: there is no column \"{}\"; there are {}", key,
                       fmt::join(keys, ", "));
     }
-    const auto column = static_cast<std::size_t>(at - keys.begin());
+    const auto column = static_cast<std::size_t>(at - columns.begin());
     const bool isText = pTable->m_columns[column].m_form == ZORV_CELL_TEXT;
     std::stable_sort(pTable->m_rows.begin(), pTable->m_rows.end(),
                      [column, isText](const std::vector<Cell>& a, const std::vector<Cell>& b)

@@ -123,14 +123,14 @@ void TakeLogLine(const std::string& path, const char* pLine, AgentLogFacts* pFac
     if (lost != 0)
     {
         pFacts->m_lostSampleRecords += lost;
-        pFacts->m_lostSamplesOf[PidInFileName(path)] += lost;
+        pFacts->m_lostSamplesOf[MarkedPidInFileName(path)] += lost;
     }
     uint64_t overruns = 0;
     AddCount(line, "Timer overrun count (", &overruns);
     if (overruns != 0)
     {
         pFacts->m_timerOverruns += overruns;
-        pFacts->m_overrunsOf[PidInFileName(path)] += overruns;
+        pFacts->m_overrunsOf[MarkedPidInFileName(path)] += overruns;
     }
     if (line.starts_with("ERROR : "))
     {

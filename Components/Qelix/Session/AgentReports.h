@@ -1,6 +1,8 @@
 // What the agents of a session said of themselves: the error files, meant for the launcher, and the logs.
 #pragma once
 
+#include "Session/ProcessWatch.h"
+
 #include <cstdint>
 #include <map>
 #include <string>
@@ -35,9 +37,9 @@ struct AgentLogFacts
     uint64_t m_logCount = 0;
     uint64_t m_lostTraceRecords = 0;
     uint64_t m_lostSampleRecords = 0;
-    uint64_t m_timerOverruns = 0;              // expiries of sampling timers that no sample was made of
-    std::map<pid_t, uint64_t> m_overrunsOf;    // the same by process
-    std::map<pid_t, uint64_t> m_lostSamplesOf; // by process
+    uint64_t m_timerOverruns = 0;                  // expiries of sampling timers that no sample was made of
+    std::map<MarkedPid, uint64_t> m_overrunsOf;    // the same by process
+    std::map<MarkedPid, uint64_t> m_lostSamplesOf; // by process
     uint64_t m_errorLines = 0;
     std::string m_firstError;     // the first such line
     std::string m_firstErrorFile; // where it stands

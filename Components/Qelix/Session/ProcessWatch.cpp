@@ -76,6 +76,16 @@ pid_t PidInFileName(const std::string& path)
                : static_cast<pid_t>(strtol(path.c_str() + underscore + 1, nullptr, 10));
 }
 
+MarkedPid MarkedPidInFileName(const std::string& path)
+{
+    const std::string name = path.substr(path.rfind('/') + 1);
+    const std::string behindKind = name.substr(name.find('_') + 1);
+    const std::size_t end = behindKind.find_first_not_of("0123456789", 1);
+    const bool isMarked =
+        behindKind.starts_with('s') && end != std::string::npos && end > 1 && behindKind[end] == '-';
+    return {isMarked ? behindKind.substr(0, end + 1) : "", PidInFileName(path)};
+}
+
 ProcessWatch::ProcessWatch(const std::string& sessionPath)
 {
     m_inotifyFd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);

@@ -3,6 +3,7 @@
 // qelix gets to run is missed.
 #pragma once
 
+#include <compare>
 #include <map>
 #include <string>
 #include <sys/types.h>
@@ -34,5 +35,16 @@ pid_t ParentOf(pid_t pid);
 // The id at the end of a name that an agent gave to one of its files, "..._PID.EXTENSION"; 0 when there is
 // none.
 pid_t PidInFileName(const std::string& path);
+
+// Hosts of a merged session may have processes of one id. Their files have marks in front of the host's name,
+// "trace_s1-HOST_PID.umt", which tell them apart.
+struct MarkedPid
+{
+    std::string m_mark; // "s1-"; empty without one
+    pid_t m_pid = 0;
+    auto operator<=>(const MarkedPid&) const = default;
+};
+
+MarkedPid MarkedPidInFileName(const std::string& path);
 
 } // namespace qelix

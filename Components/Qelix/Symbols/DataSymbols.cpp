@@ -13,55 +13,6 @@ namespace qelix
 namespace
 {
 
-constexpr uint64_t ZORV_PAGE = 4096;
-
-const Dwfl_Callbacks g_callbacks = {dwfl_build_id_find_elf, dwfl_standard_find_debuginfo,
-                                    dwfl_offline_section_address, nullptr};
-
-void ReadSegments(DataFile* pFile)
-{
-    GElf_Addr bias;
-    Elf* pElf = dwfl_module_getelf(pFile->m_pModule, &bias);
-    size_t count = 0;
-    if (pElf == nullptr || elf_getphdrnum(pElf, &count) != 0)
-    {
-        return;
-    }
-    pFile->m_bias = bias;
-    for (size_t i = 0; i < count; ++i)
-    {
-        GElf_Phdr header;
-        if (gelf_getphdr(pElf, static_cast<int>(i), &header) == nullptr || header.p_type != PT_LOAD)
-        {
-            continue;
-        }
-        pFile->m_segments.push_back({header.p_vaddr, header.p_memsz});
-        if ((header.p_flags & PF_X) != 0)
-        {
-            const uint64_t begin = header.p_vaddr / ZORV_PAGE * ZORV_PAGE;
-            const uint64_t end = (header.p_vaddr + header.p_filesz + ZORV_PAGE - 1) / ZORV_PAGE * ZORV_PAGE;
-            pFile->m_code.push_back({begin, end - begin});
-        }
-    }
-}
-
-std::unique_ptr<DataFile> OpenDataFile(const std::string& path)
-{
-    auto pFile = std::make_unique<DataFile>();
-    pFile->m_pDwfl.reset(dwfl_begin(&g_callbacks));
-    if (pFile->m_pDwfl == nullptr || !path.starts_with('/'))
-    {
-        return pFile; // pseudo-files like [vdso] hold no locks
-    }
-    pFile->m_pModule = dwfl_report_offline(pFile->m_pDwfl.get(), path.c_str(), path.c_str(), -1);
-    dwfl_report_end(pFile->m_pDwfl.get(), nullptr, nullptr);
-    if (pFile->m_pModule != nullptr)
-    {
-        ReadSegments(pFile.get());
-    }
-    return pFile;
-}
-
 void ReadVariables(DataFile* pFile)
 {
     pFile->m_hasVariables = true;
@@ -103,19 +54,6 @@ const Variable* FindVariable(const DataFile& file, uint64_t address)
     return nullptr;
 }
 
-// Of several executable segments the one whose size the mapping has.
-const LoadedSegment* SegmentOf(const DataFile& file, const Mapping& mapping)
-{
-    for (const LoadedSegment& segment : file.m_code)
-    {
-        if (segment.m_size == mapping.m_end - mapping.m_start)
-        {
-            return &segment;
-        }
-    }
-    return file.m_code.empty() ? nullptr : &file.m_code.front();
-}
-
 } // namespace
 
 std::vector<DataImage> DataImagesOf(DataFiles* pFiles, const ModuleMap& map)
@@ -126,9 +64,10 @@ std::vector<DataImage> DataImagesOf(DataFiles* pFiles, const ModuleMap& map)
         std::unique_ptr<DataFile>& pFile = pFiles->m_files[mapping.m_path];
         if (pFile == nullptr)
         {
-            pFile = OpenDataFile(mapping.m_path);
+            pFile = std::make_unique<DataFile>();
+            OpenElfModule(pFile.get(), mapping.m_path); // what cannot be read has no segments
         }
-        const LoadedSegment* pSegment = SegmentOf(*pFile, mapping);
+        const LoadedSegment* pSegment = SegmentMapped(*pFile, mapping.m_end - mapping.m_start);
         if (pSegment == nullptr)
         {
             continue;

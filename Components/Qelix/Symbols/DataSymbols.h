@@ -2,8 +2,8 @@
 // metadata knows executable mappings alone, and they tell where the rest of each file lay.
 #pragma once
 
+#include "Symbols/ElfModule.h"
 #include "Symbols/ModuleMap.h"
-#include "Symbols/SymbolFile.h"
 
 #include <cstdint>
 #include <memory>
@@ -14,12 +14,6 @@
 namespace qelix
 {
 
-struct LoadedSegment
-{
-    uint64_t m_address = 0; // in the file's own address space
-    uint64_t m_size = 0;
-};
-
 struct Variable
 {
     uint64_t m_address = 0;
@@ -27,15 +21,10 @@ struct Variable
     std::string m_name; // as linked, without a version
 };
 
-struct DataFile
+struct DataFile : ElfModule
 {
-    std::unique_ptr<Dwfl, DwflCloser> m_pDwfl;
-    Dwfl_Module* m_pModule = nullptr;
-    uint64_t m_bias = 0;                   // of the library's view of the module
-    std::vector<LoadedSegment> m_code;     // executable ones, in whole pages
-    std::vector<LoadedSegment> m_segments; // all that are loaded, with what is zero at the start
-    bool m_hasVariables = false;           // they have been read
-    std::vector<Variable> m_variables;     // by address
+    bool m_hasVariables = false;       // they have been read
+    std::vector<Variable> m_variables; // by address
 };
 
 // The files of a session, opened when a process that had them mapped is asked for, read when one of their

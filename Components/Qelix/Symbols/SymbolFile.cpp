@@ -2,50 +2,17 @@
 
 #include "Symbols/EntryNames.h"
 #include "Symbols/FunctionNames.h"
-#include "Symbols/VdsoImage.h"
 
-#include <algorithm>
 #include <array>
 #include <cstring>
 #include <elfutils/libdwfl.h>
-#include <filesystem>
 #include <fmt/format.h>
 #include <gelf.h>
-#include <system_error>
 
 namespace qelix
 {
 namespace
 {
-
-constexpr uint64_t ZORV_PAGE = 4096;
-
-const Dwfl_Callbacks g_callbacks = {dwfl_build_id_find_elf, dwfl_standard_find_debuginfo,
-                                    dwfl_offline_section_address, nullptr};
-
-void ReadSegments(SymbolFile* pFile)
-{
-    GElf_Addr bias;
-    Elf* pElf = dwfl_module_getelf(pFile->m_pModule, &bias);
-    size_t count = 0;
-    if (pElf == nullptr || elf_getphdrnum(pElf, &count) != 0)
-    {
-        return;
-    }
-    pFile->m_bias = bias;
-    for (size_t i = 0; i < count; ++i)
-    {
-        GElf_Phdr header;
-        if (gelf_getphdr(pElf, static_cast<int>(i), &header) == nullptr || header.p_type != PT_LOAD ||
-            (header.p_flags & PF_X) == 0)
-        {
-            continue;
-        }
-        const uint64_t begin = header.p_vaddr / ZORV_PAGE * ZORV_PAGE;
-        const uint64_t end = (header.p_vaddr + header.p_filesz + ZORV_PAGE - 1) / ZORV_PAGE * ZORV_PAGE;
-        pFile->m_segments.push_back({begin, end - begin});
-    }
-}
 
 std::string ReadBuildId(Dwfl_Module* pModule)
 {
@@ -93,33 +60,15 @@ uint32_t FunctionOfSymbol(SymbolFile* pFile, Symbol* pSymbol, Dwarf_Die* pEntry)
 
 } // namespace
 
-void DwflCloser::operator()(Dwfl* pDwfl) const
-{
-    dwfl_end(pDwfl);
-}
-
 std::unique_ptr<SymbolFile> OpenSymbolFile(const std::string& path)
 {
     auto pFile = std::make_unique<SymbolFile>();
     pFile->m_path = path;
-    const bool isVdso = path == ZORV_VDSO;
-    const int fd = isVdso ? OpenVdsoImage() : -1;
-    pFile->m_pDwfl.reset(dwfl_begin(&g_callbacks));
-    std::error_code error;
-    // Other pseudo-files hold no code that has names, and a pipe would be waited for.
-    const bool isFile = path.starts_with('/') && std::filesystem::is_regular_file(path, error);
-    if (pFile->m_pDwfl == nullptr || (isVdso ? fd < 0 : !isFile))
-    {
-        return pFile;
-    }
-    pFile->m_pModule = dwfl_report_offline(pFile->m_pDwfl.get(), path.c_str(), path.c_str(), fd);
-    dwfl_report_end(pFile->m_pDwfl.get(), nullptr, nullptr);
-    if (pFile->m_pModule == nullptr)
+    if (!OpenElfModule(pFile.get(), path))
     {
         return pFile;
     }
     pFile->m_isReadable = true;
-    ReadSegments(pFile.get());
     pFile->m_buildId = ReadBuildId(pFile->m_pModule);
     pFile->m_symbols = ReadSymbols(pFile->m_pModule, pFile->m_bias, &pFile->m_hasLocalSymbols);
     pFile->m_debugInfo = OpenDebugInfo(pFile->m_pModule, pFile->m_bias);
@@ -128,14 +77,8 @@ std::unique_ptr<SymbolFile> OpenSymbolFile(const std::string& path)
 
 uint64_t AddressInFile(const SymbolFile& file, uint64_t mappingSize, uint64_t offset)
 {
-    const auto sameSize =
-        std::find_if(file.m_segments.begin(), file.m_segments.end(),
-                     [mappingSize](const CodeSegment& segment) { return segment.m_size == mappingSize; });
-    if (sameSize != file.m_segments.end())
-    {
-        return sameSize->m_address + offset;
-    }
-    return file.m_segments.empty() ? offset : file.m_segments.front().m_address + offset;
+    const LoadedSegment* pSegment = SegmentMapped(file, mappingSize);
+    return pSegment == nullptr ? offset : pSegment->m_address + offset;
 }
 
 std::vector<FileFrame> FramesAt(SymbolFile* pFile, uint64_t address)

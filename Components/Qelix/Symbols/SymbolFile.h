@@ -4,6 +4,7 @@
 #pragma once
 
 #include "Symbols/DebugInfo.h"
+#include "Symbols/ElfModule.h"
 #include "Symbols/FunctionStarts.h"
 #include "Symbols/SymbolTable.h"
 
@@ -15,24 +16,8 @@
 #include <unordered_map>
 #include <vector>
 
-struct Dwfl;
-struct Dwfl_Module;
-
 namespace qelix
 {
-
-constexpr const char* ZORV_VDSO = "[vdso]"; // as mappings name the kernel's code
-
-struct DwflCloser
-{
-    void operator()(Dwfl* pDwfl) const;
-};
-
-struct CodeSegment
-{
-    uint64_t m_address = 0; // in the file's own address space, where its page begins
-    uint64_t m_size = 0;    // whole pages
-};
 
 struct FileFunction
 {
@@ -48,16 +33,12 @@ struct FileFrame
     uint32_t m_line = 0;     // 0: not known
 };
 
-struct SymbolFile
+struct SymbolFile : ElfModule
 {
     std::string m_path;
     bool m_isReadable = false;
     std::string m_buildId;          // hex digits; empty: it has none
     bool m_hasLocalSymbols = false; // not only those that it exports
-    std::unique_ptr<Dwfl, DwflCloser> m_pDwfl;
-    Dwfl_Module* m_pModule = nullptr;
-    uint64_t m_bias = 0; // of the library's view of the module
-    std::vector<CodeSegment> m_segments;
     std::vector<Symbol> m_symbols;
     DebugInfo m_debugInfo;
     std::optional<std::vector<FunctionRange>> m_ranges;          // once a function without a name was asked for
