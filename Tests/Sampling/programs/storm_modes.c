@@ -284,6 +284,7 @@ static void RestoreByAction(int sig)
     struct sigaction found;
     if (sigaction(sig, NULL, &found) == 0)
     {
+        Check(found.sa_mask.__val[0] == 0, "mask");
         sigaction(sig, &found, NULL);
     }
 }

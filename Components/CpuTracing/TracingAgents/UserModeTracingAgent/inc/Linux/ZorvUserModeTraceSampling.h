@@ -25,6 +25,14 @@ inline uint32_t ZorvUmaCsBufRoom(const ZorvUmaProfileInfo* pProfileInfo)
     return pProfileInfo->m_umaConfig.m_callStackDepth + ZORV_UMA_HANDLER_FRAMES;
 }
 
+// libc's own signal for cancellations, as a mask of the kernel's; sigfillset(3) and sigaddset(3) leave it out.
+constexpr uint64_t ZORV_UMS_CANCELLATION = 1ULL << (__SIGRTMIN - 1);
+
+// Behind the installation of the handler: has the kernel block cancellations in it, which saves every sample a
+// system call. Before it is installed anew: until it is closed again the handler does so by itself.
+void ZorvUmsCloseHandlerToCancellations(int signum);
+void ZorvUmsExpectOpenHandler();
+
 // Finds the unwinder, before the first thread is armed; a failure is logged once, and no sample is written
 // then.
 void ZorvUmsOpenUnwinder(ZorvUmaProfileInfo* pProfileInfo);

@@ -34,8 +34,9 @@ using Backtrace = int (*)(void** ppBuffer, int size);
 
 Backtrace g_pBacktrace; // libunwind's unw_backtrace, or what stands in for it
 bool g_isUnwinderSought;
-bool g_isStandIn;     // nothing to be prepared on each thread
-pid_t g_unwindingTid; // whose turn it is, 0: nobody's
+bool g_isStandIn;       // nothing to be prepared on each thread
+pid_t g_unwindingTid;   // whose turn it is, 0: nobody's
+bool g_isHandlerClosed; // the kernel blocks cancellations while the handler runs
 
 } // namespace
 
@@ -386,6 +387,32 @@ extern "C" bool ZorvUmsDestroyTimer(ZorvUmaProfileInfo* pProfileInfo, ZorvUmaPer
     return true;
 }
 
+// The action as the kernel has it; rt_sigaction(2).
+struct KernelAction
+{
+    void (*m_pHandler)(int, siginfo_t*, void*);
+    unsigned long m_flags;
+    void (*m_pRestorer)();
+    uint64_t m_mask;
+};
+
+void ZorvUmsCloseHandlerToCancellations(int signum)
+{
+    KernelAction action = {};
+    bool isOurs = ZorvRawSyscall(SYS_rt_sigaction, signum, 0, reinterpret_cast<long>(&action),
+                                 sizeof(action.m_mask)) == 0 &&
+                  action.m_pHandler == ZorvUmsSignalHandler;
+    action.m_mask |= ZORV_UMS_CANCELLATION;
+    bool isClosed = isOurs && ZorvRawSyscall(SYS_rt_sigaction, signum, reinterpret_cast<long>(&action), 0,
+                                             sizeof(action.m_mask)) == 0;
+    __atomic_store_n(&g_isHandlerClosed, isClosed, __ATOMIC_SEQ_CST);
+}
+
+void ZorvUmsExpectOpenHandler()
+{
+    __atomic_store_n(&g_isHandlerClosed, false, __ATOMIC_SEQ_CST);
+}
+
 static bool InstallHandler(const ZorvUmaProfileInfo* pProfileInfo)
 {
     int signum = pProfileInfo->m_umsConfig.m_timerSignalNum;
@@ -418,6 +445,7 @@ extern "C" bool ZorvUmaConfigureTimerAndPmc(ZorvUmaProfileInfo* pProfileInfo)
         return true;
     if (!InstallHandler(pProfileInfo))
         return false;
+    ZorvUmsCloseHandlerToCancellations(pProfileInfo->m_umsConfig.m_timerSignalNum);
     ZorvUmsConfig* pConfig = &pProfileInfo->m_umsConfig;
     constexpr uint64_t plainLength = sizeof(ZorvUmsRecordHdr) + sizeof(ZorvUmsIpRecord);
     if (pConfig->m_nbrEvents != 0)
@@ -472,11 +500,10 @@ void ZorvUmsResumeAfterExec(bool wasArmed)
 
 // ---- the handler -----------------------------------------------------------------------------------------
 
-// libc's own signal for cancellations; sigfillset(3) and sigaddset(3) leave it out.
 static void MaskCancellations(int how)
 {
-    const uint64_t cancellation = 1ULL << (__SIGRTMIN - 1);
-    ZorvRawSyscall(SYS_rt_sigprocmask, how, reinterpret_cast<long>(&cancellation), 0, sizeof(cancellation));
+    ZorvRawSyscall(SYS_rt_sigprocmask, how, reinterpret_cast<long>(&ZORV_UMS_CANCELLATION), 0,
+                   sizeof(ZORV_UMS_CANCELLATION));
 }
 
 // Reading is a point of cancellation, which has to wait until the record is whole. The type is left alone until
@@ -584,7 +611,7 @@ extern "C" void ZorvUmsSignalHandler(int, siginfo_t* pSigInfo, void* pUContext)
     // A cancellation waits: it would take the unwinder's lock along. The return from the signal opens it again.
     bool wasInterrupted = t_zorvState.m_isInterrupted;
     t_zorvState.m_isInterrupted = IsFromKernel(pUContext);
-    if (t_zorvState.m_isInterrupted)
+    if (t_zorvState.m_isInterrupted && ZORV_UNLIKELY(!__atomic_load_n(&g_isHandlerClosed, __ATOMIC_RELAXED)))
         MaskCancellations(SIG_BLOCK);
     __atomic_add_fetch(&pProfileInfo->m_timerOverrunCnt, static_cast<uint64_t>(pSigInfo->si_overrun),
                        __ATOMIC_SEQ_CST);

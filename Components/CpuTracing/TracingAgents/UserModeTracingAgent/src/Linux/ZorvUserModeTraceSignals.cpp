@@ -46,7 +46,10 @@ static ZORV_COLD __sighandler_t PutOurHandlerBack(int sig)
     struct sigaction old = {};
     ours.sa_sigaction = ZorvUmsSignalHandler;
     ours.sa_flags = SA_RESTART | SA_SIGINFO;
-    return ZorvUmaSigAction(sig, &ours, &old) == 0 ? old.sa_handler : SIG_ERR;
+    ZorvUmsExpectOpenHandler();
+    bool isInstalled = ZorvUmaSigAction(sig, &ours, &old) == 0;
+    ZorvUmsCloseHandlerToCancellations(sig);
+    return isInstalled ? old.sa_handler : SIG_ERR;
 }
 
 static bool InstallsHandler(const struct sigaction* pAction)
@@ -104,6 +107,20 @@ template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct Guar
         return result;
     }
 
+    // What the program puts back was installed with an empty mask, and looks so.
+    static ZORV_COLD int OfProfilingSignal(int sig, const struct sigaction* pAction,
+                                           struct sigaction* pOldAction)
+    {
+        if (pAction != nullptr)
+            ZorvUmsExpectOpenHandler();
+        int result = OtherCall<pEntry, Detail, Pointer>::Call(sig, pAction, pOldAction);
+        if (pAction != nullptr && InstallsHandler(pAction))
+            ZorvUmsCloseHandlerToCancellations(sig);
+        if (result == 0 && pOldAction != nullptr)
+            pOldAction->sa_mask.__val[0] &= ~ZORV_UMS_CANCELLATION;
+        return result;
+    }
+
     static int Call(int sig, const struct sigaction* pAction, struct sigaction* pOldAction)
     {
         if (ZORV_UNLIKELY(ZorvUmsIsProfilingSignal(sig) && InstallsHandler(pAction) && !IsOurAction(pAction)))
@@ -112,6 +129,8 @@ template <ZorvEntryPoint* pEntry, typename Detail, typename Pointer> struct Guar
             return Pretend(sig, pOldAction);
         if (IsProgramsSignal(sig) && InstallsHandler(pAction) && (pAction->sa_flags & SA_NODEFER) != 0)
             ZorvUmaExpectNestedHandlers();
+        if (ZORV_UNLIKELY(ZorvUmsIsProfilingSignal(sig)))
+            return OfProfilingSignal(sig, pAction, pOldAction);
         return OtherCall<pEntry, Detail, Pointer>::Call(sig, pAction, pOldAction);
     }
 };
