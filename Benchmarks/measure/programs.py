@@ -17,7 +17,7 @@ LOADS = 200
 BUILD = "make -j2 of a real project"
 PROJECT = "/usr/src/googletest"
 BUILD_ROUNDS = 3
-NATIVE, TRACED = "native", "everything at 10 us"
+NATIVE, WAITING, TRACED = "native", "one waiting thread", "everything at 10 us"
 MOST_BUILD_RATIO = 1.05
 TEN_MICROSECONDS = 10_000
 EVERYTHING = {"QELIX_TRACE_PTHREAD": f"1:{TEN_MICROSECONDS}:0", "QELIX_TRACE_SYSCALL": f"1:{TEN_MICROSECONDS}:0"}
@@ -82,15 +82,19 @@ def measure_build(context):
         yield skipped(BUILD, PROJECT, "", "make or the package googletest is not installed")
         return
     titles = ("wall time", "CPU time of all processes")
-    rows = {variant: [Row(BUILD, title, variant, "ms", []) for title in titles] for variant in (NATIVE, TRACED)}
+    rows = {variant: [Row(BUILD, title, variant, "ms", []) for title in titles] for variant in (NATIVE, WAITING, TRACED)}
+    waiting = {"LD_PRELOAD": context.floor("BenchWaitingThread")}
     with tempfile.TemporaryDirectory(prefix="qelix-bench-", dir=fast_directory()) as folder:
         project = Project(os.path.join(folder, "build"))
         for _ in range(min(context.rounds, BUILD_ROUNDS)):
-            for variant, took in ((NATIVE, project.build()), (TRACED, _build_under_agent(context, project))):
+            for variant, took in ((NATIVE, project.build()), (WAITING, project.build(waiting)),
+                                  (TRACED, _build_under_agent(context, project))):
                 for row, milliseconds in zip(rows[variant], took):
                     row.samples.append(milliseconds)
-    for native, traced in zip(rows[NATIVE], rows[TRACED]):
-        traced.native = native
+    for native, floor, traced in zip(rows[NATIVE], rows[WAITING], rows[TRACED]):
+        floor.native = traced.native = native
+        traced.floors = {"waiting thread": floor}
         traced.target = Target(f"<= {MOST_BUILD_RATIO:g} x native", traced.ratios()["native"] <= MOST_BUILD_RATIO)
         yield native
+        yield floor
         yield traced
