@@ -69,6 +69,13 @@ def test_the_trace_is_complete(session, mode):
     assert "Lost trace records count = 0" in run.log_texts("INFO")
 
 
+def test_a_number_that_is_closed_in_the_moment_before_a_write_costs_nothing(session):
+    run, _ = run_in(session, "descriptors", "close_each", ahead=[program("closing_hands.so")])
+    assert (run.status, run.err) == (STATUS, b"")
+    assert_all_work_recorded(run, MODES["close_each"])
+    assert run.log_texts("ERROR", "WARN") == []
+
+
 def test_open_returns_3(session):
     run, _ = run_in(session, "descriptors", "numbers")
     assert run.lines()[:2] == ["open 3", "openat 4"]

@@ -357,7 +357,21 @@ int ZorvUmaOwnDescriptor(int fd)
 
 // ---- writing ---------------------------------------------------------------------------------------------
 
-// Without a signal for a file that may not grow. The number is looked at last of all, and renewed.
+// The number is looked at last of all, and renewed; a program that closes it even then has it opened once more.
+static ssize_t WriteUnderOwnNumber(int* pFd, const void* pBuf, size_t count)
+{
+    ssize_t written = -1;
+    for (int attempt = 0; attempt < OPEN_ATTEMPTS; attempt++)
+    {
+        *pFd = ZorvUmaOwnDescriptor(*pFd);
+        written = ZorvUmaWrite(*pFd, pBuf, count);
+        if (written != -1 || errno != EBADF || FindKept(*pFd) == nullptr)
+            break;
+    }
+    return written;
+}
+
+// Without a signal for a file that may not grow.
 static ssize_t WriteUnsignalled(int* pFd, const void* pBuf, size_t count)
 {
     sigset_t sizeSignal;
@@ -368,8 +382,7 @@ static ssize_t WriteUnsignalled(int* pFd, const void* pBuf, size_t count)
     ZorvRawSigmask(SIG_BLOCK, &sizeSignal, &before);
     sigpending(&pending);
 
-    *pFd = ZorvUmaOwnDescriptor(*pFd);
-    ssize_t written = ZorvUmaWrite(*pFd, pBuf, count);
+    ssize_t written = WriteUnderOwnNumber(pFd, pBuf, count);
 
     int savedErrno = errno;
     if (written == -1 && savedErrno == EFBIG && sigismember(&pending, SIGXFSZ) == 0)
