@@ -3,6 +3,7 @@
 #include "ZorvUserModeTraceWriter.h"
 #include "ZorvRawSyscall.h"
 #include "ZorvUserModeTrace.h"
+#include "ZorvUserModeTraceAppend.h"
 #include "ZorvUserModeTraceLog.h"
 #include "ZorvUserModeTraceSampling.h"
 
@@ -156,7 +157,12 @@ static void Rest(ZorvUmaProfileInfo* pProfileInfo, long restNs)
 static bool IsNudgeDue(ZorvUmaProfileInfo* pProfileInfo)
 {
     uint64_t* pLast = &ZorvUmaStateOf(pProfileInfo)->m_nudgeTime;
-    uint64_t now = ZorvUmaGetTime();
+    // libc's own clock, not that of the records: what an object ahead of the agent puts there may count its
+    // calls.
+    timespec time = {};
+    if (g_pClockGetTime == nullptr || g_pClockGetTime(CLOCK_MONOTONIC, &time) != 0)
+        return true;
+    uint64_t now = static_cast<uint64_t>(time.tv_sec) * 1000000000ULL + static_cast<uint64_t>(time.tv_nsec);
     int posts = 0;
     sem_getvalue(&pProfileInfo->m_semaphore, &posts);
     if (posts < PILE_OF_BUFFERS && now - __atomic_load_n(pLast, __ATOMIC_RELAXED) < NUDGE_PERIOD_NS)
