@@ -13,7 +13,9 @@ int main(int count, char** ppArguments)
     void (*pSetInitialized)(bool) = (void (*)(bool))dlsym(RTLD_DEFAULT, "ZorvUmaSetOpenMPAgentInitialized");
     Check(pSetInitialized != NULL, "look-up");
     pSetInitialized(atoi(ppArguments[2]) != 0);
+    errno = ERANGE;
     pthread_mutex_lock(&g_mutex);
+    Check(errno == ERANGE, "errno");
     pthread_mutex_unlock(&g_mutex);
     return 0;
 }

@@ -95,3 +95,6 @@ int ZorvUmaTryMutexLock(pthread_mutex_t* pMutex);
 bool ZorvUmaHasEssentials();
 // libc's clock_gettime itself, for the path of a record; null while it cannot be found. Says nothing.
 void* ZorvUmaResolvedClock();
+// The kernel's own clock_gettime, vdso(7), which never touches errno; null where there is none, or where libc's
+// is not the one that answers to the name.
+void* ZorvUmaKernelsClock();

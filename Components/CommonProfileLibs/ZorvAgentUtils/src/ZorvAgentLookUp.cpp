@@ -62,6 +62,16 @@ void* ZorvUmaOpenLoadedObject(const char* pName)
     return reinterpret_cast<void* (*)(const char*, int)>(pOpen)(pName, mode);
 }
 
+void* ZorvUmaKernelsClock()
+{
+    if (!ZorvUmaIsLibcAsked())
+        return nullptr;
+    void* pKernels = ZorvUmaOpenObject("linux-vdso.so.1", RTLD_NOW | RTLD_NOLOAD);
+    void* pClock = pKernels == nullptr ? nullptr : dlsym(pKernels, "__vdso_clock_gettime");
+    dlerror(); // what is not there is not the program's error
+    return pClock;
+}
+
 // The same for the walk over the loaded objects; found also where one kind of look-up is answered with nothing.
 static void WalkLoadedObjects()
 {

@@ -203,7 +203,6 @@ struct ZorvThreadState
     ZorvUmaPerThreadInfo* m_pInfo;
     // What a signal handler of the program records while it interrupts an append of this thread goes here.
     ZorvUmaBuffer* m_pUmtSpareBuf;
-    int* m_pErrno;              // where libc keeps this thread's errno
     pid_t m_tid;                // 0 until asked for; forgotten in a forked child
     uint32_t m_appendCount;     // provisional and complete trace records written by this thread
     uint32_t m_lostCount;       // trace records lost by this thread

@@ -17,6 +17,7 @@
 // A record that is handed on through memory is written in small pieces and read back in large ones, which waits
 // for each piece to reach the cache: 6 ns a record. Inlined all the way, it never leaves the registers.
 #define ZORV_IN_PLACE inline __attribute__((always_inline))
+#define ZORV_LAMBDA_IN_PLACE __attribute__((always_inline))
 
 // ---- the controller's flags and the thread's own, in place -----------------------------------------------
 
@@ -56,6 +57,7 @@ inline bool ZorvHasStorage(const ZorvUmaBuffer* pBuffer)
 // ---- how the path calls ----------------------------------------------------------------------------------
 
 extern __attribute__((visibility("hidden"))) bool g_isPathDirect;
+// clock_gettime(2) that leaves errno alone; null until the path is chosen.
 extern __attribute__((visibility("hidden"))) int (*g_pClockGetTime)(clockid_t, struct timespec*);
 
 // Decides between the two, once the wrappers are resolved.
@@ -199,6 +201,7 @@ ZORV_IN_PLACE ZorvUmaBuffer* ZorvInsertTraceHdr(ZorvUmaProfileInfo* pProfileInfo
     return pBuffer;
 }
 
+// Nothing here changes errno: the clock keeps it, and so does every cold part.
 struct ZorvDirectCalls
 {
     static uint64_t GetTime()
@@ -268,10 +271,11 @@ struct ZorvSyscallCallRecord
     uint16_t m_flags;
 };
 
+uint64_t ZorvAskParallelRegion(uint64_t (*pGetId)()); // keeps errno
 inline uint64_t ZorvParallelRegionId(const ZorvUmaProfileInfo* pProfileInfo)
 {
     auto pGetId = __atomic_load_n(&pProfileInfo->m_pZorvGetOpenMPParId, __ATOMIC_RELAXED);
-    return ZORV_LIKELY(pGetId == nullptr) ? 0 : pGetId();
+    return ZORV_LIKELY(pGetId == nullptr) ? 0 : ZorvAskParallelRegion(pGetId);
 }
 
 // Header and body at the end of the thread's data, not yet part of it.

@@ -138,7 +138,6 @@ extern "C" ZorvUmaPerThreadInfo* ZorvUmaAllocateThreadInfo(ZorvUmaProfileInfo* p
     }
     // Zeroed before the profiling signal can see it.
     ZorvUmaMemset(pThreadInfo, 0, sizeof(*pThreadInfo));
-    t_zorvState.m_pErrno = &errno;
     t_zorvState.m_pAppendFrame = nullptr;
     t_zorvState.m_pUmtSpareBuf = nullptr;
     ZorvUmaAskTid(); // now: a child of vfork(2) would store its own

@@ -40,7 +40,8 @@ void ZorvUmtResolveInterposers()
 // ---- the path of a record --------------------------------------------------------------------------------
 
 bool g_isPathDirect;
-int (*g_pClockGetTime)(clockid_t, struct timespec*);
+using ClockFunction = decltype(g_pClockGetTime);
+ClockFunction g_pClockGetTime;
 
 // Our own definitions of the functions on the path, whoever answers for their names.
 extern "C"
@@ -55,6 +56,27 @@ extern "C"
 #define ZORV_PATH_FUNCTION(name) (void*)&name,
 }
 
+static ClockFunction g_pLibcClock;
+
+static int ReadLibcClock(clockid_t clock, struct timespec* pTime)
+{
+    int savedErrno = errno;
+    int result = g_pLibcClock(clock, pTime);
+    errno = savedErrno;
+    return result;
+}
+
+// The kernel's function where libc's would do no more than call it: it answers with its errors instead of
+// setting errno. vdso(7)
+static ClockFunction ChooseClock()
+{
+    g_pLibcClock = reinterpret_cast<ClockFunction>(ZorvUmaResolvedClock());
+    if (g_pLibcClock == nullptr)
+        return nullptr;
+    auto pKernels = reinterpret_cast<ClockFunction>(ZorvUmaKernelsClock());
+    return pKernels != nullptr ? pKernels : ReadLibcClock;
+}
+
 void ZorvUmtChoosePath()
 {
     // Read through the dynamic symbol table: an object ahead of the agent shows here.
@@ -62,7 +84,7 @@ void ZorvUmtChoosePath()
     bool isOwn = true;
     for (void* pFunction : functions)
         isOwn = ZorvUmaIsOwn(pFunction) && isOwn;
-    g_pClockGetTime = reinterpret_cast<int (*)(clockid_t, struct timespec*)>(ZorvUmaResolvedClock());
+    g_pClockGetTime = ChooseClock();
     __atomic_store_n(&g_isPathDirect, isOwn && g_pClockGetTime != nullptr, __ATOMIC_RELEASE);
 }
 
@@ -70,6 +92,14 @@ ZorvUmaProfileInfo* ZorvTracedInfo(ZorvUmtEventId event)
 {
     ZorvUmaProfileInfo* pProfileInfo = ZorvUmaGetProfileInfo();
     return ZorvUmtIsTraceEvent(pProfileInfo, event) ? pProfileInfo : nullptr;
+}
+
+ZORV_COLD uint64_t ZorvAskParallelRegion(uint64_t (*pGetId)())
+{
+    int savedErrno = errno;
+    uint64_t id = pGetId();
+    errno = savedErrno;
+    return id;
 }
 
 uint64_t ZorvThresholdOf(ZorvUmtEventId event)

@@ -18,7 +18,8 @@ constexpr int MAX_CPUS = 1024;
 constexpr long REST_NS = 2000000;
 constexpr int MOST_RESTS = 8; // between two passes, whatever a look finds
 // Waking the writer costs a thread as much as a hundred records. One that fills a buffer every 50 us leaves
-// that to the writer's own clock, unless buffers pile up; one that fills them seldom has it woken at once.
+// that to the writer's own clock, which then rests for a nap only, unless buffers pile up; one that fills them
+// seldom has it woken at once.
 constexpr long BUSY_REST_NS = 500000;
 constexpr uint64_t NUDGE_PERIOD_NS = 1000000;
 constexpr int PILE_OF_BUFFERS = 16;
@@ -28,6 +29,7 @@ constexpr uint64_t SLICE_NS = 100000;
 constexpr uint32_t WRITER_AWAKE = 0;
 constexpr uint32_t WRITER_RESTING = 1;
 constexpr uint32_t WRITER_RESTS_NO_MORE = 2;
+constexpr uint32_t WRITER_NAPPING = 3; // a rest that is over soon: only a pile of buffers ends it
 
 } // namespace
 
@@ -143,19 +145,29 @@ static long Futex(ZorvUmaProfileInfo* pProfileInfo, int operation, uint32_t valu
 // The instruction itself: libc's sleeping calls are traced ones and cancellation points.
 static void Rest(ZorvUmaProfileInfo* pProfileInfo, long restNs)
 {
-    if (!ChangeSignal(pProfileInfo, WRITER_AWAKE, WRITER_RESTING))
+    const uint32_t kind = restNs > BUSY_REST_NS ? WRITER_RESTING : WRITER_NAPPING;
+    if (!ChangeSignal(pProfileInfo, WRITER_AWAKE, kind))
         return;
     // Whoever comes now sees the rest and ends it; whoever came before is seen here.
     if (!IsPassDue(pProfileInfo))
     {
         const timespec timeout = {0, restNs};
-        Futex(pProfileInfo, FUTEX_WAIT_PRIVATE, WRITER_RESTING, &timeout);
+        Futex(pProfileInfo, FUTEX_WAIT_PRIVATE, kind, &timeout);
     }
-    ChangeSignal(pProfileInfo, WRITER_RESTING, WRITER_AWAKE);
+    ChangeSignal(pProfileInfo, kind, WRITER_AWAKE);
 }
 
-static bool IsNudgeDue(ZorvUmaProfileInfo* pProfileInfo)
+static bool IsPiledUp(ZorvUmaProfileInfo* pProfileInfo)
 {
+    int posts = 0;
+    sem_getvalue(&pProfileInfo->m_semaphore, &posts);
+    return posts >= PILE_OF_BUFFERS;
+}
+
+static bool IsNudgeDue(ZorvUmaProfileInfo* pProfileInfo, uint32_t signal)
+{
+    if (signal != WRITER_RESTING)
+        return signal == WRITER_NAPPING && IsPiledUp(pProfileInfo);
     uint64_t* pLast = &ZorvUmaStateOf(pProfileInfo)->m_nudgeTime;
     // libc's own clock, not that of the records: what an object ahead of the agent puts there may count its
     // calls.
@@ -163,9 +175,7 @@ static bool IsNudgeDue(ZorvUmaProfileInfo* pProfileInfo)
     if (g_pClockGetTime == nullptr || g_pClockGetTime(CLOCK_MONOTONIC, &time) != 0)
         return true;
     uint64_t now = static_cast<uint64_t>(time.tv_sec) * 1000000000ULL + static_cast<uint64_t>(time.tv_nsec);
-    int posts = 0;
-    sem_getvalue(&pProfileInfo->m_semaphore, &posts);
-    if (posts < PILE_OF_BUFFERS && now - __atomic_load_n(pLast, __ATOMIC_RELAXED) < NUDGE_PERIOD_NS)
+    if (!IsPiledUp(pProfileInfo) && now - __atomic_load_n(pLast, __ATOMIC_RELAXED) < NUDGE_PERIOD_NS)
         return false;
     __atomic_store_n(pLast, now, __ATOMIC_RELAXED);
     return true;
@@ -174,8 +184,8 @@ static bool IsNudgeDue(ZorvUmaProfileInfo* pProfileInfo)
 void ZorvUmaNudgeWriter(ZorvUmaProfileInfo* pProfileInfo)
 {
     uint32_t* pSignal = &ZorvUmaStateOf(pProfileInfo)->m_writerSignal;
-    if (__atomic_load_n(pSignal, __ATOMIC_SEQ_CST) == WRITER_RESTING && IsNudgeDue(pProfileInfo) &&
-        ChangeSignal(pProfileInfo, WRITER_RESTING, WRITER_AWAKE))
+    const uint32_t signal = __atomic_load_n(pSignal, __ATOMIC_SEQ_CST);
+    if (IsNudgeDue(pProfileInfo, signal) && ChangeSignal(pProfileInfo, signal, WRITER_AWAKE))
         Futex(pProfileInfo, FUTEX_WAKE_PRIVATE, 1, nullptr);
 }
 
