@@ -9,7 +9,7 @@ import tempfile
 import time
 
 from measure.results import Row, Target, skipped
-from measure.session import Failed, clean_environment, run
+from measure.session import Failed, WAKES, clean_environment, run
 
 SPAWN = "fork, exec, end and wait of /bin/true, wall time"
 MEMORY = "memory of threads created and ended, one after the other"
@@ -101,8 +101,8 @@ def _idle_percent(output):
     return 100 * cpu / wall
 
 
-def _idle_under_agent(context, arguments):
-    with context.session(KEYS) as session:
+def _idle_under_agent(context, arguments, keys):
+    with context.session(keys) as session:
         return [_idle_percent(context.run_in(session, arguments))]
 
 
@@ -134,12 +134,12 @@ def _wait_for_line(session, text, seconds=5):
 def measure_idle(context):
     milliseconds = context.count(IDLE_MS, 1000)
     arguments = [context.program("BenchIdle"), str(milliseconds)]
-    rows = {name: Row(IDLE, "CPU time, of one CPU", name, "%", []) for name in ("native", "agent")}
+    agents = {"agent": KEYS, "agent, woken by its controller": KEYS | WAKES}
+    rows = {name: Row(IDLE, "CPU time, of one CPU", name, "%", []) for name in ("native", *agents)}
+    samplers = {name: lambda keys=keys: _idle_under_agent(context, arguments, keys) for name, keys in agents.items()}
     dataclasses.replace(context, rounds=IDLE_ROUNDS).take_turns(
-        rows, {"native": lambda: [_idle_percent(context.run_native(arguments))],
-               "agent": lambda: _idle_under_agent(context, arguments)})
-    agent = rows["agent"]
-    if agent.samples:
+        rows, {"native": lambda: [_idle_percent(context.run_native(arguments))], **samplers})
+    for agent in (rows[name] for name in agents if rows[name].samples):
         agent.target = Target(f"<= {MOST_IDLE_PERCENT:g} %", agent.median <= MOST_IDLE_PERCENT)
     yield from rows.values()
     try:

@@ -8,7 +8,7 @@ import tempfile
 import time
 
 from measure.results import Row, Target, skipped
-from measure.session import Failed, clean_environment, fast_directory
+from measure.session import Failed, WAKES, clean_environment, fast_directory
 
 LOAD = "dlopen of an empty module, wall time"
 MAPPINGS = (0, 500)
@@ -18,6 +18,7 @@ BUILD = "make -j2 of a real project"
 PROJECT = "/usr/src/googletest"
 BUILD_ROUNDS = 3
 NATIVE, WAITING, TRACED = "native", "one waiting thread", "everything at 10 us"
+UNWOKEN = "the same, flags looked at"
 MOST_BUILD_RATIO = 1.05
 TEN_MICROSECONDS = 10_000
 EVERYTHING = {"QELIX_TRACE_PTHREAD": f"1:{TEN_MICROSECONDS}:0", "QELIX_TRACE_SYSCALL": f"1:{TEN_MICROSECONDS}:0"}
@@ -70,8 +71,8 @@ class Project:
         return (time.monotonic() - start) * 1e3, (_cpu_of_children() - cpu_start) * 1e3
 
 
-def _build_under_agent(context, project):
-    with context.session({**EVERYTHING, "QELIX_USERMODE_AGENT_PATH": context.agent}) as session:
+def _build_under_agent(context, project, promise):
+    with context.session({**EVERYTHING, **promise, "QELIX_USERMODE_AGENT_PATH": context.agent}) as session:
         took = project.build({"LD_PRELOAD": context.agent, **session.environment()})
         session.check_health()
         return took
@@ -82,19 +83,21 @@ def measure_build(context):
         yield skipped(BUILD, PROJECT, "", "make or the package googletest is not installed")
         return
     titles = ("wall time", "CPU time of all processes")
-    rows = {variant: [Row(BUILD, title, variant, "ms", []) for title in titles] for variant in (NATIVE, WAITING, TRACED)}
+    rows = {variant: [Row(BUILD, title, variant, "ms", []) for title in titles] for variant in (NATIVE, WAITING, TRACED, UNWOKEN)}
     waiting = {"LD_PRELOAD": context.floor("BenchWaitingThread")}
     with tempfile.TemporaryDirectory(prefix="qelix-bench-", dir=fast_directory()) as folder:
         project = Project(os.path.join(folder, "build"))
         for _ in range(min(context.rounds, BUILD_ROUNDS)):
             for variant, took in ((NATIVE, project.build()), (WAITING, project.build(waiting)),
-                                  (TRACED, _build_under_agent(context, project))):
+                                  (TRACED, _build_under_agent(context, project, WAKES)),
+                                  (UNWOKEN, _build_under_agent(context, project, {}))):
                 for row, milliseconds in zip(rows[variant], took):
                     row.samples.append(milliseconds)
-    for native, floor, traced in zip(rows[NATIVE], rows[WAITING], rows[TRACED]):
-        floor.native = traced.native = native
-        traced.floors = {"waiting thread": floor}
+    for native, floor, traced, unwoken in zip(*rows.values()):
+        floor.native = traced.native = unwoken.native = native
+        traced.floors = unwoken.floors = {"waiting thread": floor}
         traced.target = Target(f"<= {MOST_BUILD_RATIO:g} x native", traced.ratios()["native"] <= MOST_BUILD_RATIO)
         yield native
         yield floor
         yield traced
+        yield unwoken

@@ -30,6 +30,10 @@ def clean_environment():
             if name != "LD_PRELOAD" and not name.startswith("QELIX_")}
 
 
+# What a controller promises that wakes its agents with each change of its flags, as the command does.
+WAKES = {"QELIX_CONTROLLER_WAKES": 1}
+
+
 class Session:
     """Used with `with`: everything it made is gone afterwards."""
 

@@ -67,21 +67,21 @@ class ControlBlock:
         if size is not None:
             self.path.write_bytes(content.ljust(size, b"\0"))
 
-    def _map(self):
+    def mapped(self):
         with open(self.path, "r+b") as file:
             return mmap.mmap(file.fileno(), 64)
 
     def pause(self, pause_id, flag=1):
-        with self._map() as block:
+        with self.mapped() as block:
             block[8:16] = struct.pack("<Q", pause_id)
             block[0] = flag
 
     def resume(self):
-        with self._map() as block:
+        with self.mapped() as block:
             block[0] = 0
 
     def stop(self, flag=1):
-        with self._map() as block:
+        with self.mapped() as block:
             block[1] = flag
 
     def remove(self):

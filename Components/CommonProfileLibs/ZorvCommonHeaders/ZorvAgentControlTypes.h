@@ -1,6 +1,8 @@
 // The block of POSIX shared memory (shm_overview(7)) through which the controller steers its agents.
 // The controller creates it zeroed, writes it while the program runs and removes its name at the end;
-// an agent only reads it. To pause: set m_pauseId first, then m_isPause.
+// an agent only reads it. To pause: set m_pauseId first, then m_isPause. A controller that has put
+// QELIX_CONTROLLER_WAKES=1 into the configuration ends each change with a futex(2) FUTEX_WAKE of all who wait on
+// the first four bytes; its agents look at the flags ten times a second only, others every 2 ms.
 #pragma once
 
 #include <cstddef>

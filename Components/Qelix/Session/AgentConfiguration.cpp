@@ -101,6 +101,7 @@ std::string ConfigurationText(const AgentSettings& settings)
     add("QELIX_METADATA_DIR", MetadataFolder(settings.m_sessionPath));
     add("QELIX_USERMODE_AGENT_PATH", settings.m_agentPath);
     add("QELIX_SHM_NAME", settings.m_blockName);
+    add("QELIX_CONTROLLER_WAKES", 1); // ControlBlock does
     return text;
 }
 

@@ -7,13 +7,16 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <linux/futex.h>
 #include <string_view>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace qelix
@@ -100,6 +103,12 @@ void BeginPause(ZorvAgentSharedDetails* pFlags)
     std::atomic_ref(pFlags->m_isPause).store(1, std::memory_order_seq_cst);
 }
 
+// The agents sleep on the first four bytes of the block, which hold both flags. futex(2)
+void WakeAgents(ZorvAgentSharedDetails* pFlags)
+{
+    syscall(SYS_futex, pFlags, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
+
 template <typename Action> CollectionState Steer(const std::string& blockName, const Action& action)
 {
     const MappedBlock block(blockName);
@@ -114,6 +123,7 @@ template <typename Action> CollectionState Steer(const std::string& blockName, c
     flock(block.m_fd, LOCK_EX);
     const CollectionState before = StateIn(block.m_pFlags);
     action(before, block.m_pFlags);
+    WakeAgents(block.m_pFlags);
     return before;
 }
 

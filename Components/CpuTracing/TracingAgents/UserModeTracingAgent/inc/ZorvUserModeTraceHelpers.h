@@ -173,17 +173,18 @@ using ZorvUmaProfileInfoT = ZorvUmaProfileInfo;
 // and nothing may lie behind its last member.
 struct ZorvProcessState
 {
-    pid_t m_finalisingTid;   // 0 until finalisation has begun
-    bool m_isFinalised;      // the finalising thread has closed everything
-    bool m_isWriterDone;     // the writer has said its last line
-    bool m_isPauseSeen;      // the pause flag as the writer has last acted on it
-    bool m_isPauseFailed;    // and has told that it could not follow it
-    bool m_keepsStorage;     // a thread did not leave its buffer change: nothing may be freed
-    uint32_t m_threadCount;  // threads that own a per-thread record
-    uint32_t m_streamUsers;  // threads inside a buffer change or a log line of their own
-    uint32_t m_writerSignal; // futex word that ends the writer's rest
-    uint64_t m_nudgeTime;    // when a thread last ended it
-    long m_cpuCount;         // configured CPUs, 0: not asked
+    pid_t m_finalisingTid;      // 0 until finalisation has begun
+    bool m_isFinalised;         // the finalising thread has closed everything
+    bool m_isWriterDone;        // the writer has said its last line
+    bool m_isPauseSeen;         // the pause flag as the writer has last acted on it
+    bool m_isPauseFailed;       // and has told that it could not follow it
+    bool m_keepsStorage;        // a thread did not leave its buffer change: nothing may be freed
+    uint32_t m_threadCount;     // threads that own a per-thread record
+    uint32_t m_streamUsers;     // threads inside a buffer change or a log line of their own
+    uint32_t m_writerSignal;    // futex word that ends the writer's rest
+    uint64_t m_nudgeTime;       // when a thread last ended it
+    long m_cpuCount;            // configured CPUs, 0: not asked
+    bool m_isWokenByController; // when it changes its flags: the writer need not look at them
 };
 
 struct ZorvUmaPerThreadInfo

@@ -144,6 +144,13 @@ static bool ApplyMpiRank(ZorvUmaProfileInfo* pProfileInfo, char* pValue)
     return true;
 }
 
+// FUTEX_WAKE on the first four bytes of the shared block, after each change.
+static bool ApplyControllerWakes(ZorvUmaProfileInfo* pProfileInfo, char* pValue)
+{
+    ZorvUmaStateOf(pProfileInfo)->m_isWokenByController = IsFlagOn(pValue);
+    return true;
+}
+
 static bool ApplyPmcEvents(ZorvUmaProfileInfo* pProfileInfo, char* pValue)
 {
     ZorvUmsConfig* pConfig = &pProfileInfo->m_umsConfig;
@@ -216,6 +223,7 @@ static constexpr ConfigRow g_configRows[] = {
     {"QELIX_PYTHON_TRACE_TYPE", ApplyPath<&ZorvUmaConfig::m_pPythonTraceType>},
     {"QELIX_USERMODE_AGENT_PATH", ApplyPath<&ZorvUmaConfig::m_pUserModeAgentPath>},
     {"QELIX_SHM_NAME", ApplyPath<&ZorvUmaConfig::m_shmName>},
+    {"QELIX_CONTROLLER_WAKES", ApplyControllerWakes},
 };
 
 // ---- file ------------------------------------------------------------------------------------------------

@@ -3,33 +3,14 @@
 #include "ZorvUserModeTraceWriter.h"
 #include "ZorvRawSyscall.h"
 #include "ZorvUserModeTrace.h"
-#include "ZorvUserModeTraceAppend.h"
 #include "ZorvUserModeTraceLog.h"
 #include "ZorvUserModeTraceSampling.h"
-
-#include <linux/futex.h>
 
 namespace
 {
 
 constexpr int MAX_CPUS = 1024;
-// A pass of the poll costs some 40 us of system time, a look at what it would find next to nothing. Resting
-// this long between looks, an idle writer stays below 2 % of a CPU and sees stop and pause within 5 ms.
-constexpr long REST_NS = 2000000;
-constexpr int MOST_RESTS = 8; // between two passes, whatever a look finds
-// Waking the writer costs a thread as much as a hundred records. One that fills a buffer every 50 us leaves
-// that to the writer's own clock, which then rests for a nap only, unless buffers pile up; one that fills them
-// seldom has it woken at once.
-constexpr long BUSY_REST_NS = 500000;
-constexpr uint64_t NUDGE_PERIOD_NS = 1000000;
-constexpr int PILE_OF_BUFFERS = 16;
 constexpr uint64_t SLICE_NS = 100000;
-
-// States of the futex word of the rest.
-constexpr uint32_t WRITER_AWAKE = 0;
-constexpr uint32_t WRITER_RESTING = 1;
-constexpr uint32_t WRITER_RESTS_NO_MORE = 2;
-constexpr uint32_t WRITER_NAPPING = 3; // a rest that is over soon: only a pile of buffers ends it
 
 } // namespace
 
@@ -113,88 +94,6 @@ extern "C" bool ZorvUmsWritePcmMetadata(const ZorvUmaProfileInfo* pProfileInfo)
     return isWritten;
 }
 
-// ---- rest and wake ---------------------------------------------------------------------------------------
-
-static bool IsFlushing(const ZorvUmaProfileInfo* pProfileInfo)
-{
-    return __atomic_load_n(&pProfileInfo->m_isFlush, __ATOMIC_SEQ_CST);
-}
-
-// Whether the next pass would find anything to do.
-static bool IsPassDue(ZorvUmaProfileInfo* pProfileInfo)
-{
-    int posts = 0;
-    sem_getvalue(&pProfileInfo->m_semaphore, &posts);
-    bool hasCounters = pProfileInfo->m_umsConfig.m_nbrEvents != 0;
-    return posts > 0 || IsFlushing(pProfileInfo) || ZorvUmaIsStopSet(pProfileInfo) ||
-           (hasCounters && ZorvUmaIsPauseSet(pProfileInfo) != ZorvUmaStateOf(pProfileInfo)->m_isPauseSeen);
-}
-
-static bool ChangeSignal(ZorvUmaProfileInfo* pProfileInfo, uint32_t from, uint32_t to)
-{
-    return __atomic_compare_exchange_n(&ZorvUmaStateOf(pProfileInfo)->m_writerSignal, &from, to, false,
-                                       __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
-}
-
-static long Futex(ZorvUmaProfileInfo* pProfileInfo, int operation, uint32_t value, const timespec* pTimeout)
-{
-    return ZorvRawSyscall(SYS_futex, reinterpret_cast<long>(&ZorvUmaStateOf(pProfileInfo)->m_writerSignal),
-                          operation, value, reinterpret_cast<long>(pTimeout));
-}
-
-// The instruction itself: libc's sleeping calls are traced ones and cancellation points.
-static void Rest(ZorvUmaProfileInfo* pProfileInfo, long restNs)
-{
-    const uint32_t kind = restNs > BUSY_REST_NS ? WRITER_RESTING : WRITER_NAPPING;
-    if (!ChangeSignal(pProfileInfo, WRITER_AWAKE, kind))
-        return;
-    // Whoever comes now sees the rest and ends it; whoever came before is seen here.
-    if (!IsPassDue(pProfileInfo))
-    {
-        const timespec timeout = {0, restNs};
-        Futex(pProfileInfo, FUTEX_WAIT_PRIVATE, kind, &timeout);
-    }
-    ChangeSignal(pProfileInfo, kind, WRITER_AWAKE);
-}
-
-static bool IsPiledUp(ZorvUmaProfileInfo* pProfileInfo)
-{
-    int posts = 0;
-    sem_getvalue(&pProfileInfo->m_semaphore, &posts);
-    return posts >= PILE_OF_BUFFERS;
-}
-
-static bool IsNudgeDue(ZorvUmaProfileInfo* pProfileInfo, uint32_t signal)
-{
-    if (signal != WRITER_RESTING)
-        return signal == WRITER_NAPPING && IsPiledUp(pProfileInfo);
-    uint64_t* pLast = &ZorvUmaStateOf(pProfileInfo)->m_nudgeTime;
-    // libc's own clock, not that of the records: what an object ahead of the agent puts there may count its
-    // calls.
-    timespec time = {};
-    if (g_pClockGetTime == nullptr || g_pClockGetTime(CLOCK_MONOTONIC, &time) != 0)
-        return true;
-    uint64_t now = static_cast<uint64_t>(time.tv_sec) * 1000000000ULL + static_cast<uint64_t>(time.tv_nsec);
-    if (!IsPiledUp(pProfileInfo) && now - __atomic_load_n(pLast, __ATOMIC_RELAXED) < NUDGE_PERIOD_NS)
-        return false;
-    __atomic_store_n(pLast, now, __ATOMIC_RELAXED);
-    return true;
-}
-
-void ZorvUmaNudgeWriter(ZorvUmaProfileInfo* pProfileInfo)
-{
-    uint32_t* pSignal = &ZorvUmaStateOf(pProfileInfo)->m_writerSignal;
-    const uint32_t signal = __atomic_load_n(pSignal, __ATOMIC_SEQ_CST);
-    if (IsNudgeDue(pProfileInfo, signal) && ChangeSignal(pProfileInfo, signal, WRITER_AWAKE))
-        Futex(pProfileInfo, FUTEX_WAKE_PRIVATE, 1, nullptr);
-}
-
-void ZorvUmaWakeWriter(ZorvUmaProfileInfo* pProfileInfo)
-{
-    __atomic_store_n(&ZorvUmaStateOf(pProfileInfo)->m_writerSignal, WRITER_RESTS_NO_MORE, __ATOMIC_SEQ_CST);
-    Futex(pProfileInfo, FUTEX_WAKE_PRIVATE, 1, nullptr);
-}
-
 // ---- writer thread ---------------------------------------------------------------------------------------
 
 // Whatever CPUs and scheduling class the program gave to the thread that created it, the writer runs anywhere
@@ -250,26 +149,22 @@ static bool DrainQueues(ZorvUmaProfileInfo* pProfileInfo)
 
 static void RunWriter(ZorvUmaProfileInfo* pProfileInfo)
 {
-    long restNs = REST_NS;
-    while (!IsFlushing(pProfileInfo))
+    long restNs = ZorvUmaLongestRest(pProfileInfo);
+    while (!ZorvUmaIsFlushing(pProfileInfo))
     {
         if (pProfileInfo->m_umsConfig.m_nbrEvents != 0)
             ZorvUmsFollowPause(pProfileInfo);
         bool hasWorked = DrainQueues(pProfileInfo);
-        if (ZorvUmaIsStopSet(pProfileInfo) && !IsFlushing(pProfileInfo))
+        if (ZorvUmaIsStopSet(pProfileInfo) && !ZorvUmaIsFlushing(pProfileInfo))
             ZorvUmaFiniProcess(pProfileInfo, true);
-        if (IsFlushing(pProfileInfo))
+        if (ZorvUmaIsFlushing(pProfileInfo))
             return;
         if (hasWorked)
         {
-            restNs = BUSY_REST_NS;
+            restNs = ZORV_BUSY_REST_NS;
             continue;
         }
-        for (int rest = 0; rest < MOST_RESTS && (rest == 0 || !IsPassDue(pProfileInfo)); rest++)
-        {
-            Rest(pProfileInfo, restNs);
-            restNs = restNs < REST_NS ? restNs + restNs / 4 : REST_NS;
-        }
+        ZorvUmaRestBetweenPasses(pProfileInfo, &restNs);
     }
 }
 
