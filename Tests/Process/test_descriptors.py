@@ -126,10 +126,10 @@ def test_a_program_started_without_standard_streams_gets_their_numbers(session, 
     assert_all_work_recorded(run, CALLS * (ROUNDS + 1))
 
 
-@pytest.mark.parametrize("mode", ["numbers", "numbers_while_writing"])
+@pytest.mark.parametrize("mode", ["numbers", "numbers_while_writing", "close_each", "close_range", "close_from",
+                                  "take_high", "take_fixed"])
 def test_no_thread_of_the_agent_ever_takes_a_low_number(session, mode):
-    """Not even for a moment: the program may be between a close and the open that is to get that number. (A file that the
-    program has closed is opened again, and that does take one for a moment.)"""
+    """Not even for a moment: the program may be between a close and the open that is to get that number."""
     directory = session.root / "watched"
     directory.mkdir()
     watched = session.root / "system calls"

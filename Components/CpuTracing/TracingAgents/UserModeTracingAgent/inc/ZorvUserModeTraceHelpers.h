@@ -263,6 +263,17 @@ bool ZorvUmaIsStillOwn(int fd);
 bool ZorvUmaIsKept(int fd); // one of this process's, and still its file
 // The number under which the file can be written: the same, a new one where the program has taken it, or -1.
 int ZorvUmaOwnDescriptor(int fd);
+// What the program does to numbers spares the agent's, which for the program do not exist: the number to go on
+// with, -1 in the place of one of ours; the smallest of ours in a range, -1 for none; and the program is about
+// to put a file of its own under the number.
+extern __attribute__((visibility("hidden"))) int g_lowestOwnFd;
+bool ZorvUmaIsOwnNumber(int fd);
+inline int ZorvUmaProgramsNumber(int fd)
+{
+    return ZORV_LIKELY(fd < g_lowestOwnFd) || !ZorvUmaIsOwnNumber(fd) ? fd : -1;
+}
+int ZorvUmaNextOwnNumber(unsigned first, unsigned last);
+void ZorvUmaVacate(int fd);
 // In a forked child: closes what the agent keeps there of its parent.
 void ZorvUmaDropParentsFiles();
 void ZorvUmaRenewFilesLock();

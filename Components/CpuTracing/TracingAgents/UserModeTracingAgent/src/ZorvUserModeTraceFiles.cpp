@@ -14,6 +14,7 @@
 #include "ZorvRawSyscall.h"
 
 #include <cerrno>
+#include <climits>
 #include <initializer_list>
 
 namespace
@@ -45,6 +46,8 @@ int g_highestFd;
 pthread_mutex_t g_filesLock = PTHREAD_MUTEX_INITIALIZER;
 
 } // namespace
+
+int g_lowestOwnFd = INT_MAX;
 
 // The calls of this file are the instructions: their libc names are interposed ones, or cancellation points.
 static int FcntlOwn(int fd, int command, long argument)
@@ -91,36 +94,39 @@ static int LowestOwnFd()
     return half > FIRST_FREE_FD ? half : FIRST_FREE_FD;
 }
 
-// A duplicate in place of `fd`, at the first of these numbers, or above it, where there is room; or -1, with
-// `fd` closed.
-static int MoveTo(int fd, std::initializer_list<int> lowestOnes)
+// At or above the first of these numbers where there is room, or -1.
+static int DuplicateTo(int fd, std::initializer_list<int> lowestOnes)
 {
-    int moved = -1;
+    int duplicate = -1;
     for (int lowest : lowestOnes)
-        if (moved < 0)
-            moved = FcntlOwn(fd, F_DUPFD_CLOEXEC, lowest);
-    ZorvUmaClose(fd);
-    return moved < 0 ? -1 : moved;
+        if (duplicate < 0)
+            duplicate = FcntlOwn(fd, F_DUPFD_CLOEXEC, lowest);
+    return duplicate < 0 ? -1 : duplicate;
+}
+
+// Under a number that no file of ours ever had.
+static int DuplicateAway(int fd)
+{
+    return DuplicateTo(fd, {g_highestFd + FLIGHT, g_highestFd + 1});
 }
 
 // A high duplicate in place of `fd`; `fd` itself where there is no room, unless it is one of the standard
 // streams'.
 static int MoveHigh(int fd)
 {
-    int moved = -1;
-    for (int lowest : {LowestOwnFd(), FIRST_FREE_FD})
-        if (moved < 0)
-            moved = FcntlOwn(fd, F_DUPFD_CLOEXEC, lowest);
+    int moved = DuplicateTo(fd, {LowestOwnFd(), FIRST_FREE_FD});
     if (moved < 0 && fd >= FIRST_FREE_FD)
         return fd;
     ZorvUmaClose(fd);
-    return moved < 0 ? -1 : moved;
+    return moved;
 }
 
-static void RememberHighest(int fd)
+static void RememberNumber(int fd)
 {
     if (fd > g_highestFd)
         g_highestFd = fd;
+    if (fd >= FIRST_FREE_FD && fd < g_lowestOwnFd)
+        g_lowestOwnFd = fd;
 }
 
 // ---- keeping ---------------------------------------------------------------------------------------------
@@ -166,7 +172,7 @@ static KeptFile* MoveAndRemember(int* pFd)
 {
     int savedErrno = errno;
     *pFd = MoveHigh(*pFd);
-    RememberHighest(*pFd);
+    RememberNumber(*pFd);
     KeptFile* pFile = Remember(*pFd);
     errno = savedErrno;
     return pFile;
@@ -289,6 +295,15 @@ static void Rename(int oldFd, int newFd)
             __atomic_store_n(pFd, newFd, __ATOMIC_SEQ_CST);
 }
 
+static void GiveNumber(KeptFile* pFile, int fd)
+{
+    int oldFd = pFile->m_fds[0];
+    for (uint32_t i = MAX_NUMBERS - 1; i > 0; i--)
+        pFile->m_fds[i] = pFile->m_fds[i - 1];
+    pFile->m_fds[0] = fd;
+    Rename(oldFd, fd);
+}
+
 static bool IsUnused(int fd)
 {
     return FcntlOwn(fd, F_GETFD, 0) == -EBADF;
@@ -308,10 +323,18 @@ static int OpenUnder(const KeptFile* pFile, int oldFd)
         return -1;
     }
     if (IsUnused(oldFd))
-        fd = MoveTo(fd, {oldFd});
+    {
+        int back = DuplicateTo(fd, {oldFd});
+        ZorvUmaClose(fd);
+        fd = back;
+    }
     if (fd >= 0 && fd != oldFd)
-        fd = MoveTo(fd, {g_highestFd + FLIGHT, g_highestFd + 1});
-    RememberHighest(fd);
+    {
+        int away = DuplicateAway(fd);
+        ZorvUmaClose(fd);
+        fd = away;
+    }
+    RememberNumber(fd);
     return IsStill(pFile, fd) ? fd : -1; // else the program was faster, and it is the program's
 }
 
@@ -327,12 +350,8 @@ static ZORV_COLD int OpenAgain(KeptFile* pFile)
     if (fd < 0)
         return -1;
     ZorvRawSyscall(SYS_lseek, fd, 0, SEEK_END);
-    if (fd == oldFd)
-        return fd;
-    for (uint32_t i = MAX_NUMBERS - 1; i > 0; i--)
-        pFile->m_fds[i] = pFile->m_fds[i - 1];
-    pFile->m_fds[0] = fd;
-    Rename(oldFd, fd);
+    if (fd != oldFd)
+        GiveNumber(pFile, fd);
     return fd;
 }
 
@@ -353,6 +372,48 @@ int ZorvUmaOwnDescriptor(int fd)
     ZorvUmaPthreadMutexUnlock(&g_filesLock);
     ZorvUmaLeaveAgent(&scope);
     return current;
+}
+
+// ---- what the program does to numbers --------------------------------------------------------------------
+
+// Those of a parent count as well: a child that is not profiled has kept them.
+bool ZorvUmaIsOwnNumber(int fd)
+{
+    const KeptFile* pFile = FindKeptOf(fd, 0);
+    return pFile != nullptr && pFile->m_fds[0] == fd && IsStill(pFile, fd);
+}
+
+int ZorvUmaNextOwnNumber(unsigned first, unsigned last)
+{
+    int next = -1;
+    for (const KeptFile& file : g_keptFiles)
+    {
+        int fd = file.m_fds[0];
+        bool isInside =
+            !IsFree(file) && static_cast<unsigned>(fd) >= first && static_cast<unsigned>(fd) <= last;
+        if (isInside && (next < 0 || fd < next) && IsStill(&file, fd))
+            next = fd;
+    }
+    return next;
+}
+
+// While the file is still open, so that no number is ever missing. What cannot be renamed stays.
+void ZorvUmaVacate(int fd)
+{
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    ZorvUmaPthreadMutexLock(&g_filesLock);
+    KeptFile* pFile = FindKept(fd);
+    bool isOurs =
+        pFile != nullptr && pFile->m_pid == ZorvUmaGetPid() && pFile->m_fds[0] == fd && IsStill(pFile, fd);
+    int moved = isOurs && pFile->m_pPath != nullptr ? DuplicateAway(fd) : -1;
+    if (moved >= 0)
+    {
+        RememberNumber(moved);
+        GiveNumber(pFile, moved);
+    }
+    ZorvUmaPthreadMutexUnlock(&g_filesLock);
+    ZorvUmaLeaveAgent(&scope);
 }
 
 // ---- writing ---------------------------------------------------------------------------------------------

@@ -5,6 +5,9 @@
 #include "ZorvUserModeTraceSignals.h"
 
 #include <cerrno>
+#include <climits>
+#include <fcntl.h>
+#include <linux/close_range.h>
 #include <mqueue.h>
 #include <poll.h>
 #include <sys/epoll.h>
@@ -130,6 +133,31 @@ struct OfUnwinder<pEntry, Class, R (*)(P...)>
     }
 };
 
+// The agent's own numbers are none for the program, which may close or overwrite any number that it does not
+// know: it is told so, and the agent's file goes on under its number, or is out of the way before the program's
+// comes.
+template <ZorvEntryPoint* pEntry, typename Class, typename Pointer> struct OfClosing
+{
+    static int Call(int fd)
+    {
+        return OfUnwinder<pEntry, Class, Pointer>::Call(t_zorvState.m_isUnwinding ? fd
+                                                                                  : ZorvUmaProgramsNumber(fd));
+    }
+};
+
+template <ZorvEntryPoint* pEntry, typename Class, typename Pointer> struct OfOverwriting;
+template <ZorvEntryPoint* pEntry, typename Class, typename... P>
+struct OfOverwriting<pEntry, Class, int (*)(int, int, P...)>
+{
+    static int Call(int from, int to, P... arguments)
+    {
+        from = ZorvUmaProgramsNumber(from);
+        if (ZORV_UNLIKELY(ZorvUmaProgramsNumber(to) != to) && ZorvRawSyscall(SYS_fcntl, from, F_GETFD) >= 0)
+            ZorvUmaVacate(to);
+        return OfClass<pEntry, Class, int (*)(int, int, P...)>::Call(from, to, arguments...);
+    }
+};
+
 // A wait for signals never takes the agent's own: the program would be told of a signal that nobody sent it.
 template <ZorvEntryPoint* pEntry, typename Class, typename Pointer> struct OfSignals;
 template <ZorvEntryPoint* pEntry, typename Class, typename... P>
@@ -152,6 +180,11 @@ struct OfSignals<pEntry, Class, int (*)(const sigset_t*, P...)>
 #define ZORV_SYSCALL_OF_UNWINDER(class, call, name, count)                                                     \
     using UnwinderCall##call = UnwinderCall<class, SYS_##name>;                                                \
     ZORV_INTERPOSE_SINGLE(OfUnwinder, UnwinderCall##call, ZorvInterpose##call, name, count, AllOnes)
+#define ZORV_SYSCALL_OF_CLOSING(class, call, name, count)                                                      \
+    using UnwinderCall##call = UnwinderCall<class, SYS_##name>;                                                \
+    ZORV_INTERPOSE_SINGLE(OfClosing, UnwinderCall##call, ZorvInterpose##call, name, count, AllOnes)
+#define ZORV_SYSCALL_OF_OVERWRITING(class, call, name, count)                                                  \
+    ZORV_INTERPOSE_SINGLE(OfOverwriting, class, ZorvInterpose##call, name, count, AllOnes)
 #define ZORV_SYSCALL_VERSIONED(class, call, name, count, oldVersion, newVersion)                               \
     ZORV_INTERPOSE_VERSIONED(OfClass, class, ZorvInterpose##call, name, count, oldVersion, newVersion, AllOnes)
 #include "ZorvUserModeTraceSyscall.def"
@@ -173,3 +206,52 @@ template <ZorvEntryPoint* pEntry, typename, typename Pointer> struct PipeOfUnwin
 };
 
 ZORV_INTERPOSE_SINGLE(PipeOfUnwinder, void, ZorvInterposePipe2, pipe2, 2, AllOnes)
+
+// ---- close_range, closefrom ------------------------------------------------------------------------------
+
+// Calls close(first, last, flags) for each stretch of the range that has no number of the agent's, while it
+// succeeds.
+template <typename Close> static int CloseAround(unsigned first, unsigned last, int flags, Close close)
+{
+    for (int own; (own = ZorvUmaNextOwnNumber(first, last)) >= 0; first = static_cast<unsigned>(own) + 1)
+    {
+        if (static_cast<unsigned>(own) == first)
+            continue;
+        int result = close(first, static_cast<unsigned>(own) - 1, flags);
+        if (result != 0)
+            return result;
+        flags &= ~static_cast<int>(CLOSE_RANGE_UNSHARE); // which has been done
+    }
+    return first <= last ? close(first, last, flags) : 0;
+}
+
+template <ZorvEntryPoint* pEntry, typename, typename Pointer> struct RangeOfClosing
+{
+    static int Call(unsigned first, unsigned last, int flags)
+    {
+        auto pReal = reinterpret_cast<Pointer>(ZorvRealOf(pEntry));
+        if (pReal == nullptr)
+            return -1;
+        // Ours are close-on-exec already.
+        if (first > last || (flags & static_cast<int>(CLOSE_RANGE_CLOEXEC)) != 0)
+            return pReal(first, last, flags);
+        return CloseAround(first, last, flags, pReal);
+    }
+};
+
+ZORV_INTERPOSE_SINGLE(RangeOfClosing, void, ZorvInterposeCloseRange, close_range, 3, AllOnes)
+
+template <ZorvEntryPoint* pEntry, typename, typename Pointer> struct AllOfClosing
+{
+    static void Call(int lowest)
+    {
+        auto closeRaw = [](unsigned first, unsigned last, int flags)
+        { return static_cast<int>(ZorvRawSyscall(SYS_close_range, first, last, flags)); };
+        void* pReal = ZorvRealOf(pEntry);
+        bool isKnown = pReal != nullptr && CloseAround(lowest < 0 ? 0 : lowest, UINT_MAX, 0, closeRaw) == 0;
+        if (pReal != nullptr && !isKnown) // a kernel without ranges: what this closes is opened again
+            reinterpret_cast<Pointer>(pReal)(lowest);
+    }
+};
+
+ZORV_INTERPOSE_SINGLE(AllOfClosing, void, ZorvInterposeClosefrom, closefrom, 1, AllOnes)
