@@ -5,10 +5,12 @@
 
 #include "Linux/ZorvUserModeTrace.h"
 #include "ZorvAgentUtils.h"
+#include "ZorvRawSyscall.h"
 #include "ZorvUserModeTraceLog.h"
 
 #include <cerrno>
 #include <initializer_list>
+#include <sys/mman.h>
 
 namespace
 {
@@ -53,6 +55,15 @@ void ZorvUmaZeroStorage(char* pStorage, size_t size)
     }
 }
 
+// Fresh storage is read in one step of the kernel's instead of a fault a page. A kernel that does not know the
+// step (before 5.14) changes nothing. madvise(2)
+static void PopulateForReading(const char* pStorage, size_t size)
+{
+    auto begin = reinterpret_cast<uintptr_t>(pStorage) & ~(PAGE_STEP - 1);
+    ZorvRawSyscall(SYS_madvise, static_cast<long>(begin),
+                   static_cast<long>(reinterpret_cast<uintptr_t>(pStorage) + size - begin), MADV_POPULATE_READ);
+}
+
 static uint32_t BufferSize()
 {
     long pageSize = ZorvUmaSysconf(_SC_PAGESIZE);
@@ -67,6 +78,7 @@ static ZorvUmaBuffer MakeBuffer()
     buffer.m_pData = static_cast<char*>(ZorvUmaMalloc(size));
     if (buffer.m_pData == nullptr)
         return buffer;
+    PopulateForReading(buffer.m_pData, size);
     ZorvUmaZeroStorage(buffer.m_pData, size);
     buffer.m_state = ZORV_UMA_BUFFER_STATE_READY;
     buffer.m_bufSize = size;
