@@ -41,6 +41,16 @@ def test_a_statically_linked_program(tmp_path, static):
     assert "link it dynamically" in message
 
 
+def test_a_script_whose_interpreter_is_found_by_another_program_ran_with_the_agent(tmp_path):
+    """env(1) runs what it finds without a word of the agent's: the last image is not the one that was told of."""
+    script = tmp_path / "script"
+    script.write_text("#!/usr/bin/env bash\ntrue\n")
+    script.chmod(0o755)
+    result = qelix("run", "--", "/bin/sh", "-c", f"{script}; true", cwd=tmp_path)
+    assert result.returncode == 0
+    assert "without the agent" not in " ".join(result.stderr.split())
+
+
 def test_a_position_independent_static_program(tmp_path, static):
     subprocess.run(["gcc", "-static-pie", "-o", tmp_path / "pie", tmp_path / "static.c"], check=True)
     assert "statically linked" in refused(tmp_path, tmp_path / "pie")

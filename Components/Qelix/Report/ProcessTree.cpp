@@ -99,6 +99,12 @@ ProcessTree MakeProcessTree(const SessionRecord& record, const AgentLogFacts& lo
     }
     for (const auto& [pid, exec] : LastExecs(log.m_execs))
     {
+        // An exec cuts an agent off in the middle, and execvp is not told: an agent that came to its end was
+        // in the last image, whatever that was.
+        if (log.m_ended.contains(pid))
+        {
+            continue;
+        }
         if (std::optional<UnrecordedProcess> process = UnrecordedExec(exec, hasMapped))
         {
             unrecorded[pid] = std::move(*process);

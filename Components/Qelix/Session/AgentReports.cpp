@@ -110,6 +110,10 @@ void TakeInfoLine(const std::string& path, std::string_view line, AgentLogFacts*
     {
         pFacts->m_leftOut[pid] = logPid;
     }
+    if (text.starts_with("Exit from the writer thread"))
+    {
+        pFacts->m_ended.insert(pid);
+    }
     TakeExec(logPid, pid, text, pFacts);
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -44,6 +45,7 @@ struct AgentLogFacts
     std::string m_firstError;     // the first such line
     std::string m_firstErrorFile; // where it stands
     std::vector<ExecFact> m_execs;
+    std::set<pid_t> m_ended;          // whose agent said at the end that it was done
     std::map<pid_t, pid_t> m_leftOut; // forked children that were not to be recorded, with their parents
 };
 
