@@ -24,9 +24,10 @@ def data_of(page):
     return json.loads(page.split(begin)[1].split("</script")[0])
 
 
-def evaluate(page, *expressions):
+def evaluate(page, *expressions, scripts=()):
     """What expressions of JavaScript come to, with the page's models and its data."""
-    script = "".join((ASSETS / name).read_text() for name in ["common.js", "flameModel.js", "timelineModel.js"])
+    script = "".join((ASSETS / name).read_text()
+                     for name in ["common.js", "flameModel.js", "timelineModel.js", *scripts])
     script += f"const data = JSON.parse(require('fs').readFileSync(0, 'utf8'));\n"
     script += f"console.log(JSON.stringify([{','.join(expressions)}]));"
     result = subprocess.run(["node", "-e", script], input=json.dumps(data_of(page)), capture_output=True, text=True,

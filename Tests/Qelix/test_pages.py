@@ -64,6 +64,33 @@ def test_the_flame_graph_has_every_sample(session, tmp_path):
     assert total == samples and depth > 1 and "WorkSixty" in names
 
 
+# As much of a document as the report's tables need.
+DOCUMENT = """(() => {
+    class Node {
+        constructor(tag) { Object.assign(this, { tag, children: [], style: {}, attributes: {} }); }
+        append(...nodes) { this.children.push(...nodes); }
+        setAttribute(name, value) { this.attributes[name] = value; }
+        addEventListener() {}
+        get text() { return this.children.map((child) => child instanceof Node ? child.text : child).join(" "); }
+    }
+    globalThis.Node = Node;
+    globalThis.document = { createElement: (tag) => new Node(tag), createTextNode: (text) => text };
+    const place = new Node("main");
+    showReport(data.report, place, data);
+    return place.children.map((child) => [child.tag, child.attributes.id || child.id || "", child.text]);
+})()"""
+
+
+def test_the_report_page_has_its_tables(session, tmp_path):
+    page = make_page("html", made(session), tmp_path / "page.html")
+    (parts,) = evaluate(page, DOCUMENT, scripts=["report.js"])
+    titles = [text for tag, _, text in parts if tag == "h2"]
+    assert titles[:5] == ["Where the time went", "Locks that were waited for", "Where CPU went", "Calls",
+                          "Calls that never returned"]
+    text = " ".join(text for _, _, text in parts)
+    assert "main (100)" in text and "worker (101)" in text and "heap#1" in text and "100 main" in text
+
+
 def test_the_share_of_a_search_counts_a_sample_once(session, tmp_path):
     process = Process(100).thread(100, "main", START)
     process.ticks(100, START + TICK, 4, [0x7000]).ticks(100, START + 20 * TICK, 12, [0x9000])

@@ -81,7 +81,7 @@ function barOf(times, letters) {
     return bar;
 }
 
-function showTimes(report, place) {
+function showTimes(report, place, timeline) {
     const names = processNames(report);
     const letters = new Map(timeline.groups.map((group) => [group.id, group.letter]));
     showTable(place, { id: "times", title: "Where the time went", rows: report.times || [], all: report.cut.times,
