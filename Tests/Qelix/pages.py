@@ -36,6 +36,14 @@ def evaluate(page, *expressions, scripts=()):
     return json.loads(result.stdout)
 
 
+def built(page):
+    """The elements that the page's own scripts build, without a browser: [tag, id, text]."""
+    script = pathlib.Path(__file__).parent / "page_document.js"
+    result = subprocess.run(["node", script], input=page, capture_output=True, text=True, timeout=120)
+    assert result.returncode == 0, result.stderr
+    return [json.loads(line) for line in result.stdout.splitlines()]
+
+
 def browser():
     return shutil.which("chromium")
 

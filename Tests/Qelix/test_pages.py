@@ -6,7 +6,7 @@ import pytest
 
 from conftest import SUBJECT, dump, qelix
 from made_session import CONDITION, NEVER, TICK, Process, write_session
-from pages import data_of, evaluate, make_page
+from pages import built, data_of, evaluate, make_page
 
 COMMANDS = ["flame", "timeline", "html"]
 START = 1_000_000_000
@@ -47,6 +47,17 @@ def test_the_page_lies_in_the_session_without_an_option(session, command):
     assert result.stdout == f"{session}/qelix-{command}.html\n"
     assert data_of((session / f"qelix-{command}.html").read_text())["session"]["path"] == str(session)
     assert {path.name for path in session.glob("*.html*")} == {f"qelix-{command}.html"}
+
+
+@pytest.mark.parametrize("command, sections", [
+    ("flame", ["flame"]), ("timeline", ["timeline"]),
+    ("html", ["times", "locks", "cpu", "calls", "never", "cautions", "timeline", "flame"])])
+@pytest.mark.parametrize("kind", ["made", "recorded"])
+def test_the_scripts_draw_every_section(session, tmp_path, command, sections, kind):
+    made(session) if kind == "made" else record(session, "burn", "100", "2")
+    elements = built(make_page(command, session, tmp_path / "page.html"))
+    assert [name for tag, name, _ in elements if tag == "h2"] == sections
+    assert "session" in [text for tag, _, text in elements if tag == "h1"]
 
 
 def test_the_flame_graph_has_every_sample(session, tmp_path):
