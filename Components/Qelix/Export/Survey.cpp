@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <set>
 
 namespace qelix
 {
@@ -177,6 +178,21 @@ bool IsEmpty(const TimeSpan& span)
     return span.m_first > span.m_last;
 }
 
+// Viewers tell processes apart by their ids alone.
+void ChooseShownPids(SessionSurvey* pSurvey)
+{
+    constexpr int64_t pidsOfAKernel = int64_t{1} << 22;
+    std::set<int64_t> taken;
+    for (SurveyedProcess& process : pSurvey->m_processes)
+    {
+        process.m_shownPid = process.m_pid;
+        while (!taken.insert(process.m_shownPid).second)
+        {
+            process.m_shownPid += pidsOfAKernel;
+        }
+    }
+}
+
 // A process of which no time is known lies where the session does.
 void SettleSpans(SessionSurvey* pSurvey)
 {
@@ -221,6 +237,7 @@ SessionSurvey SurveySession(const std::string& path)
         }
     }
     SettleSpans(&survey);
+    ChooseShownPids(&survey);
     return survey;
 }
 

@@ -37,6 +37,7 @@ struct SurveyedProcess
     std::string m_key; // "HOST_PID", what the names of its files have in common
     ProcessFiles m_files;
     int64_t m_pid = 0;
+    int64_t m_shownPid = 0; // the same, or one that no process has where several of the session have this one
     int32_t m_rank = 0;
     std::string m_name; // of its main thread
     std::map<int32_t, SurveyedThread> m_threads;

@@ -150,7 +150,8 @@ std::string NameOf(const ProcessFacts& process, const ThreadSamples& thread)
 
 PageJson ThreadData(const ProcessFacts& process, const ThreadSamples& thread, NodeLists lists)
 {
-    PageJson json = {{"pid", process.m_pid}, {"tid", thread.m_tid}, {"rank", process.m_mpiRankId}};
+    PageJson json = {{"pid", process.m_id.m_pid}, {"mark", process.m_id.m_mark}, {"tid", thread.m_tid}};
+    json["rank"] = process.m_mpiRankId;
     json["process"] = process.m_name;
     json["name"] = NameOf(process, thread);
     json["samples"] = thread.m_samples;

@@ -4,6 +4,7 @@
 
 #include "Report/LifeSpan.h"
 #include "Report/TimeKinds.h"
+#include "Session/ProcessWatch.h"
 
 #include <array>
 #include <cstdint>
@@ -65,10 +66,10 @@ struct TimelineRun
 
 struct TimelineThread
 {
-    int64_t m_pid = 0;
+    MarkedPid m_process;
     int32_t m_tid = 0;
     int32_t m_mpiRankId = 0;
-    std::string m_process;
+    std::string m_processName;
     std::string m_name;
     LifeSpan m_span;
     uint64_t m_calls = 0; // all of them

@@ -65,10 +65,10 @@ std::vector<uint32_t> ShownThreads(const Timeline& timeline)
     std::stable_sort(shown.begin(), shown.end(),
                      [&](uint32_t a, uint32_t b) { return recorded(a) > recorded(b); });
     shown.resize(std::min(shown.size(), timeline.m_budget.m_threads));
-    std::vector<std::pair<int64_t, int32_t>> processes; // in the order of their busiest threads
+    std::vector<MarkedPid> processes; // in the order of their busiest threads
     const auto place = [&](uint32_t at)
     {
-        const std::pair process(timeline.m_threads[at].m_pid, timeline.m_threads[at].m_mpiRankId);
+        const MarkedPid& process = timeline.m_threads[at].m_process;
         const auto found = std::find(processes.begin(), processes.end(), process);
         return found != processes.end() ? found - processes.begin()
                                         : (processes.push_back(process), std::ssize(processes) - 1);
@@ -145,8 +145,10 @@ PageJson CellsJson(std::vector<std::pair<uint64_t, const TimelineCell*>>* pCells
 PageJson ThreadJson(const TimelineThread& thread, const LifeSpan& span)
 {
     const bool isSeen = thread.m_span.m_last != 0; // by a record that has a time
-    PageJson json = {{"pid", thread.m_pid}, {"tid", thread.m_tid}, {"rank", thread.m_mpiRankId}};
-    json["process"] = thread.m_process;
+    PageJson json = {{"pid", thread.m_process.m_pid}, {"mark", thread.m_process.m_mark}};
+    json["tid"] = thread.m_tid;
+    json["rank"] = thread.m_mpiRankId;
+    json["process"] = thread.m_processName;
     json["name"] = thread.m_name;
     json["begin"] = isSeen ? thread.m_span.m_first - span.m_first : 0;
     json["end"] = isSeen ? thread.m_span.m_last - span.m_first : 0;

@@ -20,7 +20,7 @@ constexpr std::size_t ZORV_MOST_LOCKS = 20000; // that are told apart
 
 struct LockId
 {
-    int64_t m_pid;
+    MarkedPid m_process;
     uint64_t m_address;
     const CallKind* m_pKind;
     auto operator<=>(const LockId&) const = default;
@@ -50,7 +50,7 @@ struct RecordTaker
     {
         const CallKind* pKind = FindCallKind(call.m_hdr.m_recType, call.m_hdr.m_subType);
         const int32_t lock =
-            pKind->m_isLock ? LockOf({m_pProcess->m_pid, call.m_body.m_lockAddress, pKind}) : -1;
+            pKind->m_isLock ? LockOf({m_pProcess->m_id, call.m_body.m_lockAddress, pKind}) : -1;
         TakeCall(call.m_hdr, pKind, call.m_body.m_funcVa, lock);
     }
 
@@ -120,7 +120,7 @@ struct RecordTaker
             std::pair(m_pProcess, tid), static_cast<uint32_t>(timeline.m_threads.size()));
         if (isNew)
         {
-            timeline.m_threads.push_back({m_pProcess->m_pid, tid, m_pProcess->m_mpiRankId, m_pProcess->m_name});
+            timeline.m_threads.push_back({m_pProcess->m_id, tid, m_pProcess->m_mpiRankId, m_pProcess->m_name});
         }
         return at->second;
     }
@@ -232,7 +232,7 @@ Timeline ReadTimeline(const SessionFacts& session, const TimelineBudget& budget)
     reading.m_timeline.m_runGapNs = FirstRunGapNs(reading.m_timeline);
     for (const LockFacts& lock : session.m_locks)
     {
-        reading.m_lockNames[{lock.m_pid, lock.m_address, lock.m_pKind}] = lock.m_name;
+        reading.m_lockNames[{lock.m_process, lock.m_address, lock.m_pKind}] = lock.m_name;
     }
     const ClockShifts shifts = ReadClockShifts(session.m_path);
     for (const auto& [name, files] : FilesOfProcesses(session.m_path))

@@ -100,8 +100,8 @@ void WriteLockPeople(Lines out, const SessionFacts& session, const LockFacts& lo
     {
         if (acquirer.m_time != 0)
         {
-            text +=
-                (text.empty() ? "last acquired by " : ", ") + ThreadLabel(session, lock.m_pid, acquirer.m_tid);
+            text += (text.empty() ? "last acquired by " : ", ") +
+                    ThreadLabel(session, lock.m_process, acquirer.m_tid);
         }
     }
     if (lock.m_calls.m_neverReturned != 0)
@@ -112,7 +112,7 @@ void WriteLockPeople(Lines out, const SessionFacts& session, const LockFacts& lo
     if (lock.m_isHeap && lock.m_firstTid != 0)
     {
         text += (text.empty() ? "first used by " : "; first used by ") +
-                ThreadLabel(session, lock.m_pid, lock.m_firstTid);
+                ThreadLabel(session, lock.m_process, lock.m_firstTid);
     }
     if (!text.empty())
     {

@@ -98,9 +98,9 @@ ProcessFacts ReadProcess(const ProcessFiles& files, ProcessSymbols* pSymbols, Re
     }
     const TraceFacts& trace = process.m_trace;
     const ProcessSamples& samples = process.m_samples;
-    process.m_pid = trace.m_pid != 0     ? trace.m_pid
-                    : samples.m_pid != 0 ? samples.m_pid
-                                         : PidInFileName(AnyFile(files));
+    process.m_id = MarkedPidInFileName(AnyFile(files));
+    const int64_t told = trace.m_id.m_pid != 0 ? trace.m_id.m_pid : samples.m_pid;
+    process.m_id.m_pid = told != 0 ? static_cast<pid_t>(told) : process.m_id.m_pid;
     process.m_name = trace.m_name.empty() ? samples.m_name : trace.m_name;
     process.m_mpiRankId = trace.m_mpiRankId != 0 ? trace.m_mpiRankId : samples.m_mpiRankId;
     process.m_mapDamage = pSymbols->m_map.m_damage;
@@ -121,8 +121,8 @@ std::set<std::string> PathsIn(const ModuleMap& map)
 
 bool IsBusier(const ProcessFacts& a, const ProcessFacts& b)
 {
-    return std::tuple(b.m_trace.m_totalNs, b.m_samples.m_samples, a.m_pid) <
-           std::tuple(a.m_trace.m_totalNs, a.m_samples.m_samples, b.m_pid);
+    return std::tuple(b.m_trace.m_totalNs, b.m_samples.m_samples, a.m_id) <
+           std::tuple(a.m_trace.m_totalNs, a.m_samples.m_samples, b.m_id);
 }
 
 std::vector<std::pair<TraceClass, CallFacts>> ByClass(const std::vector<const NamedCalls*>& calls)
@@ -171,8 +171,8 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
     Reading reading{
         samples, view, view.m_filter.m_from || view.m_filter.m_to ? FirstTime(filesOf, shifts) : 0, shifts, {}};
     reading.m_samples.m_depth = session.m_settings.m_depth.value_or(0);
-    std::map<pid_t, std::set<std::string>> mapped;
-    std::vector<pid_t> recorded;
+    std::map<MarkedPid, std::set<std::string>> mapped;
+    std::vector<MarkedPid> recorded;
     for (const auto& [name, files] : filesOf)
     {
         const std::optional<ProcessFilter> filter = FilterOf(files, reading);
@@ -184,7 +184,7 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
         ProcessFacts process = ReadProcess(files, &symbols, &reading, *filter);
         KeepWorstLocks(&session, &process.m_trace, view.m_locksKept);
         Join(&session.m_span, Shifted(process.m_span, ShiftOf(shifts, AnyFile(files))));
-        recorded.push_back(static_cast<pid_t>(process.m_pid));
+        recorded.push_back(process.m_id);
         mapped[recorded.back()].merge(PathsIn(symbols.m_map));
         session.m_processes.push_back(std::move(process));
     }
@@ -192,9 +192,9 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
     std::sort(recorded.begin(), recorded.end());
     session.m_agentErrors = ReadAgentErrors(path);
     session.m_log = ReadAgentLogs(path);
-    session.m_tree =
-        MakeProcessTree(session.m_record, session.m_log, recorded,
-                        [&mapped](pid_t pid, const std::string& file) { return mapped[pid].contains(file); });
+    session.m_tree = MakeProcessTree(session.m_record, session.m_log, recorded,
+                                     [&mapped](const MarkedPid& process, const std::string& file)
+                                     { return mapped[process].contains(file); });
     return session;
 }
 

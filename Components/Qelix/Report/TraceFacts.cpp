@@ -184,7 +184,7 @@ TraceFacts ReadTraceFacts(const std::string& path, ProcessSymbols* pSymbols, con
     TraceFacts& process = gathering.m_process;
     process.m_path = path;
     process.m_isEmpty = !pFile->m_header.m_isPresent;
-    process.m_pid = pFile->m_header.m_pid;
+    process.m_id = {MarkedPidInFileName(path).m_mark, static_cast<pid_t>(pFile->m_header.m_pid)};
     process.m_mpiRankId = pFile->m_header.m_mpiRankId;
     process.m_damage = pFile->m_damage;
     process.m_unreadBytes = pFile->m_unreadBytes;

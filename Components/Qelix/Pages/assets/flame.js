@@ -40,7 +40,7 @@ function flameChoices(flame) {
     const groups = new Map();
     for (const thread of flame.threads) {
         const add = (key, label) => groups.set(key, { label, count: 1 + (groups.get(key)?.count || 0) });
-        add(`p${thread.pid}`, processLabel(thread));
+        add(`p${processId(thread)}`, processLabel(thread));
         add(`n${thread.name}`, `threads named ${thread.name || "-"}`);
     }
     const isChoice = (key, count) => (key[0] === "p" ? flame.processes > 1 : count > 1);
@@ -56,7 +56,7 @@ function flameChoices(flame) {
 function threadsChosen(flame, choice) {
     const kind = choice[0];
     const value = choice.slice(1);
-    return flame.threads.filter((thread, index) => choice === "all" || (kind === "p" && String(thread.pid) === value)
+    return flame.threads.filter((thread, index) => choice === "all" || (kind === "p" && processId(thread) === value)
         || (kind === "n" && thread.name === value) || (kind === "t" && String(index) === value));
 }
 
