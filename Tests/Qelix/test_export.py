@@ -18,7 +18,8 @@ from collections import Counter
 import pytest
 
 import export_truth as truth
-from conftest import QELIX, SUBJECT, qelix
+from conftest import QELIX, SUBJECT, qelix, report
+from made_session import Process, write_session
 
 DEFINITIONS = pathlib.Path(__file__).parent / "Export"
 BINARY = ["pprof", "perfetto", "sqlite"]
@@ -86,6 +87,27 @@ def test_json_lines(recorded):
     assert all(line["thread"] == names[line["pid"], line["tid"]] for line in lines)
     assert {"pthread_create", "pthread_join", "pthread_mutex_lock"} <= {call["function"] for call in calls}
     assert any(sample["frames"][-2:] == ["Work", "WorkSixty"] for sample in samples)
+
+
+def test_locks_on_the_heap_have_the_numbers_of_the_report(tmp_path):
+    START, MS = 1_000_000_000, 1_000_000
+    process = Process(42).thread(42, "first", START).thread(43, "second", START)
+    for number in range(8):  # in the order of the addresses neither by time nor by length
+        tid = 42 + number % 2
+        begin = START + (number * 5 % 8) * 10 * MS
+        process.lock(tid, begin, begin + (1 + number) * MS, 0x9000 + 0x40 * number)
+    process.lock(42, START + 90 * MS, 0xFFFFFFFFFFFFFFFF, 0x8000)
+    session = write_session(tmp_path / "session", process)
+    names = {lock["address"]: lock["name"] for lock in report(session)["locks"]}
+    assert sorted(names.values()) == [f"heap#{number}" for number in range(1, 10)]
+    assert names[0x9000] == "heap#1" and names[0x8000] == "heap#9" and names[0x9000 + 0x40 * 5] == "heap#2"
+    calls = list(csv.DictReader(io.StringIO(export("csv", session).decode())))
+    assert {int(call["object"], 16): call["object_name"] for call in calls} == names
+    for options in (["--thread", "second"], ["--time", "25ms.."], ["--process", "42", "--class", "pthread"]):
+        rows = json.loads(qelix("locks", session, "--json", *options).stdout)["rows"]
+        calls = csv.DictReader(io.StringIO(export("csv", session, *options).decode()))
+        assert {row["lock"] for row in rows} == {call["object_name"] for call in calls} <= set(names.values())
+        assert rows
 
 
 def test_locks_in_variables_go_by_their_names(recorded, tmp_path):

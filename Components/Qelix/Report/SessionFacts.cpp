@@ -3,7 +3,7 @@
 #include "Report/ClockShift.h"
 #include "Report/LockNames.h"
 #include "Report/ProcessFiles.h"
-#include "Report/ProcessNames.h"
+#include "Report/ProcessSurvey.h"
 #include "Session/Failure.h"
 #include "Session/ProcessWatch.h"
 #include "Session/SessionDirectory.h"
@@ -42,8 +42,20 @@ void KeepWorstLocks(SessionFacts* pSession, TraceFacts* pProcess, std::size_t ke
     locks.resize(std::min(locks.size(), kept));
 }
 
-// A process may be wanted by its name, and threads by theirs; both may stand anywhere in the files.
-std::optional<ProcessFilter> FilterOf(const ProcessFiles& files, const Reading& reading)
+// A process may be wanted by its name, and threads by theirs, and locks go by the order in which all of them
+// were used: all of that may stand anywhere in the files. Nothing where everything is wanted.
+std::optional<SurveyedProcess> SurveyFor(const RecordFilter& wanted, const ProcessFiles& files)
+{
+    if (wanted.m_threads.empty() && wanted.m_processes.empty() && !wanted.m_from && !wanted.m_to)
+    {
+        return std::nullopt;
+    }
+    std::vector<Damage> told; // by the reading that follows
+    return SurveyProcess("", files, {}, &told);
+}
+
+std::optional<ProcessFilter> FilterOf(const ProcessFiles& files, const std::optional<SurveyedProcess>& survey,
+                                      const Reading& reading)
 {
     const RecordFilter& wanted = reading.m_view.m_filter;
     const int64_t shift = ShiftOf(reading.m_shifts, AnyFile(files));
@@ -56,21 +68,16 @@ std::optional<ProcessFilter> FilterOf(const ProcessFiles& files, const Reading& 
     {
         filter.m_to = Shifted(SaturatingAdd(reading.m_start, *wanted.m_to), -shift);
     }
-    if (wanted.m_threads.empty() && wanted.m_processes.empty())
-    {
-        return filter;
-    }
-    const NamesOfProcess names = ReadNames(files);
-    if (!MatchesAny(wanted.m_processes, names.NameOf(names.m_pid), names.m_pid))
+    if (survey && !MatchesAny(wanted.m_processes, survey->m_name, survey->m_pid))
     {
         return std::nullopt;
     }
-    if (!wanted.m_threads.empty())
+    if (survey && !wanted.m_threads.empty())
     {
         filter.m_tids.emplace();
-        for (const auto& [tid, name] : names.m_names)
+        for (const auto& [tid, thread] : survey->m_threads)
         {
-            if (MatchesAny(wanted.m_threads, name, tid))
+            if (MatchesAny(wanted.m_threads, thread.m_name, tid))
             {
                 filter.m_tids->insert(tid);
             }
@@ -80,7 +87,7 @@ std::optional<ProcessFilter> FilterOf(const ProcessFiles& files, const Reading& 
 }
 
 ProcessFacts ReadProcess(const ProcessFiles& files, ProcessSymbols* pSymbols, Reading* pReading,
-                         const ProcessFilter& filter)
+                         const std::optional<SurveyedProcess>& survey, const ProcessFilter& filter)
 {
     ProcessFacts process;
     process.m_trace.m_isEmpty = true;
@@ -89,7 +96,8 @@ ProcessFacts ReadProcess(const ProcessFiles& files, ProcessSymbols* pSymbols, Re
         process.m_trace = ReadTraceFacts(files.m_trace, pSymbols, filter);
         if (!process.m_trace.m_locks.empty())
         {
-            NameLocks(&process.m_trace, DataImagesOf(&pReading->m_dataFiles, pSymbols->m_map));
+            NameLocks(&process.m_trace, survey ? survey->m_lockUses : UsesOf(process.m_trace.m_locks),
+                      DataImagesOf(&pReading->m_dataFiles, pSymbols->m_map));
         }
     }
     if (!files.m_sample.empty() && !pReading->m_view.m_isWithoutSamples)
@@ -175,13 +183,14 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
     std::vector<MarkedPid> recorded;
     for (const auto& [name, files] : filesOf)
     {
-        const std::optional<ProcessFilter> filter = FilterOf(files, reading);
+        const std::optional<SurveyedProcess> survey = SurveyFor(view.m_filter, files);
+        const std::optional<ProcessFilter> filter = FilterOf(files, survey, reading);
         if (!filter)
         {
             continue;
         }
         ProcessSymbols symbols = SymbolsOf(session.m_pSymbolizer.get(), ReadModuleMap(files.m_metadata));
-        ProcessFacts process = ReadProcess(files, &symbols, &reading, *filter);
+        ProcessFacts process = ReadProcess(files, &symbols, &reading, survey, *filter);
         KeepWorstLocks(&session, &process.m_trace, view.m_locksKept);
         Join(&session.m_span, Shifted(process.m_span, ShiftOf(shifts, AnyFile(files))));
         recorded.push_back(process.m_id);
