@@ -12,14 +12,13 @@ import shutil
 import sqlite3
 import struct
 import subprocess
-import time
 from collections import Counter
 
 import pytest
 
 import export_truth as truth
 from conftest import QELIX, SUBJECT, qelix, report
-from made_session import Process, write_session
+from made_session import TICK, Process, unequal_session, write_session
 
 DEFINITIONS = pathlib.Path(__file__).parent / "Export"
 BINARY = ["pprof", "perfetto", "sqlite"]
@@ -159,8 +158,8 @@ def test_speedscope(recorded, tmp_path):
     def label(pid, tid):
         return f"{names[pid, pid]} ({pid}) {names[pid, tid]} ({tid})"
 
-    period = round(time.clock_getres(6) * 1e9)  # CLOCK_MONOTONIC_COARSE
-    expected = [["sampled", f"{label(*thread)}: CPU", [count, count, count * period]]
+    weights = truth.sample_ns_of(recorded)
+    expected = [["sampled", f"{label(*thread)}: CPU", [count, count, count * int(weights[thread[0]])]]
                 for thread, count in truth.per_thread(truth.samples_of(recorded)).items()]
     expected += [["evented", f"{label(*thread)}: calls", count]
                  for thread, count in truth.per_thread(truth.calls_of(recorded)).items()]
@@ -180,7 +179,9 @@ def test_pprof(recorded):
     calls = truth.calls_of(recorded)
     sums = [sum(values) for values in zip(*(sample["value"] for sample in profile["sample"]))]
     samples = len(truth.samples_of(recorded))
-    assert sums[0] == samples and sums[1] == samples * profile["period"][0] and sums[2] == len(calls)
+    sampled_ns = report(recorded)["cpu"]["sampledNs"]
+    assert sums[0] == samples and sums[2] == len(calls)
+    assert abs(sums[1] - sampled_ns) <= len(profile["sample"])  # each is a whole number
     assert sums[3] == sum(call.end - call.start for call in calls if call.end and call.start)
     locations = {location["id"][0]: location for location in profile["location"]}
     functions = {function["id"][0]: texts[function["name"][0]] for function in profile["function"]}
@@ -197,6 +198,22 @@ def test_pprof(recorded):
         stack, count = line.rsplit(" ", 1)
         folded[stack.rsplit(";", 1)[1]] += int(count)
     assert +innermost == folded
+
+
+def test_samples_weigh_what_they_do_in_the_report(tmp_path):
+    session = unequal_session(tmp_path / "session")
+    assert report(session)["cpu"]["sampledNs"] == 6 * TICK
+    profile, texts = profile_of(export("pprof", session))
+    process = {texts[label["str"][0]]: sample["value"] for sample in profile["sample"] for label in sample["label"]
+               if texts[label["key"][0]] == "process"}
+    assert process["p100 (100)"][:2] == [1, 4 * TICK] and process["p200 (200)"][:2] == [2, 2 * TICK]
+    assert sum(legacy_profile_of(export("pprof", session, "--legacy"))[1].values()) == 6
+    speedscope = json.loads(export("speedscope", session))["profiles"]
+    assert [profile["endValue"] for profile in speedscope if profile["type"] == "sampled"] == [4 * TICK, 2 * TICK]
+    path = tmp_path / "session.db"
+    export("sqlite", session, "-o", path)
+    query = "select sum(p.sample_ns) from samples s join threads t on t.id = s.thread join processes p on p.id = t.process"
+    assert sqlite3.connect(path).execute(query).fetchone() == (6 * TICK,)
 
 
 def legacy_profile_of(data):
@@ -216,7 +233,9 @@ def legacy_profile_of(data):
 def test_the_older_pprof(recorded):
     period, stacks = legacy_profile_of(export("pprof", recorded, "--legacy"))
     assert period == json.loads((recorded / "session.json").read_text())["tickNs"] // 1000
-    assert sum(stacks.values()) == len(truth.samples_of(recorded))
+    weights = truth.sample_ns_of(recorded)
+    periods = sum(weights[sample.pid] for sample in truth.samples_of(recorded)) / (period * 1000)
+    assert abs(sum(stacks.values()) - periods) <= 0.5 * len(stacks)
     assert any(stack[:2] == ("WorkSixty", "Work") for stack in stacks)
     assert "--legacy is for pprof" in qelix("export", "csv", recorded, "--legacy").stderr
 
@@ -227,8 +246,8 @@ def test_the_older_pprof_in_the_tool_itself(recorded, tmp_path):
     export("pprof", recorded, "--legacy", "-o", path)
     top = subprocess.run(["google-pprof", "--text", path], capture_output=True, text=True, timeout=60)
     assert top.returncode == 0, top.stderr
-    assert f"Total: {len(truth.samples_of(recorded))} samples" in top.stdout
     _, stacks = legacy_profile_of(path.read_bytes())
+    assert f"Total: {sum(stacks.values())} samples" in top.stdout
     rows = {line.split()[-1]: int(line.split()[0]) for line in top.stdout.splitlines()[1:]}
     assert rows["WorkSixty"] == sum(count for stack, count in stacks.items() if stack[0] == "WorkSixty") > 0
 

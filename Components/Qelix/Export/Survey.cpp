@@ -1,5 +1,6 @@
 #include "Export/Survey.h"
 
+#include "Report/SampleWeight.h"
 #include "Session/AgentConfiguration.h"
 #include "Session/Failure.h"
 #include "Session/SessionDirectory.h"
@@ -51,6 +52,16 @@ bool IsEmpty(const TimeSpan& span)
     return span.m_first > span.m_last;
 }
 
+uint64_t SampleCount(const SurveyedProcess& process)
+{
+    uint64_t count = 0;
+    for (const auto& [tid, thread] : process.m_threads)
+    {
+        count += thread.m_samples;
+    }
+    return count;
+}
+
 // Viewers tell processes apart by their ids alone.
 void ChooseShownPids(SessionSurvey* pSurvey)
 {
@@ -87,9 +98,10 @@ SessionSurvey SurveySession(const std::string& path)
     survey.m_path = path;
     for (const std::string& session : SessionsIn(path))
     {
-        const uint64_t interval = ReadSettings(session).m_intervalNs.value_or(0);
         const SessionRecord record = ReadSessionRecord(session);
-        survey.m_periodNs = std::max({survey.m_periodNs, interval, record.m_tickNs.value_or(0)});
+        const SampleClock clock = SampleClockOf(ReadSettings(session), record);
+        const AgentLogFacts log = ReadAgentLogs(session);
+        survey.m_periodNs = std::max(survey.m_periodNs, clock.m_periodNs);
         survey.m_clocks = survey.m_clocks ? survey.m_clocks : record.m_start;
         const ClockShifts shifts = ReadClockShifts(session);
         for (const auto& [key, files] : FilesOfProcesses(session))
@@ -100,6 +112,7 @@ SessionSurvey SurveySession(const std::string& path)
                 Widen(&survey.m_span, process.m_span.m_first);
                 Widen(&survey.m_span, process.m_span.m_last);
             }
+            process.m_nsPerSample = NsPerSample(clock, log, files.m_sample, SampleCount(process));
             survey.m_processes.push_back(std::move(process));
         }
     }

@@ -17,7 +17,7 @@ struct SessionSurvey
     std::string m_path;
     std::vector<SurveyedProcess> m_processes; // by key
     TimeSpan m_span;
-    uint64_t m_periodNs = 0;           // CPU time that a sample stands for
+    uint64_t m_periodNs = 0;           // between two samples of a thread that runs, by its CPU time
     std::optional<ClockPair> m_clocks; // what the calendar showed when the first session began
     std::vector<Damage> m_damages;
 };

@@ -75,6 +75,7 @@ struct TimelineThread
     uint64_t m_calls = 0; // all of them
     uint64_t m_untimed = 0;
     uint64_t m_samples = 0;
+    double m_sampleNs = 0; // CPU time that one stands for
     KindTimes m_timeNs = {};
     std::vector<TimelineRun> m_runs;
 };
@@ -91,7 +92,6 @@ struct Timeline
 {
     TimelineBudget m_budget;
     uint64_t m_periodNs = 0; // between the samples of a thread that runs
-    uint64_t m_sampleNs = 0; // CPU time that a sample stands for
     uint64_t m_runGapNs = 0; // samples closer than this make one stretch
     unsigned m_cellShift = 10;
     TextTable m_names;

@@ -45,6 +45,7 @@ struct SurveyedProcess
     std::vector<uint64_t> m_events;  // codes of the counters
     std::vector<LockUse> m_lockUses; // of all its locks
     TimeSpan m_span;
+    double m_nsPerSample = 0;   // of CPU time; told by the session, not by the files
     int64_t m_clockShiftNs = 0; // to be added to its times, which the span has already
 };
 

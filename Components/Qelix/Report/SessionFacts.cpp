@@ -4,6 +4,7 @@
 #include "Report/LockNames.h"
 #include "Report/ProcessFiles.h"
 #include "Report/ProcessSurvey.h"
+#include "Report/SampleWeight.h"
 #include "Session/Failure.h"
 #include "Session/ProcessWatch.h"
 #include "Session/SessionDirectory.h"
@@ -170,8 +171,7 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
     session.m_record = ReadSessionRecord(path);
     session.m_settings = ReadSettings(path);
     session.m_bytes = BytesIn(path);
-    session.m_periodNs =
-        std::max(session.m_settings.m_intervalNs.value_or(0), session.m_record.m_tickNs.value_or(0));
+    session.m_periodNs = SampleClockOf(session.m_settings, session.m_record).m_periodNs;
     session.m_pSymbolizer = std::make_shared<Symbolizer>();
     session.m_pSymbolizer->m_recorded = FilesOfRun(session.m_record);
     const std::map<std::string, ProcessFiles> filesOf = FilesOfProcesses(path);
