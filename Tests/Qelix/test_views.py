@@ -207,6 +207,18 @@ def test_only_what_does_not_fit_on_a_terminal_is_paged(session):
     assert "paged:" not in qelix("report", "--full", session, env={**os.environ, **pager}).stdout
 
 
+def test_dumps_are_paged_as_they_come(session):
+    qelix("run", "-q", "-o", session, "--min", "all=0", SUBJECT, "contend", "50")
+    (trace,) = session.glob("trace/*.umt")
+    plain = qelix("dump", trace).stdout.splitlines()
+    assert len(plain) > 10
+    pager = {"QELIX_PAGER": "sed s/^/paged:/"}
+    assert on_screen(["dump", trace], 5, **pager).splitlines() == [f"paged:{line}" for line in plain]
+    assert on_screen(["dump", trace], 5000, **pager).splitlines() == plain
+    assert on_screen(["dump", trace], 5, QELIX_PAGER="no-such-pager").splitlines() == plain
+    assert on_screen(["dump", trace, trace, trace], 5, QELIX_PAGER="head -n 3").splitlines() == plain[:3]
+
+
 def test_columns_are_sorted_by_either_of_their_names(session):
     qelix("run", "-q", "-o", session, "--min", "all=0", SUBJECT, "contend", "50")
     by_key = qelix("waits", session, "--sort", "longestNs", "--csv").stdout
