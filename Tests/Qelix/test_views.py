@@ -13,6 +13,7 @@ import termios
 import pytest
 
 from conftest import QELIX, SUBJECT, qelix
+from made_session import Process, write_session
 
 TRUTH = os.environ["QELIX_TRUTH"]
 VIEWS = ["threads", "locks", "waits", "io", "blocked"]
@@ -205,6 +206,23 @@ def test_only_what_does_not_fit_on_a_terminal_is_paged(session):
     missing = on_screen(["report", "--full", session], 5, QELIX_PAGER="no-such-pager")
     assert missing.splitlines() == [line[len("paged:"):] for line in long]
     assert "paged:" not in qelix("report", "--full", session, env={**os.environ, **pager}).stdout
+
+
+def test_threads_of_several_processes_fit_80_columns(tmp_path):
+    start, second = 1_000_000_000, 10**9
+    processes = []
+    for pid, name in [(4190000, "a-long-process"), (4190100, "another-process")]:
+        process = Process(pid).thread(pid, name, start).thread(pid + 1, "a-long-worker-7", start)
+        process.call(pid, start, start + second // 8).lock(pid + 1, start, start + second)
+        processes.append(process.thread_end(pid, start + second).thread_end(pid + 1, start + second))
+    session = write_session(tmp_path / "session", *processes)
+    environment = {**os.environ, "COLUMNS": "80"}
+    text = qelix("threads", session, env=environment).stdout
+    assert max(map(len, text.splitlines())) <= 80, text
+    assert text.splitlines()[0].split() == "process thread tid wall CPU lock cond I/O sleep wait rest".split()
+    assert text.count(" 100 ") == 2 and "shares in %" in text
+    wide = qelix("threads", session, env={**environment, "COLUMNS": "140"}).stdout
+    assert " 4190100 " in wide and "100.0 %" in wide and "shares in %" not in wide
 
 
 def test_dumps_are_paged_as_they_come(session):

@@ -57,13 +57,6 @@ std::string BarOf(const ThreadTimes& times, const Screen& screen)
     return bar;
 }
 
-// "0" says that there was nothing, "<1" that there was little.
-std::string PercentText(double share)
-{
-    const double percent = 100 * share;
-    return percent == 0 ? "0" : percent < 1 ? "<1" : fmt::format("{:.0f}", percent);
-}
-
 std::string GroupName(const ThreadTimes& group, bool hasManyProcesses)
 {
     std::string name = NameOr(group.m_name, "-");

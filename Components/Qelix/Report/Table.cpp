@@ -18,7 +18,8 @@ namespace
 
 using Json = nlohmann::ordered_json;
 
-constexpr std::size_t ZORV_LEAST_TEXT = 12; // columns that a text keeps on a narrow screen
+constexpr std::size_t ZORV_LEAST_TEXT = 12;      // columns that a text keeps on a narrow screen
+constexpr std::size_t ZORV_LEAST_TEXT_TIGHT = 8; // without the details
 
 std::string CellText(const Cell& cell, CellForm form)
 {
@@ -125,8 +126,38 @@ Table WithoutRepetition(const Table& table)
     return brief;
 }
 
+bool HasDetails(const Table& table)
+{
+    return std::any_of(table.m_columns.begin(), table.m_columns.end(),
+                       [](const TableColumn& column) { return column.m_isDetail; });
+}
+
+// Where that does not do either, details are for wider screens, and shares are whole numbers.
+Table WithoutDetails(const Table& table)
+{
+    Table brief{{}, std::vector<std::vector<Cell>>(table.m_rows.size()), table.m_notes};
+    for (std::size_t column = 0; column < table.m_columns.size(); ++column)
+    {
+        const TableColumn& form = table.m_columns[column];
+        if (form.m_isDetail)
+        {
+            continue;
+        }
+        brief.m_columns.push_back(form);
+        for (std::size_t row = 0; row < table.m_rows.size(); ++row)
+        {
+            const Cell& cell = table.m_rows[row][column];
+            const auto* pShare = form.m_form == ZORV_CELL_SHARE ? std::get_if<double>(&cell) : nullptr;
+            brief.m_rows[row].push_back(pShare != nullptr ? Cell(PercentText(*pShare)) : cell);
+        }
+    }
+    brief.m_notes.push_back("shares in %; a wider screen, --csv and --json have more");
+    return brief;
+}
+
 // Texts give up what the screen has not, the widest one first.
-std::vector<std::size_t> WidthsOf(const Table& table, const Texts& texts, const Screen& screen)
+std::vector<std::size_t> WidthsOf(const Table& table, const Texts& texts, const Screen& screen,
+                                  std::size_t leastText)
 {
     std::vector<std::size_t> widths = WishedWidths(table, texts);
     std::size_t sum = LineWidth(widths);
@@ -135,7 +166,7 @@ std::vector<std::size_t> WidthsOf(const Table& table, const Texts& texts, const 
         std::size_t* pWidest = nullptr;
         for (std::size_t i = 0; i < widths.size(); ++i)
         {
-            if (table.m_columns[i].m_form == ZORV_CELL_TEXT && widths[i] > ZORV_LEAST_TEXT &&
+            if (table.m_columns[i].m_form == ZORV_CELL_TEXT && widths[i] > leastText &&
                 (pWidest == nullptr || widths[i] > *pWidest))
             {
                 pWidest = &widths[i];
@@ -242,9 +273,15 @@ void KeepRows(Table* pTable, std::size_t count)
 std::string TableText(const Table& whole, const Screen& screen)
 {
     const bool isTooWide = LineWidth(WishedWidths(whole, TextsOf(whole))) > screen.m_width;
-    const Table table = isTooWide ? WithoutRepetition(whole) : whole;
-    const Texts texts = TextsOf(table);
-    const std::vector<std::size_t> widths = WidthsOf(table, texts, screen);
+    Table table = isTooWide ? WithoutRepetition(whole) : whole;
+    Texts texts = TextsOf(table);
+    std::vector<std::size_t> widths = WidthsOf(table, texts, screen, ZORV_LEAST_TEXT);
+    if (LineWidth(widths) > screen.m_width && HasDetails(table))
+    {
+        table = WithoutDetails(table);
+        texts = TextsOf(table);
+        widths = WidthsOf(table, texts, screen, ZORV_LEAST_TEXT_TIGHT);
+    }
     std::vector<std::string> titles;
     for (const TableColumn& column : table.m_columns)
     {

@@ -136,9 +136,9 @@ void AddMark(Table* pTable, const SessionFacts& session, const MarkedPid& proces
 Table ThreadsView(const SessionFacts& session)
 {
     Table table;
-    table.m_columns = {{"process", "process", ZORV_CELL_TEXT}, {"pid", "pid", ZORV_CELL_COUNT},
+    table.m_columns = {{"process", "process", ZORV_CELL_TEXT}, {"pid", "pid", ZORV_CELL_COUNT, true},
                        {"thread", "thread", ZORV_CELL_TEXT},   {"tid", "tid", ZORV_CELL_COUNT},
-                       {"wallNs", "wall", ZORV_CELL_TIME},     {"calls", "calls", ZORV_CELL_COUNT}};
+                       {"wallNs", "wall", ZORV_CELL_TIME},     {"calls", "calls", ZORV_CELL_COUNT, true}};
     for (int kind = 0; kind < ZORV_TIME_KIND_COUNT; ++kind)
     {
         const TimeKindForm& form = FormOf(static_cast<TimeKind>(kind));
