@@ -88,6 +88,24 @@ def test_the_forms_of_a_difference_agree(tmp_path):
     assert "better" in text and f"and {len(rows) - 1} more" in text
 
 
+def test_the_rows_of_a_difference_begin_with_the_largest_change(tmp_path):
+    def session(path, locks):
+        process = Process(100).thread(100, "main", START)
+        for number, wait in enumerate(locks):
+            for turn in range(50):
+                begin = START + turn * 100 * MS
+                process.lock(100, begin, begin + wait * MS, 0x1000 + 0x100 * number)
+        return write_session(path, process)
+
+    a, b = session(tmp_path / "a", [2, 5, 3, 1]), session(tmp_path / "b", [9, 1, 3, 2])
+    facts = diff(a, b)[0]["rows"]
+    told = [row["verdict"] != "same" for row in facts]
+    assert told == sorted(told, reverse=True), "what is within the noise comes behind"
+    for part in (True, False):
+        changes = [abs(row["change"]) for row, is_told in zip(facts, told) if is_told == part]
+        assert changes == sorted(changes, reverse=True)
+
+
 def test_a_damaged_session_is_compared_as_far_as_it_goes(tmp_path):
     a = run(tmp_path / "a")
     (trace,) = a.glob("trace/*.umt")

@@ -6,6 +6,7 @@
 #include "Session/SessionProcesses.h"
 #include "Session/SessionSearch.h"
 #include "Session/Sizes.h"
+#include "Session/Terminal.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/ranges.h>
@@ -164,10 +165,16 @@ int Watch(const SessionTarget& found, const TargetOptions& options)
     {
         const SessionTarget session = SessionAt(found.m_path);
         const SessionState state = StateOf(session);
-        const std::string line =
-            options.m_isJson ? StatusJson(session, state) : StatusLine(session, state) + "\n";
         const bool isLast = IsOver(state);
-        PrintOut(isTerminal ? "\r\x1b[K" + line.substr(0, line.size() - (isLast ? 0 : 1)) : line);
+        if (isTerminal)
+        {
+            const std::string line = StatusLine(session, state);
+            PrintOut("\r\x1b[K" + (isLast ? line + "\n" : OneLineOn(STDOUT_FILENO, line)));
+        }
+        else
+        {
+            PrintOut(options.m_isJson ? StatusJson(session, state) : StatusLine(session, state) + "\n");
+        }
         fflush(stdout);
         if (isLast)
         {
