@@ -3,6 +3,7 @@
 import csv
 import io
 import json
+import os
 
 import pytest
 
@@ -189,6 +190,20 @@ def test_hostile_summaries_are_read_without_harm(tmp_path):
 def test_what_is_no_job_is_refused(tmp_path):
     result = qelix("ranks", tmp_path)
     assert result.returncode == 1 and "rank=N" in result.stderr
+
+
+def test_a_job_is_no_session_and_the_way_on_is_told(tmp_path):
+    path = job(tmp_path / "job")
+    result = qelix("report", path)
+    assert result.returncode == 1 and f"{path}/rank=0" in result.stderr and f"qelix ranks {path}" in result.stderr
+    assert qelix("report", f"{path}/rank=0").returncode == 0
+
+
+def test_tables_of_a_merged_session_fit_80_columns(tmp_path):
+    merged = merged_of_equal_ids(tmp_path)
+    for name in ["threads", "locks", "waits", "blocked"]:
+        text = qelix(name, merged, env={**os.environ, "COLUMNS": "80"}).stdout
+        assert max(map(len, text.splitlines())) <= 80, text
 
 
 def test_a_merged_job_is_one_session(tmp_path):

@@ -144,6 +144,24 @@ std::vector<std::pair<TraceClass, CallFacts>> ByClass(const std::vector<const Na
     return {std::make_move_iterator(classes.begin()), std::make_move_iterator(classes.end())};
 }
 
+// Of a job's directory one of the sessions in it; empty when it is none.
+std::string FirstRankIn(const std::string& path)
+{
+    std::string first;
+    std::error_code error;
+    for (std::filesystem::directory_iterator at(path, error), end; !error && at != end; at.increment(error))
+    {
+        std::error_code none;
+        const std::string inner = at->path();
+        if (at->path().filename().string().starts_with("rank=") &&
+            std::filesystem::is_directory(TraceFolder(inner), none) && (first.empty() || inner < first))
+        {
+            first = inner;
+        }
+    }
+    return first;
+}
+
 RecordedFiles FilesOfRun(const SessionRecord& record)
 {
     RecordedFiles files{record.m_buildIds, record.m_machine.m_bootId, {}};
@@ -161,6 +179,15 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
     std::error_code error;
     if (!std::filesystem::is_directory(TraceFolder(path), error))
     {
+        if (const std::string rank = FirstRankIn(path); !rank.empty())
+        {
+            throw Failure(
+                ZORV_FAILURE_NO_SESSION,
+                "{} is a job with a session for each rank: name one of them, as {}; qelix ranks {} compares "
+                "them, qelix merge makes one session of all",
+                path, rank, path)
+                .At(path);
+        }
         throw Failure(ZORV_FAILURE_NO_SESSION,
                       "{} is no session: it has no folder \"trace\"; name a directory that qelix run has made",
                       path)

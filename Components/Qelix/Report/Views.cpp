@@ -36,7 +36,7 @@ void AddTime(std::vector<Cell>* pRow, bool isTimed, uint64_t nanoseconds)
 // The numbers that every table of calls has.
 constexpr TableColumn g_numberColumns[] = {
     {"calls", "calls", ZORV_CELL_COUNT},      {"totalNs", "total", ZORV_CELL_TIME},
-    {"meanNs", "mean", ZORV_CELL_TIME},       {"p95Ns", "p95", ZORV_CELL_TIME},
+    {"meanNs", "mean", ZORV_CELL_TIME},       {"p95Ns", "p95", ZORV_CELL_TIME, true},
     {"longestNs", "longest", ZORV_CELL_TIME},
 };
 
@@ -121,7 +121,7 @@ void AddMarkColumn(Table* pTable, const SessionFacts& session)
 {
     if (IsMerged(session))
     {
-        pTable->m_columns.push_back({"mark", "session", ZORV_CELL_TEXT});
+        pTable->m_columns.push_back({"mark", "mark", ZORV_CELL_TEXT});
     }
 }
 
