@@ -154,7 +154,7 @@ def test_status_says_what_is_going_on(running, session):
     assert f"(process {running.pid})" in text and "1 process, 1 thread" in text
     running.finish()
     text = qelix("status", session).stdout
-    assert "ended with status 0" in text
+    assert re.search(r"ended with status 0, \d+ s, 1 process, \d+ records", text), text
     facts = json.loads(qelix("status", "--json", session).stdout)
     assert facts["state"] == "ended" and facts["records"] >= 2
     assert qelix("pause", session).returncode == 1

@@ -39,10 +39,7 @@ std::vector<std::string> SessionsIn(const std::string& path)
     std::sort(sessions.begin(), sessions.end());
     if (sessions.empty())
     {
-        throw Failure(ZORV_FAILURE_NO_SESSION,
-                      "{} is no session: it has no folder \"trace\"; name a directory that qelix run has made",
-                      path)
-            .At(path);
+        throw NoSession(path);
     }
     return sessions;
 }

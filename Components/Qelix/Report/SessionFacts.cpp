@@ -188,10 +188,7 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
                 path, rank, path)
                 .At(path);
         }
-        throw Failure(ZORV_FAILURE_NO_SESSION,
-                      "{} is no session: it has no folder \"trace\"; name a directory that qelix run has made",
-                      path)
-            .At(path);
+        throw NoSession(path);
     }
     SessionFacts session;
     session.m_path = path;
