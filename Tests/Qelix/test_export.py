@@ -51,6 +51,7 @@ def decoded(definition, message, data):
     result = subprocess.run(["protoc", f"--decode={message}", f"--proto_path={DEFINITIONS}", definition],
                             input=data, capture_output=True)
     assert result.returncode == 0, result.stderr
+    assert not re.search(rb"^\s*\d+\s*[:{]", result.stdout, re.MULTILINE), "a field that the format does not have"
     return truth.messages(result.stdout.decode())
 
 
