@@ -130,6 +130,19 @@ int32_t LastAcquirer(const LockTable& table, uint64_t address, const CallKind* p
     return last.m_tid;
 }
 
+uint64_t WaitedNs(const LockFacts& lock)
+{
+    return SaturatingAdd(lock.m_calls.m_totalNs, lock.m_stuckNs);
+}
+
+void AddStuck(LockTable* pTable, uint64_t address, const CallKind* pKind, uint64_t nanoseconds)
+{
+    if (const auto found = pTable->m_locks.find(LockKey{address, pKind}); found != pTable->m_locks.end())
+    {
+        found->second.m_stuckNs = SaturatingAdd(found->second.m_stuckNs, nanoseconds);
+    }
+}
+
 std::vector<LockFacts> SettledLocks(LockTable* pTable, const MarkedPid& process)
 {
     std::vector<LockFacts> locks;
@@ -149,8 +162,8 @@ std::vector<LockFacts> SettledLocks(LockTable* pTable, const MarkedPid& process)
 
 bool IsWorseLock(const LockFacts& a, const LockFacts& b)
 {
-    return std::tuple(b.m_calls.m_totalNs, a.m_process, a.m_address, a.m_pKind) <
-           std::tuple(a.m_calls.m_totalNs, b.m_process, b.m_address, b.m_pKind);
+    return std::tuple(WaitedNs(b), a.m_process, a.m_address, a.m_pKind) <
+           std::tuple(WaitedNs(a), b.m_process, b.m_address, b.m_pKind);
 }
 
 double MeanWaiters(const LockFacts& lock)

@@ -100,6 +100,7 @@ void SettleNeverReturned(TraceGathering* pGathering)
             call.m_lastAcquirer = LastAcquirer(pGathering->m_locks, call.m_address, call.m_pKind);
         }
         AddToThread(&pGathering->m_process, call);
+        AddStuck(&pGathering->m_locks, call.m_address, call.m_pKind, call.m_atLeastNs);
     }
     std::sort(calls.begin(), calls.end(),
               [](const NeverReturned& a, const NeverReturned& b)
