@@ -76,6 +76,23 @@ def test_where_the_kernel_cannot_wait_for_two_words_it_looks_at_the_flags(waking
     assert (run.finish().status, run.err, len(run.calls())) == (3, b"", 1)
 
 
+def test_without_that_promise_no_rest_waits_for_a_wake_of_the_controllers(session):
+    """Nor does the last of the rests that grow longer behind work."""
+    waits = session.root / "waits"
+    run = session.start("/usr/bin/strace", "-f", "-qq", "-e", "trace=futex_waitv", "-e", "signal=none", "-o", waits,
+                        "-E", f"LD_PRELOAD={session.environment()['LD_PRELOAD']}", program("stepper"),
+                        env={"LD_PRELOAD": None})
+    run.tell(f"lock {2 * BUFFER_SIZE // RECORD_SIZE}")
+    run.expect("done")
+    (trace,) = (session.root / "trace").iterdir()
+    run.pid = int(trace.stem.rpartition("_")[2])  # not the watcher's
+    wait_for(lambda: writer_of(run), "a writer")
+    before = wakes_of_writer(run)
+    wait_for(lambda: wakes_of_writer(run) - before > 100, "the longest rest")
+    run.finish()
+    assert (run.status, run.err, waits.read_text()) == (3, b"", "")
+
+
 # ---- what ends a sleep ---------------------------------------------------------------------------------------
 
 @pytest.mark.parametrize("wakes", [True, False], ids=["woken", "promise_broken"])

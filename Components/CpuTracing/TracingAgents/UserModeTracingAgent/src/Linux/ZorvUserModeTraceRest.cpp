@@ -142,12 +142,21 @@ static void Rest(ZorvUmaProfileInfo* pProfileInfo, long restNs)
     ChangeSignal(pProfileInfo, kind, WRITER_AWAKE);
 }
 
+// Up to the rest that looks at the flags, and only from there into the sleep that waits for their wake.
+static long NextRest(const ZorvUmaProfileInfo* pProfileInfo, long restNs)
+{
+    if (restNs >= REST_NS)
+        return ZorvUmaLongestRest(pProfileInfo);
+    const long longer = restNs + restNs / 4;
+    return longer < REST_NS ? longer : REST_NS;
+}
+
 void ZorvUmaRestBetweenPasses(ZorvUmaProfileInfo* pProfileInfo, long* pRestNs)
 {
     for (int rest = 0; rest < MOST_RESTS && (rest == 0 || !IsPassDue(pProfileInfo)); rest++)
     {
         Rest(pProfileInfo, *pRestNs);
-        *pRestNs = *pRestNs < REST_NS ? *pRestNs + *pRestNs / 4 : ZorvUmaLongestRest(pProfileInfo);
+        *pRestNs = NextRest(pProfileInfo, *pRestNs);
     }
 }
 
