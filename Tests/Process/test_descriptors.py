@@ -16,7 +16,7 @@ ROUNDS = 6
 MODES = {"numbers": CALLS, "numbers_while_writing": CALLS * (ROUNDS + 1), "close_each": CALLS * (ROUNDS + 1),
          "close_range": CALLS * (ROUNDS + 1), "close_from": CALLS * (ROUNDS + 1), "mark_all": CALLS * (ROUNDS + 1),
          "take_high": CALLS * (ROUNDS + 1), "take_fixed": CALLS * (ROUNDS + 1), "hold_at_exit": CALLS,
-         "few": CALLS * ROUNDS}
+         "ask_odd": CALLS * (ROUNDS + 1), "few": CALLS * ROUNDS}
 
 
 def files_of(directory):
@@ -74,6 +74,23 @@ def test_a_number_that_is_closed_in_the_moment_before_a_write_costs_nothing(sess
     assert (run.status, run.err) == (STATUS, b"")
     assert_all_work_recorded(run, MODES["close_each"])
     assert run.log_texts("ERROR", "WARN") == []
+
+
+@pytest.mark.parametrize("moment", ["write", "close"])
+def test_a_number_that_is_taken_in_the_moment_of_a_write_or_close_is_the_programs(session, moment):
+    run = session.start("descriptors", "take_in_the_moment", ahead=[program("taking_hands.so")])
+    run.expect("ready")
+    if moment == "close":
+        run.tell("0")
+        session.block.stop()
+    else:
+        run.tell(str(CALLS))
+    number = run.line().removeprefix("number ")
+    run.finish()
+    assert (run.status, run.err) == (STATUS, b"")
+    assert (session.root / f"mine-{number}").read_text() == f"begin {number}\nend {number}\n"
+    if moment == "write":
+        assert_all_work_recorded(run, CALLS)
 
 
 def test_open_returns_3(session):

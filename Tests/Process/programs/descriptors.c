@@ -185,10 +185,9 @@ static int TakeFixedNumbers(void)
     return 100;
 }
 
-// Every descriptor that is not the program's becomes the program's.
-static void TakeOurs(int round)
+// The agent's numbers, as the program sees them; natively none.
+static int NumbersOfOthers(int* pNumbers)
 {
-    int numbers[64];
     int count = 0;
     DIR* pDirectory = opendir("/proc/self/fd");
     for (struct dirent* pEntry = readdir(pDirectory); pEntry; pEntry = readdir(pDirectory))
@@ -196,10 +195,18 @@ static void TakeOurs(int round)
         int number = atoi(pEntry->d_name);
         if (number > 200)
         {
-            numbers[count++] = number;
+            pNumbers[count++] = number;
         }
     }
     closedir(pDirectory);
+    return count;
+}
+
+// Every descriptor that is not the program's becomes the program's.
+static void TakeOurs(int round)
+{
+    int numbers[64];
+    int count = NumbersOfOthers(numbers);
     for (int i = 0; i < count; ++i)
     {
         Place(numbers[i]);
@@ -210,6 +217,58 @@ static void TakeOurs(int round)
 static int TakeTheAgents(void)
 {
     Rounds(TakeOurs);
+    return 100;
+}
+
+static void Answer(const char* pCall, int result)
+{
+    Say("%s %d, errno %d", pCall, result, errno);
+    errno = 0;
+}
+
+// What the calls answer for a number that the program has not opened.
+static void AskOdd(int round)
+{
+    int numbers[64];
+    int number = NumbersOfOthers(numbers) > 0 ? numbers[0] : 900;
+    errno = 0;
+    Answer("dup2", dup2(number, number));
+    Answer("dup2 from it", dup2(number, 40));
+    Answer("dup3", dup3(number, number, 0));
+    Answer("dup3 from it", dup3(number, 40, O_CLOEXEC));
+    Answer("unknown flag of dup3", dup3(0, number, 1 << 30));
+    Answer("upside down", close_range((unsigned)number + 1, (unsigned)number, 0));
+    Answer("unknown flag", close_range((unsigned)number, (unsigned)number, 1 << 30));
+    Answer("close_range", close_range((unsigned)number, (unsigned)number, 0));
+    Answer("close", close(number));
+    (void)round;
+}
+
+static int AskOddOnes(void)
+{
+    Rounds(AskOdd);
+    return 100;
+}
+
+// A number that the agent is writing to, or closing, in this moment; what stands ahead of the agent shows it.
+static int TakeInTheMoment(void)
+{
+    const int* pNumber = (const int*)dlsym(RTLD_DEFAULT, "g_numberInHand");
+    const int* pIsPast = (const int*)dlsym(RTLD_DEFAULT, "g_isMomentPast");
+    char line[16];
+    Check(pNumber && pIsPast, "an object ahead of the agent");
+    Say("ready");
+    Check(Hear(line, sizeof(line)), "the test's word");
+    Work(atoi(line));
+    while (__atomic_load_n(pNumber, __ATOMIC_SEQ_CST) == 0)
+    {
+    }
+    Place(*pNumber);
+    while (__atomic_load_n(pIsPast, __ATOMIC_SEQ_CST) == 0)
+    {
+    }
+    Finish(*pNumber);
+    Say("number %d", *pNumber);
     return 100;
 }
 
@@ -294,6 +353,8 @@ static const struct Mode g_modes[] = {
     {"take_high", TakeHighNumbers},
     {"take_fixed", TakeFixedNumbers},
     {"take_ours", TakeTheAgents},
+    {"ask_odd", AskOddOnes},
+    {"take_in_the_moment", TakeInTheMoment},
     {"hold", HoldWhileStopped},
     {"hold_at_exit", HoldInExitHandler},
     {"without_streams", WithoutStreams},

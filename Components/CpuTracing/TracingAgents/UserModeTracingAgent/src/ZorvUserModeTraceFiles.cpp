@@ -22,11 +22,13 @@ namespace
 
 constexpr uint32_t MAX_KEPT_FILES =
     24;                              // six of a process and its unwinder's, and those of its parent in a child
-constexpr uint32_t MAX_NUMBERS = 8;  // of one file, the current one first
+constexpr uint32_t MAX_NUMBERS = 64; // of one file, the current one first
 constexpr int USUAL_LOWEST_FD = 512; // high enough for shells and small enough for the kernel's table
 constexpr int FIRST_FREE_FD = 3;
 constexpr int OPEN_ATTEMPTS = 3;
 constexpr int FLIGHT = 64; // away from a program that takes one number after the other
+constexpr int WRITE_STEPS = 5000;
+constexpr long WRITE_STEP_NS = 200000; // 1 s for a write that is under way
 constexpr size_t PROC_PATH_SIZE = 64;
 constexpr size_t PATH_SIZE = 4096;
 
@@ -42,6 +44,7 @@ struct KeptFile
 
 KeptFile g_keptFiles[MAX_KEPT_FILES];
 int g_highestFd;
+uint32_t g_writesUnderWay;
 // Taken with every signal blocked, like all locks of the agent; a forked child makes it anew.
 pthread_mutex_t g_filesLock = PTHREAD_MUTEX_INITIALIZER;
 
@@ -65,8 +68,8 @@ static KeptFile* FindKeptOf(int fd, pid_t pid)
     if (fd < FIRST_FREE_FD)
         return nullptr;
     for (KeptFile& file : g_keptFiles)
-        for (int number : file.m_fds)
-            if (number == fd && (pid == 0 || file.m_pid == pid))
+        for (uint32_t i = 0; i < MAX_NUMBERS && file.m_fds[i] != 0; i++)
+            if (file.m_fds[i] == fd && (pid == 0 || file.m_pid == pid))
                 return &file;
     return nullptr;
 }
@@ -159,10 +162,10 @@ static KeptFile* Remember(int fd)
         if (!IsFree(file))
             continue;
         file = {};
-        file.m_fds[0] = fd;
         file.m_pid = ZorvUmaCachedPid();
         file.m_device = now.st_dev;
         file.m_inode = now.st_ino;
+        __atomic_store_n(&file.m_fds[0], fd, __ATOMIC_RELEASE);
         return &file;
     }
     return nullptr;
@@ -242,15 +245,24 @@ void ZorvUmaForgetKeptFile(int fd)
         *pFile = {};
 }
 
+// Under its number of now, and forgotten behind that: a program that puts a file of its own there meanwhile
+// waits for the lock.
 void ZorvUmaCloseKeptFile(int fd)
 {
     if (fd < 0)
         return;
-    const KeptFile* pFile = FindKept(fd);
-    bool isOwn = pFile == nullptr || IsStill(pFile, fd);
-    ZorvUmaForgetKeptFile(fd);
-    if (isOwn)
+    ZorvAgentScope scope;
+    ZorvUmaEnterAgent(&scope);
+    ZorvUmaPthreadMutexLock(&g_filesLock);
+    KeptFile* pFile = FindKept(fd);
+    if (pFile != nullptr)
+        fd = pFile->m_fds[0];
+    if (pFile == nullptr || IsStill(pFile, fd))
         ZorvUmaClose(fd);
+    if (pFile != nullptr)
+        *pFile = {};
+    ZorvUmaPthreadMutexUnlock(&g_filesLock);
+    ZorvUmaLeaveAgent(&scope);
 }
 
 void ZorvUmaSyncAndClose(int* pFd)
@@ -279,6 +291,7 @@ void ZorvUmaDropParentsFiles()
 void ZorvUmaRenewFilesLock()
 {
     g_filesLock = PTHREAD_MUTEX_INITIALIZER;
+    g_writesUnderWay = 0;
 }
 
 // ---- opening again ---------------------------------------------------------------------------------------
@@ -291,8 +304,10 @@ static void Rename(int oldFd, int newFd)
         return;
     for (int* pFd : {&pProfileInfo->m_umsData.m_fd, &pProfileInfo->m_umtData.m_fd, &pProfileInfo->m_metaDataFd,
                      &pProfileInfo->m_logFd, &pProfileInfo->m_errFd})
-        if (*pFd == oldFd)
-            __atomic_store_n(pFd, newFd, __ATOMIC_SEQ_CST);
+    {
+        int expected = oldFd; // unless the file is being closed
+        __atomic_compare_exchange_n(pFd, &expected, newFd, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+    }
 }
 
 static void GiveNumber(KeptFile* pFile, int fd)
@@ -376,11 +391,16 @@ int ZorvUmaOwnDescriptor(int fd)
 
 // ---- what the program does to numbers --------------------------------------------------------------------
 
-// Those of a parent count as well: a child that is not profiled has kept them.
+// Those of a parent count as well: a child that is not profiled has kept them. A program may ask for a million
+// numbers in a row.
 bool ZorvUmaIsOwnNumber(int fd)
 {
-    const KeptFile* pFile = FindKeptOf(fd, 0);
-    return pFile != nullptr && pFile->m_fds[0] == fd && IsStill(pFile, fd);
+    if (fd > g_highestFd)
+        return false;
+    for (const KeptFile& file : g_keptFiles)
+        if (file.m_fds[0] == fd)
+            return IsStill(&file, fd);
+    return false;
 }
 
 int ZorvUmaNextOwnNumber(unsigned first, unsigned last)
@@ -397,15 +417,25 @@ int ZorvUmaNextOwnNumber(unsigned first, unsigned last)
     return next;
 }
 
+// Who has looked at the number before it changed may still be about to write to it.
+static void AwaitWrites()
+{
+    const timespec step = {0, WRITE_STEP_NS};
+    ZorvFullFence();
+    for (int i = 0; i < WRITE_STEPS && __atomic_load_n(&g_writesUnderWay, __ATOMIC_SEQ_CST) != 0; i++)
+        ZorvRawSyscall(SYS_nanosleep, reinterpret_cast<long>(&step));
+}
+
 // While the file is still open, so that no number is ever missing. What cannot be renamed stays.
 void ZorvUmaVacate(int fd)
 {
+    if (ZorvUmaIsForeign())
+        return; // a child with numbers of its own; the lock, if not the file, is its parent's
     ZorvAgentScope scope;
     ZorvUmaEnterAgent(&scope);
     ZorvUmaPthreadMutexLock(&g_filesLock);
     KeptFile* pFile = FindKept(fd);
-    bool isOurs =
-        pFile != nullptr && pFile->m_pid == ZorvUmaGetPid() && pFile->m_fds[0] == fd && IsStill(pFile, fd);
+    bool isOurs = pFile != nullptr && pFile->m_fds[0] == fd && IsStill(pFile, fd);
     int moved = isOurs && pFile->m_pPath != nullptr ? DuplicateAway(fd) : -1;
     if (moved >= 0)
     {
@@ -413,6 +443,8 @@ void ZorvUmaVacate(int fd)
         GiveNumber(pFile, moved);
     }
     ZorvUmaPthreadMutexUnlock(&g_filesLock);
+    if (moved >= 0)
+        AwaitWrites();
     ZorvUmaLeaveAgent(&scope);
 }
 
@@ -458,13 +490,27 @@ static ssize_t WriteUnsignalled(int* pFd, const void* pBuf, size_t count)
     return written;
 }
 
+static void BeginWrite()
+{
+    __atomic_add_fetch(&g_writesUnderWay, 1, __ATOMIC_SEQ_CST);
+}
+
+static void EndWrite()
+{
+    __atomic_sub_fetch(&g_writesUnderWay, 1, __ATOMIC_SEQ_CST);
+}
+
 ssize_t ZorvUmaWriteOwnFile(int fd, const void* pBuf, size_t count)
 {
-    return WriteUnsignalled(&fd, pBuf, count);
+    BeginWrite();
+    ssize_t written = WriteUnsignalled(&fd, pBuf, count);
+    EndWrite();
+    return written;
 }
 
 static ssize_t WriteOrCutBack(int fd, const void* pBuf, size_t count)
 {
+    BeginWrite();
     fd = ZorvUmaOwnDescriptor(fd);
     long start = fd < 0 ? -1 : ZorvRawSyscall(SYS_lseek, fd, 0, SEEK_CUR);
     ssize_t written = WriteUnsignalled(&fd, pBuf, count);
@@ -473,6 +519,7 @@ static ssize_t WriteOrCutBack(int fd, const void* pBuf, size_t count)
         ZorvRawSyscall(SYS_ftruncate, fd, start);
         ZorvRawSyscall(SYS_lseek, fd, start, SEEK_SET);
     }
+    EndWrite();
     return written;
 }
 

@@ -151,8 +151,13 @@ struct OfOverwriting<pEntry, Class, int (*)(int, int, P...)>
 {
     static int Call(int from, int to, P... arguments)
     {
-        from = ZorvUmaProgramsNumber(from);
-        if (ZORV_UNLIKELY(ZorvUmaProgramsNumber(to) != to) && ZorvRawSyscall(SYS_fcntl, from, F_GETFD) >= 0)
+        // dup3 refuses two equal numbers whatever they are, and flags that it does not know.
+        constexpr bool hasFlags = sizeof...(P) != 0;
+        const bool isRefused = (from == to && hasFlags) || ((0 | ... | arguments) & ~O_CLOEXEC) != 0;
+        if (!isRefused)
+            from = ZorvUmaProgramsNumber(from);
+        if (ZORV_UNLIKELY(ZorvUmaProgramsNumber(to) != to) && !isRefused &&
+            ZorvRawSyscall(SYS_fcntl, from, F_GETFD) >= 0)
             ZorvUmaVacate(to);
         return OfClass<pEntry, Class, int (*)(int, int, P...)>::Call(from, to, arguments...);
     }
@@ -232,8 +237,8 @@ template <ZorvEntryPoint* pEntry, typename, typename Pointer> struct RangeOfClos
         auto pReal = reinterpret_cast<Pointer>(ZorvRealOf(pEntry));
         if (pReal == nullptr)
             return -1;
-        // Ours are close-on-exec already.
-        if (first > last || (flags & static_cast<int>(CLOSE_RANGE_CLOEXEC)) != 0)
+        // Ours are close-on-exec already, and what the kernel does not know it refuses.
+        if (first > last || (flags & ~static_cast<int>(CLOSE_RANGE_UNSHARE)) != 0)
             return pReal(first, last, flags);
         return CloseAround(first, last, flags, pReal);
     }
