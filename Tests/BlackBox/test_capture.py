@@ -10,10 +10,13 @@ CALLS = ["mutex_lock", "mutex_timedlock", "cond_wait", "cond_timedwait", "rdlock
          "timedwrlock", "barrier_wait", "sem_wait", "sem_timedwait", "join"]
 
 
-def run_with_clock(session, step, threshold, *command):
-    """The agent's clock goes on by `step` with every look at it, so a call lasts exactly one step."""
+def run_with_clock(session, step, threshold, *command, tell=""):
+    """The agent's clock goes on by `step` with every look at it, so a lone thread's call lasts one step."""
     session.configure(QELIX_TRACE_PTHREAD=f"1:{threshold}")
-    run = session.run(*command, ahead=[program("fake_clock.so")], env={"ZORV_TEST_CLOCK_STEP": step})
+    run = session.start(*command, ahead=[program("fake_clock.so")], env={"ZORV_TEST_CLOCK_STEP": step})
+    if tell:
+        run.tell(tell)
+    run.finish()
     assert run.err == b""
     return run
 
@@ -22,8 +25,8 @@ def run_with_clock(session, step, threshold, *command):
 
 @pytest.mark.parametrize("threshold, recorded", [(0, 100), (999, 100), (1000, 100), (1001, 0), (2**64 - 1, 0)])
 def test_a_call_whose_duration_equals_the_threshold_is_recorded(session, threshold, recorded):
-    run = run_with_clock(session, 1000, threshold, "hammer", 1, 100)
-    assert run.status == 5
+    run = run_with_clock(session, 1000, threshold, "stepper", tell="lock 100")
+    assert run.status == 3
     locks = run.calls(records.LOCK_MUTEX)
     assert len(locks) == recorded
     assert {record.end - record.start for record in locks} <= {1000}
