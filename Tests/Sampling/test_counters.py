@@ -263,6 +263,31 @@ def test_without_room_for_a_counter_the_limit_is_raised_and_it_is_tried_once_mor
     assert len(samples_of(run)) == 3
 
 
+# Every thread counts, and the program opens files meanwhile.
+OPENS = """
+import os, threading
+def open_two(): print(os.open("/dev/null", 0), os.dup(0), flush=True)
+open_two()
+for _ in range(3):
+    thread = threading.Thread(target=open_two)
+    thread.start()
+    thread.join()
+"""
+
+
+def test_counters_leave_the_program_its_numbers(counted_session):
+    """Those that it gets beside the same object ahead of the agent without counters."""
+    def run():
+        return counted_session.run("/usr/bin/python3", "-S", "-c", OPENS, ahead=[program("counter_files.so")],
+                                   env={"ZORV_TEST_CPU_TYPE": "1\n"})
+    counting_run = run()
+    if any("Permission denied" in line for line in complaints(counted_session)):
+        pytest.skip("the kernel refuses these counters here")
+    counted_session.configure()
+    without = run()
+    assert (counting_run.status, counting_run.err, counting_run.lines()) == (0, b"", without.lines())
+
+
 def test_no_room_for_counters_ends_the_launcher_and_the_program(counted_session):
     import subprocess
     launcher = subprocess.Popen(["sleep", "60"])

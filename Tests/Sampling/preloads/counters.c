@@ -47,6 +47,8 @@ int fnOpenFile(const char* pPath, int flags, mode_t mode)
     return ((int (*)(const char*, int, mode_t))dlsym(RTLD_NEXT, "fnOpenFile"))(pPath, flags, mode);
 }
 
+#ifndef ZORV_TEST_FILES_ALONE
+
 static int IsWithoutRoom(int calls)
 {
     const char* pSpec = getenv("ZORV_TEST_NO_ROOM");
@@ -102,3 +104,5 @@ long ZorvUmaPerfEventOpen(struct perf_event_attr* pAttributes, pid_t pid, int cp
     errno = saved;
     return result;
 }
+
+#endif

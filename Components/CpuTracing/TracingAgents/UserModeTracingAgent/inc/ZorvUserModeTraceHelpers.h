@@ -247,6 +247,8 @@ ZorvProcessState* ZorvUmaStateOf(const ZorvUmaProfileInfo* pProfileInfo);
 bool ZorvUmaBeginStreamUse(ZorvUmaProfileInfo* pProfileInfo);
 void ZorvUmaEndStreamUse(ZorvUmaProfileInfo* pProfileInfo);
 
+// A number out of the program's way in place of this one, or this one where there is no room. errno is kept.
+int ZorvUmaMoveDescriptor(int fd);
 // Takes charge of a descriptor of the agent: moves it out of the program's way (never 0 to 2, close-on-exec)
 // and remembers what it stands for. The new number, or -1.
 int ZorvUmaKeepDescriptor(int fd);

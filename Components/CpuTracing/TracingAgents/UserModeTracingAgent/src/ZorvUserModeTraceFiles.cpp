@@ -124,6 +124,14 @@ static int MoveHigh(int fd)
     return moved;
 }
 
+int ZorvUmaMoveDescriptor(int fd)
+{
+    int savedErrno = errno;
+    fd = MoveHigh(fd);
+    errno = savedErrno;
+    return fd;
+}
+
 static void RememberNumber(int fd)
 {
     if (fd > g_highestFd)

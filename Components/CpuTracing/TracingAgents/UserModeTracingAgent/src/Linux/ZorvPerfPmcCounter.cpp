@@ -1,7 +1,9 @@
 // One counter of the calling thread: opened, switched and closed, and the time-stamp counter's frequency.
 
+#include "ZorvAgentWrappers.h"
 #include "ZorvPerfPmcShared.h"
 #include "ZorvRawSyscall.h"
+#include "ZorvUserModeTraceHelpers.h"
 
 #include <cerrno>
 
@@ -21,9 +23,22 @@ static_assert(sizeof(ReadFormat) == 32);
 
 // ---- opening ---------------------------------------------------------------------------------------------
 
+// An object ahead of the agent that opens or closes the counters knows them by the numbers that it gave.
+static bool AreOthersNumbers()
+{
+    void* volatile const functions[] = {reinterpret_cast<void*>(&fnPerfEventOpen),
+                                        reinterpret_cast<void*>(&ZorvUmaPerfEventOpen),
+                                        reinterpret_cast<void*>(&ZorvUmaClose)};
+    for (void* pFunction : functions)
+        if (!ZorvUmaIsOwn(pFunction))
+            return true;
+    return false;
+}
+
 static int OpenForThisThread(perf_event_attr* pAttr, int groupFd, unsigned long flags)
 {
-    return fnPerfEventOpen(pAttr, 0, -1, groupFd, flags);
+    int fd = fnPerfEventOpen(pAttr, 0, -1, groupFd, flags);
+    return fd <= 0 || AreOthersNumbers() ? fd : ZorvUmaMoveDescriptor(fd);
 }
 
 static int OpenMsrCounter(uint64_t event, int groupFd, uint64_t readFormat)
