@@ -189,6 +189,17 @@ def test_shells_redirect_as_natively(session, shell):
     assert run.log_texts("ERROR") == []
 
 
+def test_a_shell_takes_the_numbers_of_the_agent_as_free_ones(session):
+    script = ("for n in 511 512 513 514 515 516 517 518; do eval \"exec $n>f$n\"; eval \"echo $n >&$n\"; done; "
+              "(exec 513>sub; echo sub >&513); for i in 1 2 3; do echo $i 516>loop >&516; done; "
+              "for n in 512 513 519; do eval \"echo again >&$n\"; eval \"exec $n>&-\"; done; echo $?")
+    native, native_files = run_in(session, "/bin/bash", "-c", script, agent=False)
+    run, files = run_in(session, "/bin/bash", "-c", script)
+    assert (run.lines(), run.status, run.err) == (native.lines(), native.status, native.err)
+    assert files == native_files
+    run.assert_all_files_parse()
+
+
 def test_a_new_image_inherits_none_of_the_agents_descriptors(session):
     session.configure(without=("QELIX_USERMODE_AGENT_PATH",))  # so that a program can be started without the agent
     for ending in ("", "; true"):

@@ -235,6 +235,9 @@ static void AskOdd(int round)
     Answer("dup2", dup2(number, number));
     Answer("dup2 from it", dup2(number, 40));
     Answer("dup3", dup3(number, number, 0));
+    Answer("dup", dup(number));
+    Answer("fcntl", fcntl(number, F_GETFD));
+    Answer("F_DUPFD", fcntl(number, F_DUPFD, 10));
     Answer("dup3 from it", dup3(number, 40, O_CLOEXEC));
     Answer("unknown flag of dup3", dup3(0, number, 1 << 30));
     Answer("upside down", close_range((unsigned)number + 1, (unsigned)number, 0));

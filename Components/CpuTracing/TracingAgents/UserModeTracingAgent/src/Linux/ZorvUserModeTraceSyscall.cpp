@@ -145,6 +145,17 @@ template <ZorvEntryPoint* pEntry, typename Class, typename Pointer> struct OfClo
     }
 };
 
+// A shell asks for a number before it takes it, and puts back later what it found there.
+template <ZorvEntryPoint* pEntry, typename Class, typename Pointer> struct OfNumbers;
+template <ZorvEntryPoint* pEntry, typename Class, typename... P>
+struct OfNumbers<pEntry, Class, int (*)(int, P...)>
+{
+    static int Call(int fd, P... arguments)
+    {
+        return OfClass<pEntry, Class, int (*)(int, P...)>::Call(ZorvUmaProgramsNumber(fd), arguments...);
+    }
+};
+
 template <ZorvEntryPoint* pEntry, typename Class, typename Pointer> struct OfOverwriting;
 template <ZorvEntryPoint* pEntry, typename Class, typename... P>
 struct OfOverwriting<pEntry, Class, int (*)(int, int, P...)>
@@ -188,6 +199,8 @@ struct OfSignals<pEntry, Class, int (*)(const sigset_t*, P...)>
 #define ZORV_SYSCALL_OF_CLOSING(class, call, name, count)                                                      \
     using UnwinderCall##call = UnwinderCall<class, SYS_##name>;                                                \
     ZORV_INTERPOSE_SINGLE(OfClosing, UnwinderCall##call, ZorvInterpose##call, name, count, AllOnes)
+#define ZORV_SYSCALL_OF_NUMBERS(class, call, name, count)                                                      \
+    ZORV_INTERPOSE_SINGLE(OfNumbers, class, ZorvInterpose##call, name, count, AllOnes)
 #define ZORV_SYSCALL_OF_OVERWRITING(class, call, name, count)                                                  \
     ZORV_INTERPOSE_SINGLE(OfOverwriting, class, ZorvInterpose##call, name, count, AllOnes)
 #define ZORV_SYSCALL_VERSIONED(class, call, name, count, oldVersion, newVersion)                               \
