@@ -1,5 +1,6 @@
 #include "Commands/Commands.h"
 #include "Commands/Pager.h"
+#include "Commands/WholeNumbers.h"
 #include "Compare/Difference.h"
 #include "Compare/Merge.h"
 #include "Compare/Ranks.h"
@@ -47,7 +48,8 @@ void AddTableOptions(CLI::App* pCommand, TableOptions* pOptions, std::size_t mos
 {
     pOptions->m_most = most;
     pCommand->add_option("-n", pOptions->m_most, fmt::format("Rows shown, 0 for all; {} without", most))
-        ->type_name("COUNT");
+        ->type_name("COUNT")
+        ->check(CheckWhole);
     CLI::Option* pJson = pCommand->add_flag("--json", pOptions->m_isJson, "The table as one JSON object");
     pCommand->add_flag("--csv", pOptions->m_isCsv, "The table as CSV, a line a row")->excludes(pJson);
 }

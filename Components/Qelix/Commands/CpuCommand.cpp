@@ -34,6 +34,13 @@ void RequireTreeOrder(const CpuOptions& options)
     }
 }
 
+// Nothing is left out; what a filter leaves nothing of is an answer, too.
+bool IsWholeSession(const FilterOptions& filter)
+{
+    return filter.m_threads.empty() && filter.m_processes.empty() && filter.m_classes.empty() &&
+           filter.m_time.empty();
+}
+
 Table CpuTable(const SessionFacts& session, const CpuOptions& options)
 {
     if (!options.m_isTree)
@@ -69,10 +76,9 @@ int Cpu(CpuOptions options)
                                                    .m_withLines = options.m_isByLine,
                                                    .m_withAgentFrames = options.m_withAgentFrames},
                                                   view);
-    if (SampleCount(session) == 0)
+    if (SampleCount(session) == 0 && IsWholeSession(options.m_filter))
     {
-        throw Failure(ZORV_FAILURE_NO_DATA,
-                      "{} has no samples of what was asked for; record with qelix run, and leave filters out",
+        throw Failure(ZORV_FAILURE_NO_DATA, "{} has no samples; record with qelix run, and without --no-sample",
                       directory)
             .At(directory);
     }
@@ -81,14 +87,14 @@ int Cpu(CpuOptions options)
         options.m_table.m_rows = 0; // a tree that is cut off after some rows misleads
     }
     Print(CpuTable(session, options), options.m_table);
-    return IsDamaged(session) ? ZORV_STATUS_DAMAGED : 0;
+    return ToldStatusOf(session);
 }
 
 int Symbols(const CpuOptions& options)
 {
     const SessionFacts session = ReadSessionFacts(SessionOr(options.m_session));
     Print(SymbolsView(session), options.m_table);
-    return IsDamaged(session) ? ZORV_STATUS_DAMAGED : 0;
+    return ToldStatusOf(session);
 }
 
 } // namespace

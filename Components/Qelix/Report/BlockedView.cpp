@@ -101,7 +101,13 @@ Table BlockedView(const SessionFacts& session)
     {
         table.m_notes.push_back("every recorded call returned");
     }
-    else if (!KnowsEveryLock(session))
+    else if (session.m_record.m_isStopped)
+    {
+        table.m_notes.push_back(
+            "The recording was stopped before the program's end; what is under way then looks "
+            "as if it never returned.");
+    }
+    if (!table.m_rows.empty() && !KnowsEveryLock(session))
     {
         table.m_notes.push_back(
             "Locks that were free when they were taken are below the threshold, so who took "

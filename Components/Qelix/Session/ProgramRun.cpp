@@ -20,7 +20,7 @@ namespace qelix
 namespace
 {
 
-constexpr int g_forwarded[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+constexpr int g_forwarded[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2};
 
 std::vector<char*> PointersTo(const std::vector<std::string>& texts)
 {
@@ -45,6 +45,7 @@ bool IsVariable(std::string_view entry, std::string_view name)
     const std::vector<char*> environment = PointersTo(start.m_environment);
     sigaction(SIGCHLD, &guard.m_oldChild, nullptr);
     sigaction(SIGPIPE, &guard.m_oldPipe, nullptr);
+    sigaction(SIGXFSZ, &guard.m_oldFileSize, nullptr);
     sigprocmask(SIG_SETMASK, &guard.m_oldMask, nullptr);
     // Not execve: like a shell it hands a script without an interpreter line to sh.
     execvpe(start.m_path.c_str(), arguments.data(), environment.data());
@@ -107,6 +108,8 @@ SignalGuard::SignalGuard()
     // A reader that leaves our standard error must not end us.
     plain.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &plain, &m_oldPipe);
+    // Nor may a limit on the size of our files, which would read as the program's death.
+    sigaction(SIGXFSZ, &plain, &m_oldFileSize);
 }
 
 SignalGuard::~SignalGuard()
