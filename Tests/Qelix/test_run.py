@@ -79,7 +79,7 @@ def test_a_script_whose_interpreter_is_missing_is_127_and_leaves_nothing(tmp_pat
     script.write_text("#!/nonexistent/interpreter\n")
     script.chmod(0o755)
     result = qelix("run", "--", script, cwd=tmp_path)
-    assert result.returncode == 127
+    assert result.returncode == 127 and "/nonexistent/interpreter: No such file" in result.stderr
     assert "interpreter" in result.stderr
     assert list(tmp_path.iterdir()) == [script]
 
