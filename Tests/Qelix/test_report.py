@@ -126,3 +126,5 @@ def test_facts_of_the_run_that_cannot_be_understood_are_told(session, content, w
 def test_a_process_of_which_nothing_came_through_is_told(session):
     result = qelix("report", write_session(session, Process(100)))
     assert "killed: 1 process said no end" in result.stdout
+    blocked = qelix("blocked", session).stdout
+    assert "every recorded call returned" not in blocked and "qelix stop writes it" in " ".join(blocked.split())

@@ -70,6 +70,10 @@ struct LockTable
 
 void AddLockCall(LockTable* pTable, const CallKind* pKind, const PthreadRecord& call);
 
+// A wait that is in the table already and never ended counts as far as it was seen: what hangs is what is
+// looked for.
+void AddUnendedWait(LockTable* pTable, const LockKey& key, int32_t tid, uint64_t atLeastNs, uint64_t lastTime);
+
 // 0 when no record tells.
 int32_t LastAcquirer(const LockTable& table, uint64_t address, const CallKind* pKind);
 
