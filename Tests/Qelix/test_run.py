@@ -626,3 +626,11 @@ def test_what_cannot_be_configured_is_refused_before_the_program_starts(tmp_path
 def test_the_word_behind_a_minimum_is_the_program(session):
     result = qelix("run", "-o", session, "--min", "io=1ms", "echo", "sleep=1")
     assert result.stdout == "sleep=1\n"
+
+
+def test_a_command_with_control_characters_does_not_reach_the_terminal(session):
+    assert qelix("record", "-o", session, "sh", "-c", "exit 0", "\x1b[31mred\nline").returncode == 0
+    for command in [["status", session], ["list", session.parent], ["report", session]]:
+        text = qelix(*command).stdout
+        assert "\x1b" not in text and "\nline" not in text
+        assert "\\x1b[31m" in text or command[0] == "report"
