@@ -143,7 +143,9 @@ int Execute(std::vector<std::string> arguments)
         {
             return app.exit(error);
         }
-        throw Failure(ZORV_FAILURE_USAGE, "{}; see qelix --help, or --help behind a command", error.what());
+        const auto parsed = app.get_subcommands();
+        throw Failure(ZORV_FAILURE_USAGE, "{}; see qelix {}--help", error.what(),
+                      parsed.empty() ? "" : parsed.front()->get_name() + ' ');
     }
     return status;
 }

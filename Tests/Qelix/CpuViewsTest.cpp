@@ -103,11 +103,11 @@ TEST_F(CpuViewsTest, ProcessesOfOneIdOnTwoHostsMissTheirOwnSamples)
 {
     FileBytes file;
     AddSample(&file.StreamHeader(42), {0x10});
-    for (const std::string host : {"s0-host", "s1-host"})
+    for (const std::string host : {"s0@host", "s1@host"})
     {
         m_folder.Write("sample/profile_" + host + "_42.ums", file);
     }
-    m_folder.Write(".log/log_s1-host_42.txt", std::string("INFO : 42 : 43: Timer overrun count (3).\n"));
+    m_folder.Write(".log/log_s1@host_42.txt", std::string("INFO : 42 : 43: Timer overrun count (3).\n"));
     std::map<double, int> times;
     const SessionFacts session = Read({});
     for (const ProcessFacts& process : session.m_processes)

@@ -19,7 +19,7 @@ SessionRecord FullRecord()
     record.m_command = {"prog", "\xff"};
     record.m_programPid = 77;
     record.m_tickNs = 4'000'000;
-    record.m_parentOf = {{78, 77}};
+    record.m_parentOf = {{{"", 78}, 77}, {{"s1@", 78}, 5}};
     record.m_waitStatus = 256;
     record.m_program = "/bin/prog";
     record.m_agentVersion = "1.2.3";
@@ -94,7 +94,7 @@ TEST(SessionRecord, OfAnEarlierQelixIsReadForWhatItHas)
                              "\"waitStatus\": 0, \"processes\": [{\"pid\": 6, \"parent\": 5}]}"));
     const SessionRecord read = ReadSessionRecord(folder.m_path);
     EXPECT_EQ(read.m_programPid, 5);
-    EXPECT_EQ(read.m_parentOf.at(6), 5);
+    EXPECT_EQ(read.m_parentOf.at({"", 6}), 5);
     EXPECT_EQ(read.m_agentVersion, "");
     EXPECT_FALSE(read.m_start);
     EXPECT_TRUE(read.m_buildIds.empty());

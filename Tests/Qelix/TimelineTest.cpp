@@ -139,12 +139,12 @@ TEST(Timeline, ShrinkingKeepsTheSums)
 TEST(ClockShift, TheMarkInAFilesNameTellsItsHost)
 {
     const TestFolder folder;
-    folder.Write("session.json", R"({"merged": [{"mark": "s0-", "clockShiftNs": 0}, 7,
-        {"mark": "s1-", "clockShiftNs": -50}, {"mark": 3, "clockShiftNs": 9}]})");
+    folder.Write("session.json", R"({"merged": [{"mark": "s0@", "clockShiftNs": 0}, 7,
+        {"mark": "s1@", "clockShiftNs": -50}, {"mark": 3, "clockShiftNs": 9}]})");
     const ClockShifts shifts = ReadClockShifts(folder.m_path);
-    EXPECT_EQ(ShiftOf(shifts, "/x/trace_s1-host_12.umt"), -50);
-    EXPECT_EQ(ShiftOf(shifts, "/x/trace_s0-host_12.umt"), 0);
-    EXPECT_EQ(ShiftOf(shifts, "/x/trace_host_s1-.umt"), 0);
+    EXPECT_EQ(ShiftOf(shifts, "/x/trace_s1@host_12.umt"), -50);
+    EXPECT_EQ(ShiftOf(shifts, "/x/trace_s0@host_12.umt"), 0);
+    EXPECT_EQ(ShiftOf(shifts, "/x/trace_host_s1@.umt"), 0);
     EXPECT_TRUE(ReadClockShifts(folder.m_path + "/none").empty());
 }
 

@@ -133,13 +133,37 @@ struct Object
     pthread_mutex_t m_lock;
 };
 
+// One holds the object's lock until libc says that another waits for it, and then some: who waits, waits a
+// millisecond, however the threads are scheduled.
+static void ContendOnce(struct Object* pObject, int isHolder)
+{
+    const int someoneWaits = 2;
+    if (!isHolder)
+    {
+        pthread_barrier_wait(&g_isReady);
+        pthread_mutex_lock(&pObject->m_lock);
+        pthread_mutex_unlock(&pObject->m_lock);
+        return;
+    }
+    pthread_mutex_lock(&pObject->m_lock);
+    pthread_barrier_wait(&g_isReady);
+    while (__atomic_load_n(&pObject->m_lock.__data.__lock, __ATOMIC_ACQUIRE) != someoneWaits)
+    {
+        Sleep(1);
+    }
+    Sleep(1);
+    pthread_mutex_unlock(&pObject->m_lock);
+}
+
 static void* WorkOff(void* pArgument)
 {
     struct Object* pObject = pArgument;
     static int next;
     char name[16];
-    snprintf(name, sizeof(name), "worker-%d", __atomic_add_fetch(&next, 1, __ATOMIC_RELAXED));
+    const int number = __atomic_add_fetch(&next, 1, __ATOMIC_RELAXED);
+    snprintf(name, sizeof(name), "worker-%d", number);
     pthread_setname_np(pthread_self(), name);
+    ContendOnce(pObject, number == 1);
     for (int i = 0; i < 20; ++i)
     {
         pthread_mutex_lock(&g_queueLock);
@@ -159,6 +183,7 @@ static int Queue(void)
     struct Object* pObject = calloc(1, sizeof(*pObject));
     pthread_t threads[4];
     pthread_mutex_init(&pObject->m_lock, NULL);
+    pthread_barrier_init(&g_isReady, NULL, 4);
     for (int i = 0; i < 4; ++i)
     {
         threads[i] = Start(WorkOff, pObject);

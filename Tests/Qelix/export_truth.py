@@ -1,5 +1,6 @@
 """What an export must hold, read from the session's files by the independent reader, and readers of the forms."""
 
+import json
 import pathlib
 import re
 import sys
@@ -37,6 +38,21 @@ def samples_of(session):
         samples += [Sample(record.pid, record.tid, record.start, len(record.stack), record.core)
                     for record in records.read_samples(path)[1] if record.type == records.SAMPLE]
     return samples
+
+
+def sample_ns_of(session):
+    """The CPU time that a sample of each process stands for, with what its timers and buffers missed."""
+    facts = json.loads((session / "session.json").read_text())
+    samples = Counter(sample.pid for sample in samples_of(session))
+    weights = {}
+    for pid, count in samples.items():
+        text = "".join(path.read_text(errors="replace") for path in (session / ".log").glob(f"*_{pid}.txt"))
+        overruns = sum(map(int, re.findall(r"Timer overrun count \((\d+)", text)))
+        lost = sum(map(int, re.findall(r"Lost sample records count = (\d+)", text)))
+        interval = facts["intervalNs"] or 0
+        period = interval if overruns and interval else max(interval, facts["tickNs"])
+        weights[pid] = period * (1 + (overruns + lost) / count)
+    return weights
 
 
 def names_of(session):

@@ -73,3 +73,12 @@ def write_session(path, *processes, record=None):
              "waitStatus": 0, "processes": []}
     (path / "session.json").write_text(json.dumps({**facts, **(record or {})}))
     return path
+
+
+def unequal_session(path):
+    """A process whose one sample stands for three missed ones too, and one whose two samples are all."""
+    start = 1_000_000_000
+    write_session(path, *(Process(pid).thread(pid, f"p{pid}", start).ticks(pid, start + TICK, ticks)
+                          for pid, ticks in [(100, 1), (200, 2)]))
+    (path / ".log/ZorvUmtAgent_host_made_100.txt").write_text("INFO : 100 : 100: Timer overrun count (3).\n")
+    return path

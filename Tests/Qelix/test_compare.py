@@ -3,6 +3,7 @@
 import csv
 import io
 import json
+import os
 
 import pytest
 
@@ -97,6 +98,24 @@ def test_the_forms_of_a_difference_agree(tmp_path):
     fitting("diff", "--shares", a, b)
 
 
+def test_the_rows_of_a_difference_begin_with_the_largest_change(tmp_path):
+    def session(path, locks):
+        process = Process(100).thread(100, "main", START)
+        for number, wait in enumerate(locks):
+            for turn in range(50):
+                begin = START + turn * 100 * MS
+                process.lock(100, begin, begin + wait * MS, 0x1000 + 0x100 * number)
+        return write_session(path, process)
+
+    a, b = session(tmp_path / "a", [2, 5, 3, 1]), session(tmp_path / "b", [9, 1, 3, 2])
+    facts = diff(a, b)[0]["rows"]
+    told = [row["verdict"] != "same" for row in facts]
+    assert told == sorted(told, reverse=True), "what is within the noise comes behind"
+    for part in (True, False):
+        changes = [abs(row["change"]) for row, is_told in zip(facts, told) if is_told == part]
+        assert changes == sorted(changes, reverse=True)
+
+
 def test_a_damaged_session_is_compared_as_far_as_it_goes(tmp_path):
     a = run(tmp_path / "a")
     (trace,) = a.glob("trace/*.umt")
@@ -182,6 +201,20 @@ def test_what_is_no_job_is_refused(tmp_path):
     assert result.returncode == 1 and "rank=N" in result.stderr
 
 
+def test_a_job_is_no_session_and_the_way_on_is_told(tmp_path):
+    path = job(tmp_path / "job")
+    result = qelix("report", path)
+    assert result.returncode == 1 and f"{path}/rank=0" in result.stderr and f"qelix ranks {path}" in result.stderr
+    assert qelix("report", f"{path}/rank=0").returncode == 0
+
+
+def test_tables_of_a_merged_session_fit_80_columns(tmp_path):
+    merged = merged_of_equal_ids(tmp_path)
+    for name in ["threads", "locks", "waits", "blocked"]:
+        text = qelix(name, merged, env={**os.environ, "COLUMNS": "80"}).stdout
+        assert max(map(len, text.splitlines())) <= 80, text
+
+
 def test_a_merged_job_is_one_session(tmp_path):
     result = qelix("merge", tmp_path / "merged", job(tmp_path / "job"))
     assert result.returncode == 0, result.stderr
@@ -199,6 +232,54 @@ def test_processes_of_one_id_on_two_hosts_stay_apart(tmp_path):
     calls = [process["classes"][0]["calls"] for process in report(tmp_path / "merged")["processes"]]
     assert sorted(calls) == [3, 4]
     assert len(list((tmp_path / "merged/trace").iterdir())) == 2
+
+
+def merged_of_equal_ids(path, host="host"):
+    """Two sessions whose processes, threads and locks have the same numbers, and names of their own."""
+    for name, child in [("alpha", 101), ("beta", 102)]:
+        parent = Process(100, host=host).thread(100, name, START).lock(100, START, START + MS)
+        started = Process(child, host=host).thread(child, f"{name}-child", START)
+        write_session(path / name, parent, started, record={"processes": [{"pid": child, "parent": 100}]})
+    assert qelix("merge", path / "merged", path / "alpha", path / "beta").returncode == 0
+    return path / "merged"
+
+
+def test_threads_and_trees_of_equal_ids_keep_their_names(tmp_path):
+    merged = merged_of_equal_ids(tmp_path)
+    facts = report(merged)
+    assert {(entry["mark"], entry["pid"], entry["parent"]) for entry in facts["processes"]} == {
+        ("s0@", 100, None), ("s1@", 100, None), ("s0@", 101, 100), ("s1@", 102, 100)}
+    text = qelix("report", "--full", merged).stdout
+    assert "  s0@100 alpha: 1 thread" in text and "    s0@101 alpha-child: 1 thread" in text
+    assert "  s1@100 beta: 1 thread" in text and "    s1@102 beta-child: 1 thread" in text
+    rows = list(csv.DictReader(io.StringIO(qelix("locks", merged, "--csv").stdout)))
+    assert {(row["mark"], row["lastAcquirers"]) for row in rows} == {("s0@", "alpha (100)"), ("s1@", "beta (100)")}
+    again = tmp_path / "again"
+    assert qelix("merge", again, merged, tmp_path / "alpha").returncode == 0
+    assert {entry["mark"] for entry in report(again)["processes"]} == {"s0@s0@", "s0@s1@", "s1@"}
+
+
+def test_pages_keep_equal_ids_apart(tmp_path):
+    page = data_of(make_page("timeline", merged_of_equal_ids(tmp_path), tmp_path / "page.html"))
+    threads = [(thread["mark"], thread["pid"], thread["process"]) for thread in page["timeline"]["threads"]]
+    assert sorted(threads)[:2] == [("s0@", 100, "alpha"), ("s0@", 101, "alpha-child")]
+    assert len({mark + str(pid) for mark, pid, _ in threads}) == 4
+
+
+def test_exports_keep_equal_ids_apart(tmp_path):
+    merged = merged_of_equal_ids(tmp_path)
+    events = json.loads(qelix("export", "chrome", merged).stdout)["traceEvents"]
+    names = [(event["pid"], event["args"]["name"]) for event in events if event["name"] == "process_name"]
+    assert sorted(name for _, name in names) == ["alpha", "alpha-child", "beta", "beta-child"]
+    assert len({pid for pid, _ in names}) == 4 and (100, "alpha") in names
+    calls = {event["pid"] for event in events if event["ph"] == "X"}
+    assert calls == {pid for pid, name in names if name in ("alpha", "beta")}
+
+
+def test_a_host_may_be_called_like_a_mark(tmp_path):
+    facts = report(merged_of_equal_ids(tmp_path / "job", host="s1-node"))
+    assert sorted(entry["parent"] or 0 for entry in facts["processes"]) == [0, 0, 100, 100]
+    assert {entry["mark"] for entry in report(tmp_path / "job/beta")["processes"]} == {""}
 
 
 def test_clocks_of_two_hosts_are_brought_together(tmp_path):

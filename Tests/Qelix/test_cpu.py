@@ -141,3 +141,10 @@ def peer_shares(data):
     script = subprocess.run(["perf", "script", "-i", data, "-F", "ip,sym"], check=True, capture_output=True, text=True)
     found = collections.Counter(line.split()[1] for line in script.stdout.splitlines() if len(line.split()) > 1)
     return {name: count / sum(found.values()) for name, count in found.items()}
+
+
+def test_why_there_are_no_samples_is_said(tmp_path):
+    for name, options, part in [("idle", [], "no thread used as much CPU"), ("off", ["--no-sample"], "was not sampled")]:
+        assert qelix("record", *options, "-o", tmp_path / name, "true").returncode == 0
+        result = qelix("cpu", tmp_path / name)
+        assert result.returncode == 1 and part in result.stderr, result.stderr

@@ -12,13 +12,13 @@ import shutil
 import sqlite3
 import struct
 import subprocess
-import time
 from collections import Counter
 
 import pytest
 
 import export_truth as truth
-from conftest import QELIX, SUBJECT, qelix
+from conftest import QELIX, SUBJECT, qelix, report
+from made_session import TICK, Process, unequal_session, write_session
 
 DEFINITIONS = pathlib.Path(__file__).parent / "Export"
 BINARY = ["pprof", "perfetto", "sqlite"]
@@ -51,6 +51,7 @@ def decoded(definition, message, data):
     result = subprocess.run(["protoc", f"--decode={message}", f"--proto_path={DEFINITIONS}", definition],
                             input=data, capture_output=True)
     assert result.returncode == 0, result.stderr
+    assert not re.search(rb"^\s*\d+\s*[:{]", result.stdout, re.MULTILINE), "a field that the format does not have"
     return truth.messages(result.stdout.decode())
 
 
@@ -86,6 +87,27 @@ def test_json_lines(recorded):
     assert all(line["thread"] == names[line["pid"], line["tid"]] for line in lines)
     assert {"pthread_create", "pthread_join", "pthread_mutex_lock"} <= {call["function"] for call in calls}
     assert any(sample["frames"][-2:] == ["Work", "WorkSixty"] for sample in samples)
+
+
+def test_locks_on_the_heap_have_the_numbers_of_the_report(tmp_path):
+    START, MS = 1_000_000_000, 1_000_000
+    process = Process(42).thread(42, "first", START).thread(43, "second", START)
+    for number in range(8):  # in the order of the addresses neither by time nor by length
+        tid = 42 + number % 2
+        begin = START + (number * 5 % 8) * 10 * MS
+        process.lock(tid, begin, begin + (1 + number) * MS, 0x9000 + 0x40 * number)
+    process.lock(42, START + 90 * MS, 0xFFFFFFFFFFFFFFFF, 0x8000)
+    session = write_session(tmp_path / "session", process)
+    names = {lock["address"]: lock["name"] for lock in report(session)["locks"]}
+    assert sorted(names.values()) == [f"heap#{number}" for number in range(1, 10)]
+    assert names[0x9000] == "heap#1" and names[0x8000] == "heap#9" and names[0x9000 + 0x40 * 5] == "heap#2"
+    calls = list(csv.DictReader(io.StringIO(export("csv", session).decode())))
+    assert {int(call["object"], 16): call["object_name"] for call in calls} == names
+    for options in (["--thread", "second"], ["--time", "25ms.."], ["--process", "42", "--class", "pthread"]):
+        rows = json.loads(qelix("locks", session, "--json", *options).stdout)["rows"]
+        calls = csv.DictReader(io.StringIO(export("csv", session, *options).decode()))
+        assert {row["lock"] for row in rows} == {call["object_name"] for call in calls} <= set(names.values())
+        assert rows
 
 
 def test_locks_in_variables_go_by_their_names(recorded, tmp_path):
@@ -137,8 +159,8 @@ def test_speedscope(recorded, tmp_path):
     def label(pid, tid):
         return f"{names[pid, pid]} ({pid}) {names[pid, tid]} ({tid})"
 
-    period = round(time.clock_getres(6) * 1e9)  # CLOCK_MONOTONIC_COARSE
-    expected = [["sampled", f"{label(*thread)}: CPU", [count, count, count * period]]
+    weights = truth.sample_ns_of(recorded)
+    expected = [["sampled", f"{label(*thread)}: CPU", [count, count, count * int(weights[thread[0]])]]
                 for thread, count in truth.per_thread(truth.samples_of(recorded)).items()]
     expected += [["evented", f"{label(*thread)}: calls", count]
                  for thread, count in truth.per_thread(truth.calls_of(recorded)).items()]
@@ -158,7 +180,9 @@ def test_pprof(recorded):
     calls = truth.calls_of(recorded)
     sums = [sum(values) for values in zip(*(sample["value"] for sample in profile["sample"]))]
     samples = len(truth.samples_of(recorded))
-    assert sums[0] == samples and sums[1] == samples * profile["period"][0] and sums[2] == len(calls)
+    sampled_ns = report(recorded)["cpu"]["sampledNs"]
+    assert sums[0] == samples and sums[2] == len(calls)
+    assert abs(sums[1] - sampled_ns) <= len(profile["sample"])  # each is a whole number
     assert sums[3] == sum(call.end - call.start for call in calls if call.end and call.start)
     locations = {location["id"][0]: location for location in profile["location"]}
     functions = {function["id"][0]: texts[function["name"][0]] for function in profile["function"]}
@@ -175,6 +199,22 @@ def test_pprof(recorded):
         stack, count = line.rsplit(" ", 1)
         folded[stack.rsplit(";", 1)[1]] += int(count)
     assert +innermost == folded
+
+
+def test_samples_weigh_what_they_do_in_the_report(tmp_path):
+    session = unequal_session(tmp_path / "session")
+    assert report(session)["cpu"]["sampledNs"] == 6 * TICK
+    profile, texts = profile_of(export("pprof", session))
+    process = {texts[label["str"][0]]: sample["value"] for sample in profile["sample"] for label in sample["label"]
+               if texts[label["key"][0]] == "process"}
+    assert process["p100 (100)"][:2] == [1, 4 * TICK] and process["p200 (200)"][:2] == [2, 2 * TICK]
+    assert sum(legacy_profile_of(export("pprof", session, "--legacy"))[1].values()) == 6
+    speedscope = json.loads(export("speedscope", session))["profiles"]
+    assert [profile["endValue"] for profile in speedscope if profile["type"] == "sampled"] == [4 * TICK, 2 * TICK]
+    path = tmp_path / "session.db"
+    export("sqlite", session, "-o", path)
+    query = "select sum(p.sample_ns) from samples s join threads t on t.id = s.thread join processes p on p.id = t.process"
+    assert sqlite3.connect(path).execute(query).fetchone() == (6 * TICK,)
 
 
 def legacy_profile_of(data):
@@ -194,7 +234,9 @@ def legacy_profile_of(data):
 def test_the_older_pprof(recorded):
     period, stacks = legacy_profile_of(export("pprof", recorded, "--legacy"))
     assert period == json.loads((recorded / "session.json").read_text())["tickNs"] // 1000
-    assert sum(stacks.values()) == len(truth.samples_of(recorded))
+    weights = truth.sample_ns_of(recorded)
+    periods = sum(weights[sample.pid] for sample in truth.samples_of(recorded)) / (period * 1000)
+    assert abs(sum(stacks.values()) - periods) <= 0.5 * len(stacks)
     assert any(stack[:2] == ("WorkSixty", "Work") for stack in stacks)
     assert "--legacy is for pprof" in qelix("export", "csv", recorded, "--legacy").stderr
 
@@ -205,8 +247,8 @@ def test_the_older_pprof_in_the_tool_itself(recorded, tmp_path):
     export("pprof", recorded, "--legacy", "-o", path)
     top = subprocess.run(["google-pprof", "--text", path], capture_output=True, text=True, timeout=60)
     assert top.returncode == 0, top.stderr
-    assert f"Total: {len(truth.samples_of(recorded))} samples" in top.stdout
     _, stacks = legacy_profile_of(path.read_bytes())
+    assert f"Total: {sum(stacks.values())} samples" in top.stdout
     rows = {line.split()[-1]: int(line.split()[0]) for line in top.stdout.splitlines()[1:]}
     assert rows["WorkSixty"] == sum(count for stack, count in stacks.items() if stack[0] == "WorkSixty") > 0
 

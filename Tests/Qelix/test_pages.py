@@ -4,8 +4,8 @@ import re
 
 import pytest
 
-from conftest import SUBJECT, dump, qelix
-from made_session import CONDITION, NEVER, TICK, Process, write_session
+from conftest import SUBJECT, dump, qelix, report
+from made_session import CONDITION, NEVER, TICK, Process, unequal_session, write_session
 from pages import built, data_of, evaluate, make_page
 
 COMMANDS = ["flame", "timeline", "html"]
@@ -108,7 +108,18 @@ def test_the_share_of_a_search_counts_a_sample_once(session, tmp_path):
     page = make_page("flame", write_session(session, process), tmp_path / "page.html")
     both, none = evaluate(page, *(f"markMatches(buildFlame(data.flame, data.flame.threads), () => {wanted})"
                                   for wanted in ["true", "false"]))
-    assert both == 16 and none == 0
+    assert both == {"samples": 16, "ns": 16 * TICK} and none == {"samples": 0, "ns": 0}
+
+
+def test_pictures_weigh_samples_as_the_report_does(session, tmp_path):
+    page = make_page("html", unequal_session(session), tmp_path / "page.html")
+    total, busier, line = evaluate(
+        page, "buildFlame(data.flame, data.flame.threads).totalNs",
+        "buildFlame(data.flame, data.flame.threads.filter((thread) => thread.pid === 100)).totalNs",
+        "groupTotals(data.timeline, data.timeline.threads.map((t) => decodeThread(data.timeline, t)))[0].ns")
+    assert total == line == report(session)["cpu"]["sampledNs"] == 6 * TICK
+    assert data_of(page)["flame"]["sampledNs"] == 6 * TICK
+    assert busier == 4 * TICK
 
 
 def test_the_time_line_has_every_call_and_every_sample(session, tmp_path):

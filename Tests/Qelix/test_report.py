@@ -106,7 +106,10 @@ def test_what_is_no_session_is_refused_with_a_remedy(tmp_path):
         assert result.returncode == 1
         assert str(path) in result.stderr and "qelix run" in result.stderr
     result = qelix("report", cwd=tmp_path)
-    assert result.returncode == 1 and "qelix-last is no session" in result.stderr
+    assert result.returncode == 1 and "qelix-last is no session: nothing has been recorded here" in result.stderr
+    assert "there is no such directory" in qelix("report", tmp_path / "none").stderr
+    listed = qelix("list", cwd=tmp_path)
+    assert (listed.returncode, listed.stdout) == (0, "") and "no session in ." in listed.stderr
 
 
 @pytest.mark.parametrize("content, words", [

@@ -66,6 +66,16 @@ def test_a_program_that_is_not_there_is_127_and_leaves_nothing(tmp_path, start, 
     assert not list(tmp_path.iterdir())
 
 
+@pytest.mark.parametrize("word, part", [
+    ("nonsense", 'no command and no program "nonsense"; qelix --help'),
+    ("reprot", "did you mean qelix report?"),
+    ("lock", "did you mean qelix locks?"),
+])
+def test_a_mistyped_command_is_a_program_that_is_not_there(tmp_path, word, part):
+    result = qelix(word, cwd=tmp_path)
+    assert result.returncode == 127 and part in result.stderr
+
+
 def test_a_program_that_is_not_executable_is_126(tmp_path):
     (tmp_path / "tool").write_text("#!/bin/sh\n")
     result = qelix("run", "--", "./tool", cwd=tmp_path)
@@ -100,7 +110,8 @@ def test_a_script_without_an_interpreter_line_runs_as_in_a_shell(tmp_path, sessi
         (["run", "--threshold", "1x", "--", "true"], "1x is no whole number"),
         (["run", "--children", "--no-children", "--", "true"], "excludes"),
         (["run", "-o"], "-o"),
-        ([], "a command or a program is missing"),
+        ([], "a command or a program is missing; qelix PROGRAM ARGS runs"),
+        (["diff", "a"], "see qelix diff --help"),
         (["run", "--no-such-option", "true"], "--no-such-option"),
         (["run", "-d", "soon", "true"], "--duration soon: that is no time"),
         (["run", "--budget", "much", "true"], "--budget much: that is no size"),
@@ -549,7 +560,7 @@ def test_the_code_of_an_error_file_is_explained_and_we_live_to_do_it(session):
         (["run", "no-such-program"], "not-found", "check its name or give its path", "no-such-program"),
         (["run", "-o", "/proc/nowhere", "true"], "cannot-write", "choose another with -o DIR", "/proc/nowhere/.log"),
         (["status", "missing"], "no-session", "name a directory that qelix run has made", "missing"),
-        (["pause"], "no-session", "name a directory that qelix run has made", "qelix-last"),
+        (["pause"], "no-session", "record with qelix run PROGRAM, or name a session's directory", "qelix-last"),
         (["threads", "missing"], "no-session", "name a directory that qelix run has made", "missing"),
         (["export", "csv", "missing"], "no-session", "name a directory that qelix run has made", "missing"),
         (["html", "missing"], "no-session", "name a directory that qelix run has made", "missing"),

@@ -1,5 +1,6 @@
 """status, pause, resume, stop, and the limits that `run` keeps by itself: what the block says, and what is recorded."""
 
+import fcntl
 import json
 import os
 import pathlib
@@ -7,8 +8,10 @@ import pty
 import re
 import select
 import signal
+import struct
 import subprocess
 import sys
+import termios
 import time
 
 import pytest
@@ -130,6 +133,16 @@ def test_a_session_is_found_by_its_process_and_as_the_newest(running, session):
     assert "no such process" in qelix("pause", "-p", "4194304").stderr
 
 
+def test_each_verb_works_by_a_process_too(running, session):
+    for verb, done in [("pause", "paused"), ("resume", "resumed"), ("stop", "stopped")]:
+        result = qelix(verb, "-p", running.pid)
+        assert (result.returncode, result.stdout) == (0, f"{done} {session}\n"), result.stderr
+    running.step()
+    running.finish()
+    assert naps(session) == 0
+    assert qelix("stop", session, "-p", running.pid).returncode == 125
+
+
 def test_status_says_what_is_going_on(running, session):
     running.step()
     facts = json.loads(qelix("status", "--json", session).stdout)
@@ -141,7 +154,7 @@ def test_status_says_what_is_going_on(running, session):
     assert f"(process {running.pid})" in text and "1 process, 1 thread" in text
     running.finish()
     text = qelix("status", session).stdout
-    assert "ended with status 0" in text
+    assert re.search(r"ended with status 0, \d+ s, 1 process, \d+ records", text), text
     facts = json.loads(qelix("status", "--json", session).stdout)
     assert facts["state"] == "ended" and facts["records"] >= 2
     assert qelix("pause", session).returncode == 1
@@ -154,6 +167,31 @@ def test_status_watches_to_the_end(running, session):
     rest, _ = watch.communicate(timeout=PATIENCE)
     assert rest.splitlines()[-1].startswith("ended with status 0")
     assert watch.returncode == 0
+
+
+def test_a_watched_line_follows_the_terminals_width(running, session):
+    parent, child = pty.openpty()
+
+    def resize(columns):
+        fcntl.ioctl(child, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+
+    def next_line(width):
+        """The first one of that width; those before were drawn for another."""
+        text = ""
+        while not re.search(rf"\x1b\[K[^\r]{{{width}}}$", text):
+            assert select.select([parent], [], [], PATIENCE)[0], text
+            text += os.read(parent, 4096).decode()
+        return text.rsplit("\x1b[K", 1)[1]
+
+    resize(21)
+    watch = subprocess.Popen([QELIX, "status", "--watch", session], stdout=child, env={**os.environ, "TERM": "xterm"})
+    assert next_line(20).startswith("running")
+    resize(31)
+    assert next_line(30).startswith("running")
+    watch.kill()
+    watch.wait()
+    os.close(parent)
+    os.close(child)
 
 
 def test_what_is_no_session_is_told(tmp_path):
@@ -198,19 +236,27 @@ def test_a_duration_ends_the_recording_and_not_the_program(session):
 
 
 def test_a_budget_pauses_the_recording_and_says_so(session):
-    process = subprocess.Popen(
-        [QELIX, "record", "-o", session, "--no-sample", "--threshold", "0", "--budget", "1M",
-         SUBJECT, "count", "3000000"],
-        stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-    )
-    _, errors = process.communicate(timeout=PATIENCE)
-    assert process.returncode == 0
+    run = Running(session, "--budget", "1K")
+    wait_for(lambda: run.block()[0] == 1, "the session is paused: its first files alone are more than that")
+    for _ in range(3):
+        run.step()
+    assert "paused" in qelix("status", session).stdout
+    errors = run.finish()
+    assert "has reached its budget" in errors and f"qelix resume {session}" in errors
     facts = json.loads((session / "session.json").read_text())
-    assert facts["budgetBytes"] == 1 << 20
-    size = sum(path.stat().st_size for path in session.rglob("*.umt"))
-    if size < 3_000_000 * 64:  # else the program was through before it could be paused
-        assert facts["isBudgetReached"] and "has reached its budget" in errors
-    assert size >= 1 << 20 or not facts["isBudgetReached"]
+    assert facts["budgetBytes"] == 1 << 10 and facts["isBudgetReached"] is True
+    assert naps(session) == 0
+    assert "budget   " in qelix("status", session).stdout
+    for form in ([], ["--full"]):
+        assert "budget: collection was paused when the files had reached" in \
+            " ".join(qelix("report", *form, session).stdout.split())
+
+
+def test_a_budget_that_is_not_reached_pauses_nothing(session):
+    run = Running(session, "--budget", "1G")
+    run.step()
+    assert "its budget" not in run.finish()
+    assert json.loads((session / "session.json").read_text())["isBudgetReached"] is False and naps(session) == 1
 
 
 # ---- what outlives us ------------------------------------------------------------------------------------

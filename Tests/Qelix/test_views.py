@@ -14,6 +14,7 @@ import termios
 import pytest
 
 from conftest import QELIX, SUBJECT, qelix
+from made_session import IO, SLEEP, TICK, Process, write_session
 
 TRUTH = os.environ["QELIX_TRUTH"]
 VIEWS = ["threads", "locks", "waits", "io", "blocked"]
@@ -206,6 +207,87 @@ def test_only_what_does_not_fit_on_a_terminal_is_paged(session):
     missing = on_screen(["report", "--full", session], 5, QELIX_PAGER="no-such-pager")
     assert missing.splitlines() == [line[len("paged:"):] for line in long]
     assert "paged:" not in qelix("report", "--full", session, env={**os.environ, **pager}).stdout
+
+
+def test_threads_of_several_processes_fit_80_columns(tmp_path):
+    start, second = 1_000_000_000, 10**9
+    processes = []
+    for pid, name in [(4190000, "a-long-process"), (4190100, "another-process")]:
+        process = Process(pid).thread(pid, name, start).thread(pid + 1, "a-long-worker-7", start)
+        process.call(pid, start, start + second // 8).lock(pid + 1, start, start + second)
+        processes.append(process.thread_end(pid, start + second).thread_end(pid + 1, start + second))
+    session = write_session(tmp_path / "session", *processes)
+    environment = {**os.environ, "COLUMNS": "80"}
+    text = qelix("threads", session, env=environment).stdout
+    assert max(map(len, text.splitlines())) <= 80, text
+    assert text.splitlines()[0].split() == "process thread tid wall CPU lock cond I/O sleep wait rest".split()
+    assert text.count(" 100 ") == 2 and "shares in %" in text
+    wide = qelix("threads", session, env={**environment, "COLUMNS": "140"}).stdout
+    assert " 4190100 " in wide and "100.0 %" in wide and "shares in %" not in wide
+
+
+def next_commands(session):
+    text = view("report", session)
+    return [line.split()[1] + (" --full" if "--full" in line else "") for line in text[text.index("NEXT"):].splitlines()[1:]]
+
+
+def test_the_next_commands_are_those_for_what_took_the_time_in_a_fixed_order(tmp_path):
+    start, second, never = 1_000_000_000, 10**9, 2**64 - 1
+
+    def session(name, *calls, ticks=0, lock=None, blocked=False):
+        process = Process(100).thread(100, "main", start)
+        for sub, seconds in calls:
+            process.call(100, start, start + int(seconds * second), sub)
+        if lock:
+            process.lock(100, start, start + int(lock * second))
+        if blocked:
+            process.call(100, start + second // 2, never, SLEEP)
+        process.ticks(100, start + TICK, ticks).thread_end(100, start + second)
+        return write_session(tmp_path / name, process)
+
+    assert next_commands(session("nothing")) == ["report --full"]
+    assert next_commands(session("io", (IO, 0.5))) == ["io", "report --full"]
+    assert next_commands(session("little", (IO, 0.05), (SLEEP, 0.05))) == ["report --full"]
+    assert next_commands(session("lock", lock=0.1)) == ["locks", "report --full"]
+    assert next_commands(session("sleep", (SLEEP, 0.2))) == ["waits", "report --full"]
+    assert next_commands(session("cpu", ticks=10)) == ["cpu", "report --full"]
+    everything = session("all", (IO, 0.2), (SLEEP, 0.2), ticks=10, lock=0.1, blocked=True)
+    assert next_commands(everything) == ["io", "locks", "waits", "blocked", "cpu", "report --full"]
+    for command in next_commands(everything):
+        assert qelix(*command.split(), everything).returncode == 0
+
+
+def test_locks_of_many_processes_keep_their_owners(tmp_path):
+    start, ms, many = 1_000_000_000, 1_000_000, 300
+    processes = []
+    for number in range(many):
+        pid = 1000 + 10 * number
+        process = Process(pid).thread(pid, f"p{number}", start)
+        for turn in range(2):  # the same addresses in all of them
+            process.lock(pid, start, start + (1 + number) * ms, 0x1000 + 0x40 * turn)
+        processes.append(process)
+    session = write_session(tmp_path / "session", *processes)
+    found = rows("locks", session, "-n", "0")
+    assert len(found) == 2 * many
+    assert {(row["pid"], row["lock"], row["totalNs"], row["lastAcquirers"]) for row in found} == {
+        (1000 + 10 * number, name, (1 + number) * ms, f"p{number} ({1000 + 10 * number})")
+        for number in range(many) for name in ("heap#1", "heap#2")}
+    totals = [row["totalNs"] for row in found]
+    assert totals == sorted(totals, reverse=True)
+    (one,) = rows("locks", session, "heap#2", "--process", "p7")
+    assert (one["pid"], one["calls"], one["totalNs"]) == (1070, 1, 8 * ms)
+
+
+def test_dumps_are_paged_as_they_come(session):
+    qelix("run", "-q", "-o", session, "--min", "all=0", SUBJECT, "contend", "50")
+    (trace,) = session.glob("trace/*.umt")
+    plain = qelix("dump", trace).stdout.splitlines()
+    assert len(plain) > 10
+    pager = {"QELIX_PAGER": "sed s/^/paged:/"}
+    assert on_screen(["dump", trace], 5, **pager).splitlines() == [f"paged:{line}" for line in plain]
+    assert on_screen(["dump", trace], 5000, **pager).splitlines() == plain
+    assert on_screen(["dump", trace], 5, QELIX_PAGER="no-such-pager").splitlines() == plain
+    assert on_screen(["dump", trace, trace, trace], 5, QELIX_PAGER="head -n 3").splitlines() == plain[:3]
 
 
 def test_columns_are_sorted_by_either_of_their_names(session):

@@ -5,7 +5,9 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <fmt/ranges.h>
+#include <numeric>
+#include <utility>
+#include <vector>
 
 namespace qelix
 {
@@ -115,6 +117,41 @@ const CLI::App* FindCommand(const CLI::App& app, const std::string& word)
     return found != commands.end() ? *found : nullptr;
 }
 
+// Letters to be changed, put in or left out to make one of the other.
+std::size_t Distance(const std::string& a, const std::string& b)
+{
+    std::vector<std::size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), 0);
+    for (std::size_t i = 0; i < a.size(); ++i)
+    {
+        std::size_t diagonal = std::exchange(row[0], i + 1);
+        for (std::size_t j = 0; j < b.size(); ++j)
+        {
+            const std::size_t changed = diagonal + (a[i] == b[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
+        }
+    }
+    return row.back();
+}
+
+// What a mistyped word was to be; empty when nothing is near.
+std::string NearestCommand(const CLI::App& app, const std::string& word)
+{
+    std::size_t nearest = 3;
+    std::string found;
+    for (const CLI::App* pCommand : app.get_subcommands([](const CLI::App*) { return true; }))
+    {
+        const std::size_t distance = Distance(word, pCommand->get_name());
+        if (distance < std::min(nearest, word.size()))
+        {
+            nearest = distance;
+            found = pCommand->get_name();
+        }
+    }
+    return found;
+}
+
 bool IsRunner(const CLI::App& command)
 {
     return std::find(std::begin(g_runners), std::end(g_runners), command.get_name()) != std::end(g_runners);
@@ -147,18 +184,18 @@ void RequireCommand(const CLI::App& app, const CommandLine& line)
     {
         return;
     }
-    std::vector<std::string> names;
-    for (const CLI::App* pCommand : app.get_subcommands([](const CLI::App*) { return true; }))
-    {
-        names.push_back(pCommand->get_name());
-    }
-    const std::string hint = fmt::format("the commands are {}: see qelix --help", fmt::join(names, ", "));
     if (line.m_own.empty())
     {
-        throw Failure(ZORV_FAILURE_USAGE, "a command or a program is missing; {}", hint);
+        throw Failure(ZORV_FAILURE_USAGE,
+                      "a command or a program is missing; qelix PROGRAM ARGS runs a program and reports on it, "
+                      "qelix --help lists the commands");
     }
     const std::string& word = line.m_own.front(); // most likely a program, as behind "run"
-    throw Failure(ZORV_FAILURE_NOT_FOUND, "there is no command and no program \"{}\"; {}", word, hint).At(word);
+    const std::string near = NearestCommand(app, word);
+    throw Failure(ZORV_FAILURE_NOT_FOUND,
+                  "there is no command and no program \"{}\"; {}qelix --help lists the commands", word,
+                  near.empty() ? "" : fmt::format("did you mean qelix {}? ", near))
+        .At(word);
 }
 
 } // namespace qelix

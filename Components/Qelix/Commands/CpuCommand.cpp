@@ -2,6 +2,7 @@
 #include "Commands/Commands.h"
 #include "Commands/ViewOptions.h"
 #include "Report/CpuViews.h"
+#include "Report/Report.h"
 #include "Session/Failure.h"
 
 #include <CLI/CLI.hpp>
@@ -65,6 +66,22 @@ void Print(Table table, TableOptions options)
     PrintTable(std::move(table), options);
 }
 
+Failure NoSamples(const SessionFacts& session)
+{
+    if (session.m_settings.m_intervalNs.value_or(0) == 0)
+    {
+        return Failure(ZORV_FAILURE_NO_DATA,
+                       "{} has no samples: it was not sampled; record without --no-sample", session.m_path)
+            .At(session.m_path);
+    }
+    return Failure(ZORV_FAILURE_NO_DATA,
+                   "{} has no samples: no thread used as much CPU as one stands for ({}); qelix threads {} "
+                   "says where "
+                   "they waited",
+                   session.m_path, DurationText(session.m_periodNs), session.m_path)
+        .At(session.m_path);
+}
+
 int Cpu(CpuOptions options)
 {
     RequireTreeOrder(options);
@@ -78,9 +95,7 @@ int Cpu(CpuOptions options)
                                                   view);
     if (SampleCount(session) == 0 && IsWholeSession(options.m_filter))
     {
-        throw Failure(ZORV_FAILURE_NO_DATA, "{} has no samples; record with qelix run, and without --no-sample",
-                      directory)
-            .At(directory);
+        throw NoSamples(session);
     }
     if (options.m_isTree && !options.m_table.m_rows)
     {

@@ -1,5 +1,6 @@
 #include "Commands/Commands.h"
 #include "Commands/DumpForms.h"
+#include "Commands/Pager.h"
 #include "Session/Failure.h"
 
 #include <CLI/CLI.hpp>
@@ -7,6 +8,8 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <memory>
+#include <optional>
+#include <vector>
 
 namespace qelix
 {
@@ -39,41 +42,68 @@ std::string MetadataBeside(const std::string& path)
     return std::filesystem::is_regular_file(metadata, error) ? metadata.string() : "";
 }
 
-// False when the file could not be read to its end.
-bool DumpFile(const std::string& path, const DumpForm& form, Symbolizer* pSymbolizer)
+// How the reading of a file ended.
+struct FileEnd
+{
+    std::string m_path;
+    uint64_t m_offset;
+    uint64_t m_unreadBytes;
+    std::optional<Damage> m_damage;
+};
+
+// What went before is seen before these, also where there is a pager, or one common stream.
+void TellEnds(std::vector<FileEnd>* pEnds)
+{
+    fflush(stdout);
+    for (const FileEnd& end : *pEnds)
+    {
+        if (end.m_unreadBytes != 0)
+        {
+            PrintNote(fmt::format("{}: byte offset {}: an end mark; {} bytes from here on are not read",
+                                  end.m_path, end.m_offset, end.m_unreadBytes));
+        }
+        if (end.m_damage)
+        {
+            PrintDamage(*end.m_damage);
+        }
+    }
+    pEnds->clear();
+}
+
+// False when nobody looks any more.
+bool DumpRecords(RecordFile* pFile, const DumpForm& form, Symbolizer* pSymbolizer, const std::string& path,
+                 PagedText* pText)
 {
     ProcessSymbols symbols = SymbolsOf(pSymbolizer, ReadModuleMap(MetadataBeside(path)));
-    const auto pFile = OpenRecordFile(path);
-    if (pFile->m_header.m_isPresent)
-    {
-        PrintOut(form.m_header(*pFile));
-    }
+    bool isSeen = !pFile->m_header.m_isPresent || PutPaged(pText, form.m_header(*pFile));
     Record record;
-    while (NextRecord(pFile.get(), &record))
+    while (isSeen && NextRecord(pFile, &record))
     {
-        PrintOut(form.m_record(*pFile, record, &symbols));
+        isSeen = PutPaged(pText, form.m_record(*pFile, record, &symbols));
     }
-    fflush(stdout); // what precedes the damage stands before the message also in one common stream
-    if (pFile->m_unreadBytes != 0)
-    {
-        PrintNote(fmt::format("{}: byte offset {}: an end mark; {} bytes from here on are not read", path,
-                              pFile->m_offset, pFile->m_unreadBytes));
-    }
-    if (pFile->m_damage)
-    {
-        PrintDamage(*pFile->m_damage);
-    }
-    return !pFile->m_damage.has_value();
+    return isSeen;
 }
 
 int Dump(const DumpOptions& options)
 {
+    std::vector<FileEnd> ends;
     bool areWhole = true;
+    bool isSeen = true;
     Symbolizer symbolizer;
-    for (const std::string& path : options.m_files)
+    auto pText = std::make_unique<PagedText>();
+    for (auto path = options.m_files.begin(); isSeen && path != options.m_files.end(); ++path)
     {
-        areWhole = DumpFile(path, options.m_isJson ? g_json : g_text, &symbolizer) && areWhole;
+        const auto pFile = OpenRecordFile(*path);
+        isSeen = DumpRecords(pFile.get(), options.m_isJson ? g_json : g_text, &symbolizer, *path, pText.get());
+        areWhole = areWhole && !pFile->m_damage;
+        ends.push_back({*path, pFile->m_offset, pFile->m_unreadBytes, pFile->m_damage});
+        if (pText->m_rows == 0) // no pager that they would disturb
+        {
+            TellEnds(&ends);
+        }
     }
+    pText.reset();
+    TellEnds(&ends);
     return areWhole ? 0 : ZORV_STATUS_DAMAGED;
 }
 

@@ -186,6 +186,11 @@ int List(const ListOptions& options)
     {
         return RemoveOld(std::move(sessions), options);
     }
+    if (sessions.empty() && !options.m_isJson)
+    {
+        PrintNote(fmt::format("no session in {}; qelix run PROGRAM makes one", options.m_directory));
+        return 0;
+    }
     PrintPaged(options.m_isJson ? ListJson(sessions) : ListText(sessions, options.m_directory));
     return 0;
 }

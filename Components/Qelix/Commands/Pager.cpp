@@ -9,6 +9,7 @@
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace qelix
 {
@@ -35,40 +36,76 @@ std::string PagerOfUser()
     return pTerminal != nullptr && std::string(pTerminal) == "dumb" ? "" : "less";
 }
 
-// False when there is no such pager: then nothing has been shown.
-bool ShowIn(const std::string& pager, const std::string& text)
+bool IsThere(const std::string& pager)
 {
-    constexpr int shellFoundNothing = 127;
+    const std::string look = "command -v " + pager.substr(0, pager.find(' ')) + " >/dev/null 2>&1";
+    return system(look.c_str()) == 0;
+}
+
+void OpenPager(PagedText* pText)
+{
+    const std::string pager = PagerOfUser();
+    if (pager.empty() || !IsThere(pager))
+    {
+        return;
+    }
     setenv("LESS", "FRX", 0); // colours, and nothing stays behind that would have fitted
     fflush(stdout);
-    FILE* pPipe = popen(
-        ("command -v " + pager.substr(0, pager.find(' ')) + " >/dev/null 2>&1 || exit 127\n" + pager).c_str(),
-        "w");
-    if (pPipe == nullptr)
+    pText->m_pPager = popen(pager.c_str(), "w");
+    if (pText->m_pPager != nullptr)
     {
-        return false;
+        // Who leaves the pager early has seen enough, and keys that end programs are the pager's.
+        pText->m_onPipe = signal(SIGPIPE, SIG_IGN);
+        pText->m_onKey = signal(SIGINT, SIG_IGN);
     }
-    // Who leaves the pager early has seen enough, and keys that end programs are the pager's.
-    const auto onPipe = signal(SIGPIPE, SIG_IGN);
-    const auto onKey = signal(SIGINT, SIG_IGN);
-    fwrite(text.data(), 1, text.size(), pPipe);
-    const int status = pclose(pPipe);
-    signal(SIGPIPE, onPipe);
-    signal(SIGINT, onKey);
-    return !(WIFEXITED(status) && WEXITSTATUS(status) == shellFoundNothing);
 }
 
 } // namespace
 
+PagedText::PagedText() : m_rows(RowsOfTerminal()) {}
+
+PagedText::~PagedText()
+{
+    if (m_pPager == nullptr)
+    {
+        PrintOut(m_held);
+        return;
+    }
+    pclose(m_pPager);
+    signal(SIGPIPE, m_onPipe);
+    signal(SIGINT, m_onKey);
+}
+
+bool PutPaged(PagedText* pText, const std::string& text)
+{
+    if (pText->m_pPager != nullptr)
+    {
+        return fwrite(text.data(), 1, text.size(), pText->m_pPager) == text.size();
+    }
+    pText->m_held += text;
+    pText->m_lines += static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+    if (pText->m_rows != 0 && pText->m_lines < pText->m_rows)
+    {
+        return true;
+    }
+    const std::string held = std::exchange(pText->m_held, {});
+    if (pText->m_rows != 0)
+    {
+        OpenPager(pText);
+    }
+    if (pText->m_pPager != nullptr)
+    {
+        return PutPaged(pText, held);
+    }
+    pText->m_rows = 0;
+    PrintOut(held);
+    return true;
+}
+
 void PrintPaged(const std::string& text)
 {
-    const std::size_t rows = RowsOfTerminal();
-    const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
-    const std::string pager = rows != 0 && lines >= rows ? PagerOfUser() : "";
-    if (pager.empty() || !ShowIn(pager, text))
-    {
-        PrintOut(text);
-    }
+    PagedText paged;
+    PutPaged(&paged, text);
 }
 
 } // namespace qelix

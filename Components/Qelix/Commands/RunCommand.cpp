@@ -91,7 +91,10 @@ void RunUnderAgent(const RunOptions& options, const RunPlan& plan, const Session
     {
         pRecord->m_writerCpuNs = SumOf(overseer.m_writers);
     }
-    pRecord->m_parentOf = watch.Finish();
+    for (const auto& [pid, parent] : watch.Finish())
+    {
+        pRecord->m_parentOf[{"", pid}] = parent;
+    }
     LeaveToProcesses(session.m_path, &block, &standIn);
 }
 

@@ -7,6 +7,7 @@
 #include "Session/SessionProcesses.h"
 #include "Session/SessionSearch.h"
 #include "Session/Sizes.h"
+#include "Session/Terminal.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/ranges.h>
@@ -88,12 +89,16 @@ int Steer(const SteerVerb& verb, const TargetOptions& options)
     return 0;
 }
 
+bool IsOver(SessionState state)
+{
+    return state == ZORV_SESSION_ENDED || state == ZORV_SESSION_ABANDONED;
+}
+
 // How long it has been going on, or went on.
 std::optional<uint64_t> SecondsOf(const SessionTarget& session, SessionState state)
 {
     const SessionRecord& record = session.m_record;
-    const bool isOver = state == ZORV_SESSION_ENDED || state == ZORV_SESSION_ABANDONED;
-    const std::optional<ClockPair> end = isOver ? record.m_end : std::optional(ReadClocks());
+    const std::optional<ClockPair> end = IsOver(state) ? record.m_end : std::optional(ReadClocks());
     return record.m_start && end && end->m_monotonicNs >= record.m_start->m_monotonicNs
                ? std::optional((end->m_monotonicNs - record.m_start->m_monotonicNs) / ZORV_NS_PER_SECOND)
                : std::nullopt;
@@ -104,7 +109,7 @@ std::string StatusLine(const SessionTarget& session, SessionState state)
     const SessionProgress progress = ReadProgress(session.m_path, session.m_blockName);
     const auto seconds = SecondsOf(session, state);
     return fmt::format("{}{}, {}", StateText(session, state), seconds ? fmt::format(", {} s", *seconds) : "",
-                       ProgressText(progress));
+                       ProgressText(progress, IsOver(state)));
 }
 
 std::string StatusText(const SessionTarget& session, SessionState state)
@@ -153,11 +158,6 @@ std::string StatusJson(const SessionTarget& session, SessionState state)
     return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-bool IsOver(SessionState state)
-{
-    return state == ZORV_SESSION_ENDED || state == ZORV_SESSION_ABANDONED;
-}
-
 int Watch(const SessionTarget& found, const TargetOptions& options)
 {
     const bool isTerminal = isatty(STDOUT_FILENO) == 1 && !options.m_isJson;
@@ -165,10 +165,16 @@ int Watch(const SessionTarget& found, const TargetOptions& options)
     {
         const SessionTarget session = SessionAt(found.m_path);
         const SessionState state = StateOf(session);
-        const std::string line =
-            options.m_isJson ? StatusJson(session, state) : StatusLine(session, state) + "\n";
         const bool isLast = IsOver(state);
-        PrintOut(isTerminal ? "\r\x1b[K" + line.substr(0, line.size() - (isLast ? 0 : 1)) : line);
+        if (isTerminal)
+        {
+            const std::string line = StatusLine(session, state);
+            PrintOut("\r\x1b[K" + (isLast ? line + "\n" : OneLineOn(STDOUT_FILENO, line)));
+        }
+        else
+        {
+            PrintOut(options.m_isJson ? StatusJson(session, state) : StatusLine(session, state) + "\n");
+        }
         fflush(stdout);
         if (isLast)
         {

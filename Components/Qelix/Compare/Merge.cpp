@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -91,7 +90,7 @@ Json ReadRecordJson(const std::string& session)
     return json.is_object() ? json : Json(nullptr);
 }
 
-// "trace_HOST_PID.umt" becomes "trace_s1-HOST_PID.umt": what stands before the first '_' and behind the last
+// "trace_HOST_PID.umt" becomes "trace_s1@HOST_PID.umt": what stands before the first '_' and behind the last
 // one means something.
 std::string MarkedName(const std::string& name, const std::string& mark)
 {
@@ -141,6 +140,35 @@ std::size_t TakeFiles(const Part& part, const fs::path& out)
     return count;
 }
 
+Json ListAt(const Json& json, const char* pKey)
+{
+    const auto found = json.is_object() ? json.find(pKey) : json.end();
+    return json.is_object() && found != json.end() && found->is_array() ? *found : Json::array();
+}
+
+// Where the files of a part come from: of one that was merged before, each of its own parts has a clock.
+void AddSources(const Part& part, int64_t shift, Json* pMerged)
+{
+    for (Json inner : ListAt(part.m_record, "merged"))
+    {
+        const bool isWhole =
+            inner.is_object() && inner.contains("clockShiftNs") && inner["clockShiftNs"].is_number_integer();
+        if (isWhole)
+        {
+            const auto own = static_cast<uint64_t>(inner["clockShiftNs"].get<int64_t>());
+            inner["mark"] = part.m_mark + TextAt(inner, "mark");
+            inner["clockShiftNs"] = static_cast<int64_t>(own + static_cast<uint64_t>(shift));
+            pMerged->push_back(std::move(inner));
+        }
+    }
+    Json entry = {{"path", part.m_path}, {"mark", part.m_mark}};
+    entry["host"] = TextAt(part.m_record, "host");
+    entry["rank"] =
+        part.m_record.is_object() && part.m_record.contains("rank") ? part.m_record["rank"] : nullptr;
+    entry["clockShiftNs"] = shift;
+    pMerged->push_back(std::move(entry));
+}
+
 // What was merged, behind what the first session says of itself.
 Json MergedRecord(const std::vector<Part>& parts)
 {
@@ -149,20 +177,15 @@ Json MergedRecord(const std::vector<Part>& parts)
     Json merged = Json::array();
     for (const Part& part : parts)
     {
-        if (part.m_record.is_object() && part.m_record.contains("processes") &&
-            part.m_record["processes"].is_array())
+        for (Json process : ListAt(part.m_record, "processes"))
         {
-            for (const Json& process : part.m_record["processes"])
+            if (process.is_object())
             {
-                processes.push_back(process);
+                process["mark"] = part.m_mark + TextAt(process, "mark");
             }
+            processes.push_back(std::move(process));
         }
-        Json entry = {{"path", part.m_path}, {"mark", part.m_mark}};
-        entry["host"] = TextAt(part.m_record, "host");
-        entry["rank"] =
-            part.m_record.is_object() && part.m_record.contains("rank") ? part.m_record["rank"] : nullptr;
-        entry["clockShiftNs"] = ShiftAgainst(parts.front(), part);
-        merged.push_back(std::move(entry));
+        AddSources(part, ShiftAgainst(parts.front(), part), &merged);
     }
     record["processes"] = std::move(processes);
     record["merged"] = std::move(merged);
@@ -225,62 +248,14 @@ struct NewDirectory
     std::string m_path;
 };
 
-// "rank=12"; nothing for other names.
-std::optional<int64_t> RankOfFolder(const std::string& name)
-{
-    constexpr std::string_view prefix = "rank=";
-    int64_t rank = 0;
-    if (!name.starts_with(prefix))
-    {
-        return std::nullopt;
-    }
-    const char* pEnd = name.data() + name.size();
-    const auto [pAt, error] = std::from_chars(name.data() + prefix.size(), pEnd, rank);
-    return error == std::errc() && pAt == pEnd ? std::optional(rank) : std::nullopt;
-}
-
 } // namespace
-
-std::vector<std::string> SessionsAt(const std::string& path)
-{
-    std::error_code error;
-    if (fs::is_directory(TraceFolder(path), error))
-    {
-        return {path};
-    }
-    std::vector<std::pair<int64_t, std::string>> ranks;
-    for (fs::directory_iterator entry(path, error), end; !error && entry != end; entry.increment(error))
-    {
-        const auto rank = RankOfFolder(entry->path().filename());
-        if (rank && fs::is_directory(TraceFolder(entry->path())))
-        {
-            ranks.emplace_back(*rank, entry->path());
-        }
-    }
-    if (ranks.empty())
-    {
-        throw Failure(
-            ZORV_FAILURE_NO_SESSION,
-            "{} is neither a session nor a job: it has no folder \"trace\" and none \"rank=N\"; name a "
-            "directory that qelix run or record has made",
-            path)
-            .At(path);
-    }
-    std::sort(ranks.begin(), ranks.end());
-    std::vector<std::string> sessions;
-    for (auto& [rank, session] : ranks)
-    {
-        sessions.push_back(std::move(session));
-    }
-    return sessions;
-}
 
 MergeResult MergeSessions(const std::string& out, const std::vector<std::string>& sessions)
 {
     std::vector<Part> parts;
     for (const std::string& session : sessions)
     {
-        parts.push_back({session, fmt::format("s{}-", parts.size()), ReadRecordJson(session)});
+        parts.push_back({session, fmt::format("s{}@", parts.size()), ReadRecordJson(session)});
     }
     if (std::error_code error; fs::exists(out, error))
     {

@@ -23,12 +23,13 @@ std::string MetadataEvent(const char* pName, int64_t pid, int64_t tid, const std
 
 void PutNames(EventWriter* pWriter, const SurveyedProcess& process)
 {
-    PutItem(&pWriter->m_list, MetadataEvent("process_name", process.m_pid, process.m_pid, process.m_name));
+    PutItem(&pWriter->m_list,
+            MetadataEvent("process_name", process.m_shownPid, process.m_shownPid, process.m_name));
     for (const auto& [tid, thread] : process.m_threads)
     {
         if (!thread.m_name.empty())
         {
-            PutItem(&pWriter->m_list, MetadataEvent("thread_name", process.m_pid, tid, thread.m_name));
+            PutItem(&pWriter->m_list, MetadataEvent("thread_name", process.m_shownPid, tid, thread.m_name));
         }
     }
 }
@@ -39,7 +40,7 @@ void PutCall(EventWriter* pWriter, const SurveyedProcess& process, const Streame
     std::string text = fmt::format(
         R"({{"ph":"X","cat":"{}","name":{},"pid":{},"tid":{},"ts":{},"dur":{},"args":{{"kind":"{}","result":{})",
         TraceClassName(call.m_class),
-        JsonName(&pWriter->m_names, pWriter->m_pStream->m_names.m_names, call.m_name), process.m_pid,
+        JsonName(&pWriter->m_names, pWriter->m_pStream->m_names.m_names, call.m_name), process.m_shownPid,
         call.m_tid, Microseconds(span.m_first), Microseconds(span.m_last - span.m_first), call.m_pKind->m_pName,
         call.m_result);
     if (call.m_object != 0)
@@ -59,7 +60,7 @@ void PutSample(EventWriter* pWriter, const SurveyedProcess& process, const Strea
 {
     std::string text =
         fmt::format(R"({{"ph":"i","s":"t","cat":"cpu","name":"sample","pid":{},"tid":{},"ts":{})",
-                    process.m_pid, sample.m_tid, Microseconds(sample.m_time));
+                    process.m_shownPid, sample.m_tid, Microseconds(sample.m_time));
     if (sample.m_stack != 0)
     {
         text += fmt::format(R"(,"sf":"{}")", sample.m_stack);

@@ -131,7 +131,7 @@ std::string ThreadHead(const SurveyedProcess& process, int32_t tid, const Survey
         "\"showMarkersInTimeline\":true,\"pid\":\"{}\",\"tid\":{}",
         JsonText(process.m_name), Milliseconds(process.m_span.m_first - first),
         Milliseconds(process.m_span.m_first - first), JsonText(thread.m_name), tid == process.m_pid,
-        process.m_pid, tid);
+        process.m_shownPid, tid);
 }
 
 } // namespace

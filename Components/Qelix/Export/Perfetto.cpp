@@ -24,7 +24,7 @@ void PutProcessTrack(PacketWriter* pWriter, const SurveyedProcess& process, uint
                   protozero::pbf_writer descriptor(*pPacket, perfetto::TRACK_DESCRIPTOR);
                   descriptor.add_uint64(1, track);
                   protozero::pbf_writer message(descriptor, 3);
-                  message.add_int32(1, static_cast<int32_t>(process.m_pid));
+                  message.add_int32(1, static_cast<int32_t>(process.m_shownPid));
                   message.add_string(6, PrintableText(process.m_name));
               });
 }
@@ -39,7 +39,7 @@ void PutThreadTrack(PacketWriter* pWriter, const SurveyedProcess& process, int32
                   descriptor.add_uint64(1, track);
                   descriptor.add_uint64(5, tracks.m_process);
                   protozero::pbf_writer message(descriptor, 4);
-                  message.add_int32(1, static_cast<int32_t>(process.m_pid));
+                  message.add_int32(1, static_cast<int32_t>(process.m_shownPid));
                   message.add_int32(2, tid);
                   message.add_string(5, PrintableText(process.m_threads.at(tid).m_name));
               });
@@ -101,7 +101,7 @@ void PutSample(PacketWriter* pWriter, const SurveyedProcess& process, const Orde
               {
                   protozero::pbf_writer message(*pPacket, perfetto::PERF_SAMPLE);
                   message.add_uint32(1, sample.m_core);
-                  message.add_uint32(2, static_cast<uint32_t>(process.m_pid));
+                  message.add_uint32(2, static_cast<uint32_t>(process.m_shownPid));
                   message.add_uint32(3, static_cast<uint32_t>(sample.m_tid));
                   if (sample.m_stack != 0)
                   {

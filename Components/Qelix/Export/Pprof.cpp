@@ -1,6 +1,7 @@
 // The profile of pprof: stacks of samples with the CPU time they stand for, and, as stacks of one frame, the
 // functions that were called with the time that they took. A sample's labels name its process and thread.
 #include "Export/Formats.h"
+#include "Report/SampleWeight.h"
 
 #include <algorithm>
 #include <map>
@@ -104,7 +105,7 @@ std::vector<uint64_t> LocationsOf(const ProfileWriter& writer, const SampleKey& 
     return locations;
 }
 
-void PutSample(ProfileWriter* pWriter, const SampleKey& key, const SampleValues& values,
+void PutSample(ProfileWriter* pWriter, const SampleKey& key, const SampleValues& values, double nsPerSample,
                const std::map<std::string, std::string>& labels)
 {
     std::vector<std::pair<int64_t, int64_t>> labelIds;
@@ -113,8 +114,8 @@ void PutSample(ProfileWriter* pWriter, const SampleKey& key, const SampleValues&
         labelIds.emplace_back(StringId(pWriter, name), StringId(pWriter, value));
     }
     const std::vector<uint64_t> locations = LocationsOf(*pWriter, key);
-    const auto period = static_cast<int64_t>(pWriter->m_pStream->m_survey.m_periodNs);
-    const std::array<int64_t, 4> numbers = {values.m_samples, values.m_samples * period, values.m_calls,
+    const uint64_t cpuNs = WholeNs(static_cast<double>(values.m_samples) * nsPerSample);
+    const std::array<int64_t, 4> numbers = {values.m_samples, static_cast<int64_t>(cpuNs), values.m_calls,
                                             values.m_callNs};
     PutMessage(pWriter, profile_field::SAMPLE,
                [&](protozero::pbf_writer* pMessage)
@@ -147,7 +148,7 @@ void PutSamplesOf(ProfileWriter* pWriter, const SurveyedProcess& process)
     for (const auto& [key, values] : samples)
     {
         pWriter->m_hasSamples = pWriter->m_hasSamples || !key.m_isCall;
-        PutSample(pWriter, key, values,
+        PutSample(pWriter, key, values, process.m_nsPerSample,
                   {{"process", LabelOf(process.m_name, process.m_pid)},
                    {"thread", LabelOf(process.m_threads.at(key.m_tid).m_name, key.m_tid)}});
     }

@@ -3,6 +3,7 @@
 #include "Export/Formats.h"
 
 #include <algorithm>
+#include <cmath>
 #include <fmt/format.h>
 #include <map>
 
@@ -71,11 +72,15 @@ void PutStack(const SessionStream& stream, uint32_t stack, uint64_t count, Outpu
 
 void WritePprofLegacy(SessionStream* pStream, Output* pOutput)
 {
-    std::map<uint32_t, uint64_t> counts; // of samples, by stack
+    // There is one period for all: a sample that stands for more of them counts for as many.
+    const double period = static_cast<double>(std::max<uint64_t>(pStream->m_survey.m_periodNs, 1));
+    std::map<uint32_t, double> counts; // of periods, by stack
     for (const SurveyedProcess& process : pStream->m_survey.m_processes)
     {
-        StreamRecords(pStream, process,
-                      {nullptr, [&counts](const StreamedSample& sample) { ++counts[sample.m_stack]; }});
+        const double weight = process.m_nsPerSample == 0 ? 1 : process.m_nsPerSample / period;
+        StreamRecords(pStream, process, {nullptr, [&counts, weight](const StreamedSample& sample) {
+                                             counts[sample.m_stack] += weight;
+                                         }});
     }
     counts.erase(0); // a stack without a frame would be the mark of the end
     PutSymbols(*pStream, pOutput);
@@ -84,7 +89,7 @@ void WritePprofLegacy(SessionStream* pStream, Output* pOutput)
              {0, headerWords, 0, std::max<uint64_t>(pStream->m_survey.m_periodNs / ZORV_NS_PER_US, 1), 0});
     for (const auto& [stack, count] : counts)
     {
-        PutStack(*pStream, stack, count, pOutput);
+        PutStack(*pStream, stack, std::max<uint64_t>(static_cast<uint64_t>(std::llround(count)), 1), pOutput);
     }
     PutWords(pOutput, {0, 1, 0});
 }

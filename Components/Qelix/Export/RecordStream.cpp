@@ -28,8 +28,9 @@ struct ProcessStream
     ProcessSymbols m_symbols;
     const SurveyedProcess& m_process;
     ProcessFilter m_filter;
-    std::map<CalledFunction, uint32_t> m_known;       // names of functions, only while the map is stable
-    std::optional<std::vector<DataImage>> m_images;   // once a lock has been met
+    std::map<CalledFunction, uint32_t> m_known;     // names of functions, only while the map is stable
+    std::optional<std::vector<DataImage>> m_images; // once a lock has been met
+    std::unordered_map<uint64_t, std::string> m_heapNames;
     std::unordered_map<uint64_t, uint32_t> m_objects; // names of locks
 };
 
@@ -58,8 +59,11 @@ uint32_t NameOfLock(ProcessStream* pProcess, const CallKind& kind, uint64_t addr
         if (!pProcess->m_images)
         {
             pProcess->m_images = DataImagesOf(&pStream->m_dataFiles, pProcess->m_symbols.m_map);
+            pProcess->m_heapNames = HeapNames(pProcess->m_process.m_lockUses, *pProcess->m_images);
         }
-        const std::string name = DataName(*pProcess->m_images, address);
+        const auto heap = pProcess->m_heapNames.find(address);
+        const std::string name =
+            heap != pProcess->m_heapNames.end() ? heap->second : DataName(*pProcess->m_images, address);
         at->second = name.empty() ? ZORV_NO_NAME : NameId(&pStream->m_names, name);
     }
     return at->second;
@@ -184,6 +188,7 @@ void StreamRecords(SessionStream* pStream, const SurveyedProcess& process, const
                          SymbolsOf(&pStream->m_symbolizer, ReadModuleMap(process.m_files.m_metadata)),
                          process,
                          FilterOfRecords(filter.m_records, pStream->m_survey),
+                         {},
                          {},
                          {},
                          {}};

@@ -32,7 +32,7 @@ struct StreamedCall
     uint64_t m_object = 0; // what a pthread call was about
     int64_t m_result = 0;
     uint64_t m_region = 0;                // of a parallel program
-    uint32_t m_objectName = ZORV_NO_NAME; // of the variable that a lock is in
+    uint32_t m_objectName = ZORV_NO_NAME; // of a lock: the variable that it is in, or its number
 };
 
 struct StreamedSample
@@ -70,7 +70,7 @@ struct SessionStream
     DataFiles m_dataFiles;
 };
 
-// Null for a lock on the heap or on a stack, and for what is no lock.
+// As reports name it; null for what is no lock.
 const std::string* NameOfObject(const SessionStream& stream, const StreamedCall& call);
 
 // Surveys the session; what the filter leaves out is not in the survey either. Fails when there is no session.

@@ -1,6 +1,7 @@
 #include "Export/Formats.h"
 #include "Export/JsonText.h"
 #include "Export/ThreadOrder.h"
+#include "Report/SampleWeight.h"
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -62,13 +63,14 @@ std::string ThreadLabel(const SurveyedProcess& process, int32_t tid)
 }
 
 // Every sample is as wide as the CPU time that it stands for.
-void PutSampledProfile(ProfileWriter* pWriter, OrderedProcess* pOrdered, const std::string& label, int32_t tid)
+void PutSampledProfile(ProfileWriter* pWriter, OrderedProcess* pOrdered, const SurveyedProcess& process,
+                       int32_t tid)
 {
     Output* pOutput = pWriter->m_pOutput;
-    const uint64_t weight = std::max<uint64_t>(pWriter->m_pStream->m_survey.m_periodNs, 1);
+    const uint64_t weight = std::max<uint64_t>(WholeNs(process.m_nsPerSample), 1);
     PutItem(&pWriter->m_profiles,
             fmt::format("{{\"type\":\"sampled\",\"name\":{},\"unit\":\"{}\",\"samples\":[",
-                        JsonText(label + ": CPU"), weight == 1 ? "none" : "nanoseconds"));
+                        JsonText(ThreadLabel(process, tid) + ": CPU"), weight == 1 ? "none" : "nanoseconds"));
     ListWriter samples{pOutput};
     uint64_t count = 0;
     ForEachSample(pOrdered, tid,
@@ -127,7 +129,7 @@ void WriteSpeedscope(SessionStream* pStream, Output* pOutput)
         {
             if (HasSamples(ordered, tid))
             {
-                PutSampledProfile(&writer, &ordered, ThreadLabel(process, tid), tid);
+                PutSampledProfile(&writer, &ordered, process, tid);
             }
             if (HasCalls(ordered, tid))
             {

@@ -2,6 +2,7 @@
 // put the names back in.
 #include "Export/Database.h"
 #include "Export/Formats.h"
+#include "Report/SampleWeight.h"
 #include "Symbols/ModuleMap.h"
 
 #include <map>
@@ -14,7 +15,7 @@ namespace
 constexpr const char* ZORV_SCHEMA = R"(
 create table session (key text primary key, value) without rowid;
 create table processes (id integer primary key, pid integer, rank integer, name text, key text,
-                        first_ns integer, last_ns integer);
+                        first_ns integer, last_ns integer, sample_ns integer);
 create table threads (id integer primary key, process integer references processes, tid integer, name text,
                       is_main integer);
 create table modules (id integer primary key, path text);
@@ -78,7 +79,7 @@ Inserts PrepareInserts(sqlite3* pDatabase)
 {
     const auto insert = [pDatabase](const char* pTable, std::size_t columns)
     { return PrepareInsert(pDatabase, pTable, columns); };
-    return {insert("session", 2),  insert("processes", 7), insert("threads", 5), insert("modules", 2),
+    return {insert("session", 2),  insert("processes", 8), insert("threads", 5), insert("modules", 2),
             insert("mappings", 5), insert("names", 2),     insert("calls", 12),  insert("functions", 5),
             insert("frames", 5),   insert("stacks", 3),    insert("samples", 6), insert("counters", 5)};
 }
@@ -131,7 +132,8 @@ void WriteProcess(DatabaseWriter* pWriter, const SurveyedProcess& process, int64
 {
     Insert(pWriter->m_inserts.m_processes.get(),
            {id, process.m_pid, int64_t{process.m_rank}, PrintableText(process.m_name), process.m_key,
-            Number(process.m_span.m_first), Number(process.m_span.m_last)});
+            Number(process.m_span.m_first), Number(process.m_span.m_last),
+            Number(WholeNs(process.m_nsPerSample))});
     pWriter->m_threadIds.clear();
     for (const auto& [tid, thread] : process.m_threads)
     {

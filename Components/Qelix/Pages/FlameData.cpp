@@ -148,12 +148,15 @@ std::string NameOf(const ProcessFacts& process, const ThreadSamples& thread)
     return thread.m_name;
 }
 
-PageJson ThreadData(const ProcessFacts& process, const ThreadSamples& thread, NodeLists lists)
+PageJson ThreadData(const ProcessFacts& process, const ThreadSamples& thread, double nsPerSample,
+                    NodeLists lists)
 {
-    PageJson json = {{"pid", process.m_pid}, {"tid", thread.m_tid}, {"rank", process.m_mpiRankId}};
+    PageJson json = {{"pid", process.m_id.m_pid}, {"mark", process.m_id.m_mark}, {"tid", thread.m_tid}};
+    json["rank"] = process.m_mpiRankId;
     json["process"] = process.m_name;
     json["name"] = NameOf(process, thread);
     json["samples"] = thread.m_samples;
+    json["sampleNs"] = nsPerSample;
     json["parents"] = std::move(lists.m_parents);
     json["functions"] = std::move(lists.m_functions);
     json["self"] = std::move(lists.m_self);
@@ -161,12 +164,6 @@ PageJson ThreadData(const ProcessFacts& process, const ThreadSamples& thread, No
 }
 
 } // namespace
-
-uint64_t NsPerSample(const SessionFacts& session)
-{
-    const uint64_t samples = SampleCount(session);
-    return samples == 0 ? session.m_periodNs : WholeNs(SampledNs(session)) / samples;
-}
 
 PageJson FlameData(const SessionFacts& session, std::size_t most)
 {
@@ -176,26 +173,30 @@ PageJson FlameData(const SessionFacts& session, std::size_t most)
     PageJson threads = PageJson::array();
     uint64_t hiddenNodes = 0;
     uint64_t hiddenSamples = 0;
+    double hiddenNs = 0;
     for (std::size_t i = 0; i < rows.size(); ++i)
     {
         if (i >= ZORV_FLAME_THREADS)
         {
             hiddenSamples += rows[i].m_pThread->m_samples;
+            hiddenNs += rows[i].m_ns;
             hiddenNodes += rows[i].m_pThread->m_stacks.m_nodes.size();
             continue;
         }
         NodeLists lists;
         hiddenNodes += AddThread(*rows[i].m_pThread, *session.m_pSymbolizer, least, &functions, &lists);
-        threads.push_back(ThreadData(*rows[i].m_pProcess, *rows[i].m_pThread, std::move(lists)));
+        threads.push_back(ThreadData(*rows[i].m_pProcess, *rows[i].m_pThread,
+                                     NsPerSample(session, *rows[i].m_pProcess), std::move(lists)));
     }
     if (hiddenSamples != 0)
     {
         NodeLists lists;
         AddNode(&lists, 0, IndexOfSpecial(&functions, "(smaller stacks)"), hiddenSamples);
         ThreadSamples others{0, "(further threads)", hiddenSamples};
-        threads.push_back(ThreadData({}, others, std::move(lists)));
+        threads.push_back(
+            ThreadData({}, others, hiddenNs / static_cast<double>(hiddenSamples), std::move(lists)));
     }
-    PageJson json = {{"samples", SampleCount(session)}, {"periodNs", NsPerSample(session)}};
+    PageJson json = {{"samples", SampleCount(session)}, {"sampledNs", WholeNs(SampledNs(session))}};
     json["processes"] = session.m_processes.size();
     json["hiddenNodes"] = hiddenNodes;
     json["hiddenThreads"] = rows.size() - std::min(rows.size(), ZORV_FLAME_THREADS);

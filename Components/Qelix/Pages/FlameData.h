@@ -7,11 +7,9 @@
 namespace qelix
 {
 
-// CPU time that a sample stands for, with its part of what the timers missed.
-uint64_t NsPerSample(const SessionFacts& session);
-
-// "threads", each with "parents" (0: the root, else the number of the node, from 1), "functions" and "self" of
-// its nodes; "functions", pairs of name and module. Nodes beyond `most`, with fewest samples, go together.
+// "threads", each with "sampleNs", the CPU time that a sample of it stands for, and "parents" (0: the root,
+// else the number of the node, from 1), "functions" and "self" of its nodes; "functions", pairs of name and
+// module. Nodes beyond `most`, with fewest samples, go together.
 PageJson FlameData(const SessionFacts& session, std::size_t most);
 
 } // namespace qelix

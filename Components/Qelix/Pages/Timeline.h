@@ -4,6 +4,7 @@
 
 #include "Report/LifeSpan.h"
 #include "Report/TimeKinds.h"
+#include "Session/ProcessWatch.h"
 
 #include <array>
 #include <cstdint>
@@ -65,15 +66,16 @@ struct TimelineRun
 
 struct TimelineThread
 {
-    int64_t m_pid = 0;
+    MarkedPid m_process;
     int32_t m_tid = 0;
     int32_t m_mpiRankId = 0;
-    std::string m_process;
+    std::string m_processName;
     std::string m_name;
     LifeSpan m_span;
     uint64_t m_calls = 0; // all of them
     uint64_t m_untimed = 0;
     uint64_t m_samples = 0;
+    double m_sampleNs = 0; // CPU time that one stands for
     KindTimes m_timeNs = {};
     std::vector<TimelineRun> m_runs;
 };
@@ -90,7 +92,6 @@ struct Timeline
 {
     TimelineBudget m_budget;
     uint64_t m_periodNs = 0; // between the samples of a thread that runs
-    uint64_t m_sampleNs = 0; // CPU time that a sample stands for
     uint64_t m_runGapNs = 0; // samples closer than this make one stretch
     unsigned m_cellShift = 10;
     TextTable m_names;

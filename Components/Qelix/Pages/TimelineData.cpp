@@ -2,6 +2,7 @@
 
 #include "Reader/Records.h"
 #include "Report/DurationHistogram.h"
+#include "Report/SampleWeight.h"
 
 #include <algorithm>
 #include <numeric>
@@ -46,9 +47,9 @@ PageJson GroupsJson()
     return list;
 }
 
-uint64_t RecordedNs(const Timeline& timeline, const TimelineThread& thread)
+uint64_t RecordedNs(const TimelineThread& thread)
 {
-    uint64_t sum = thread.m_samples * timeline.m_sampleNs;
+    uint64_t sum = WholeNs(static_cast<double>(thread.m_samples) * thread.m_sampleNs);
     for (const uint64_t time : thread.m_timeNs)
     {
         sum = SaturatingAdd(sum, time);
@@ -61,14 +62,14 @@ std::vector<uint32_t> ShownThreads(const Timeline& timeline)
 {
     std::vector<uint32_t> shown(timeline.m_threads.size());
     std::iota(shown.begin(), shown.end(), 0);
-    const auto recorded = [&](uint32_t at) { return RecordedNs(timeline, timeline.m_threads[at]); };
+    const auto recorded = [&](uint32_t at) { return RecordedNs(timeline.m_threads[at]); };
     std::stable_sort(shown.begin(), shown.end(),
                      [&](uint32_t a, uint32_t b) { return recorded(a) > recorded(b); });
     shown.resize(std::min(shown.size(), timeline.m_budget.m_threads));
-    std::vector<std::pair<int64_t, int32_t>> processes; // in the order of their busiest threads
+    std::vector<MarkedPid> processes; // in the order of their busiest threads
     const auto place = [&](uint32_t at)
     {
-        const std::pair process(timeline.m_threads[at].m_pid, timeline.m_threads[at].m_mpiRankId);
+        const MarkedPid& process = timeline.m_threads[at].m_process;
         const auto found = std::find(processes.begin(), processes.end(), process);
         return found != processes.end() ? found - processes.begin()
                                         : (processes.push_back(process), std::ssize(processes) - 1);
@@ -145,13 +146,16 @@ PageJson CellsJson(std::vector<std::pair<uint64_t, const TimelineCell*>>* pCells
 PageJson ThreadJson(const TimelineThread& thread, const LifeSpan& span)
 {
     const bool isSeen = thread.m_span.m_last != 0; // by a record that has a time
-    PageJson json = {{"pid", thread.m_pid}, {"tid", thread.m_tid}, {"rank", thread.m_mpiRankId}};
-    json["process"] = thread.m_process;
+    PageJson json = {{"pid", thread.m_process.m_pid}, {"mark", thread.m_process.m_mark}};
+    json["tid"] = thread.m_tid;
+    json["rank"] = thread.m_mpiRankId;
+    json["process"] = thread.m_processName;
     json["name"] = thread.m_name;
     json["begin"] = isSeen ? thread.m_span.m_first - span.m_first : 0;
     json["end"] = isSeen ? thread.m_span.m_last - span.m_first : 0;
     json["calls"] = thread.m_calls;
     json["samples"] = thread.m_samples;
+    json["sampleNs"] = thread.m_sampleNs;
     return json;
 }
 
@@ -217,7 +221,6 @@ PageJson TimelineData(Timeline timeline)
     PageJson threads = ThreadsJson(&timeline, {origin, span.m_last}, &hidden);
     const uint64_t firstCellAt = origin >> timeline.m_cellShift << timeline.m_cellShift;
     PageJson json = {{"originNs", std::to_string(origin)}, {"spanNs", LengthOf(span)}};
-    json["periodNs"] = timeline.m_sampleNs;
     json["cellNs"] = uint64_t{1} << timeline.m_cellShift;
     json["cellOriginNs"] = -static_cast<int64_t>(origin - firstCellAt);
     json["alone"] = timeline.m_calls.size();

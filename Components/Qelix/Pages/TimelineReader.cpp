@@ -1,8 +1,8 @@
 #include "Pages/TimelineReader.h"
 
-#include "Pages/FlameData.h"
 #include "Reader/RecordFile.h"
 #include "Report/ClockShift.h"
+#include "Report/CpuFacts.h"
 #include "Report/ProcessFiles.h"
 
 #include <algorithm>
@@ -20,7 +20,7 @@ constexpr std::size_t ZORV_MOST_LOCKS = 20000; // that are told apart
 
 struct LockId
 {
-    int64_t m_pid;
+    MarkedPid m_process;
     uint64_t m_address;
     const CallKind* m_pKind;
     auto operator<=>(const LockId&) const = default;
@@ -42,6 +42,7 @@ struct RecordTaker
     ProcessSymbols* m_pSymbols;
     const ProcessFacts* m_pProcess;
     int64_t m_shift; // of its host's clock
+    double m_nsPerSample;
     std::map<std::tuple<const CallKind*, uint64_t, bool>, uint32_t>
         m_callNames; // while modules stay where they are
     std::map<uint32_t, uint32_t> m_functionNames;
@@ -50,7 +51,7 @@ struct RecordTaker
     {
         const CallKind* pKind = FindCallKind(call.m_hdr.m_recType, call.m_hdr.m_subType);
         const int32_t lock =
-            pKind->m_isLock ? LockOf({m_pProcess->m_pid, call.m_body.m_lockAddress, pKind}) : -1;
+            pKind->m_isLock ? LockOf({m_pProcess->m_id, call.m_body.m_lockAddress, pKind}) : -1;
         TakeCall(call.m_hdr, pKind, call.m_body.m_funcVa, lock);
     }
 
@@ -120,7 +121,8 @@ struct RecordTaker
             std::pair(m_pProcess, tid), static_cast<uint32_t>(timeline.m_threads.size()));
         if (isNew)
         {
-            timeline.m_threads.push_back({m_pProcess->m_pid, tid, m_pProcess->m_mpiRankId, m_pProcess->m_name});
+            timeline.m_threads.push_back({m_pProcess->m_id, tid, m_pProcess->m_mpiRankId, m_pProcess->m_name});
+            timeline.m_threads.back().m_sampleNs = m_nsPerSample;
         }
         return at->second;
     }
@@ -228,11 +230,10 @@ Timeline ReadTimeline(const SessionFacts& session, const TimelineBudget& budget)
     Reading reading;
     reading.m_timeline.m_budget = budget;
     reading.m_timeline.m_periodNs = session.m_periodNs != 0 ? session.m_periodNs : ZORV_PERIOD_UNKNOWN_NS;
-    reading.m_timeline.m_sampleNs = NsPerSample(session);
     reading.m_timeline.m_runGapNs = FirstRunGapNs(reading.m_timeline);
     for (const LockFacts& lock : session.m_locks)
     {
-        reading.m_lockNames[{lock.m_pid, lock.m_address, lock.m_pKind}] = lock.m_name;
+        reading.m_lockNames[{lock.m_process, lock.m_address, lock.m_pKind}] = lock.m_name;
     }
     const ClockShifts shifts = ReadClockShifts(session.m_path);
     for (const auto& [name, files] : FilesOfProcesses(session.m_path))
@@ -244,7 +245,7 @@ Timeline ReadTimeline(const SessionFacts& session, const TimelineBudget& budget)
         }
         ProcessSymbols symbols = SymbolsOf(session.m_pSymbolizer.get(), ReadModuleMap(files.m_metadata));
         const int64_t shift = ShiftOf(shifts, AnyFile(files));
-        RecordTaker taker{&reading, &symbols, pProcess, shift, {}, {}};
+        RecordTaker taker{&reading, &symbols, pProcess, shift, NsPerSample(session, *pProcess), {}, {}};
         ReadInto(&taker, files.m_trace);
         ReadInto(&taker, files.m_sample);
         EndThreads(&reading, *pProcess, shift);

@@ -33,12 +33,12 @@ std::vector<const NeverReturned*> CircleFrom(const CallOfThread& callOf, int32_t
 
 std::string CircleText(const SessionFacts& session, const std::vector<const NeverReturned*>& circle)
 {
-    std::string text = "wait cycle: " + ThreadLabel(session, circle.front()->m_pid, circle.front()->m_tid);
+    std::string text = "wait cycle: " + ThreadLabel(session, circle.front()->m_process, circle.front()->m_tid);
     for (const NeverReturned* pCall : circle)
     {
         text += fmt::format("{} waits for {}, whose last seen acquirer is {}",
                             pCall == circle.front() ? "" : ", who", PrintableText(pCall->m_lockName),
-                            ThreadLabel(session, pCall->m_pid, pCall->m_lastAcquirer));
+                            ThreadLabel(session, pCall->m_process, pCall->m_lastAcquirer));
     }
     return text;
 }
@@ -84,16 +84,18 @@ Table BlockedView(const SessionFacts& session)
         {"process", "process", ZORV_CELL_COUNT},   {"thread", "thread", ZORV_CELL_TEXT},
         {"call", "call", ZORV_CELL_TEXT},          {"lock", "lock", ZORV_CELL_TEXT},
         {"atLeastNs", "at least", ZORV_CELL_TIME}, {"lastAcquirer", "last seen acquirer", ZORV_CELL_TEXT}};
+    AddMarkColumn(&table, session);
     for (const ProcessFacts& process : session.m_processes)
     {
         for (const NeverReturned& call : process.m_trace.m_neverReturned)
         {
-            std::vector<Cell>& row = AddRow(&table, static_cast<uint64_t>(call.m_pid),
-                                            ThreadLabel(session, call.m_pid, call.m_tid), call.m_name);
+            std::vector<Cell>& row = AddRow(&table, static_cast<uint64_t>(call.m_process.m_pid),
+                                            ThreadLabel(session, call.m_process, call.m_tid), call.m_name);
             row.emplace_back(TextCell(call.m_lockName));
             row.emplace_back(call.m_atLeastNs);
             row.emplace_back(TextCell(
-                call.m_lastAcquirer == 0 ? "" : ThreadLabel(session, call.m_pid, call.m_lastAcquirer)));
+                call.m_lastAcquirer == 0 ? "" : ThreadLabel(session, call.m_process, call.m_lastAcquirer)));
+            AddMark(&table, session, call.m_process);
         }
         AddCircles(&table, session, process);
     }

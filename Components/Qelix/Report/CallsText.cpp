@@ -63,7 +63,7 @@ void WriteThread(Lines out, const ThreadFacts& thread)
 void WriteCalls(Lines out, const ProcessFacts& process)
 {
     const std::vector<ThreadFacts>& threads = process.m_trace.m_threads;
-    fmt::format_to(out, "\nprocess {} {}{}\n", process.m_pid, NameOr(process.m_name, "-"),
+    fmt::format_to(out, "\nprocess {} {}{}\n", ProcessText(process.m_id), NameOr(process.m_name, "-"),
                    process.m_mpiRankId != 0 ? fmt::format(", rank {}", process.m_mpiRankId) : "");
     const auto quiet = std::count_if(threads.begin(), threads.end(),
                                      [](const ThreadFacts& thread) { return thread.m_calls.empty(); });

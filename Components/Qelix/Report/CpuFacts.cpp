@@ -96,54 +96,15 @@ FunctionCounts FunctionsOf(const SessionFacts& session)
     return counts;
 }
 
-namespace
-{
-
-struct Missed
-{
-    uint64_t m_overruns = 0;
-    uint64_t m_lost = 0;
-};
-
-uint64_t CountOf(const std::map<MarkedPid, uint64_t>& counts, const ProcessFacts& process)
-{
-    const auto found = counts.find(MarkedPidInFileName(process.m_samples.m_path));
-    return found == counts.end() ? 0 : found->second;
-}
-
-double ExpiriesNs(const SessionFacts& session, uint64_t samples, uint64_t allSamples, const Missed& missed)
-{
-    // Below the tick a timer expires several times between two ticks, and each of them is told.
-    const uint64_t interval = session.m_settings.m_intervalNs.value_or(0);
-    const uint64_t period = missed.m_overruns == 0 || interval == 0 ? session.m_periodNs : interval;
-    double expiries = static_cast<double>(samples);
-    if (allSamples != 0)
-    {
-        expiries *=
-            1 + static_cast<double>(missed.m_overruns + missed.m_lost) / static_cast<double>(allSamples);
-    }
-    return expiries * static_cast<double>(period);
-}
-
-} // namespace
-
-uint64_t WholeNs(double nanoseconds)
-{
-    return nanoseconds >= 0x1p64 ? UINT64_MAX : static_cast<uint64_t>(nanoseconds);
-}
-
 uint64_t SampledNs(const SessionFacts& session, const ProcessFacts& process, uint64_t samples)
 {
-    return WholeNs(ExpiriesNs(
-        session, samples, process.m_samples.m_allSamples,
-        {CountOf(session.m_log.m_overrunsOf, process), CountOf(session.m_log.m_lostSamplesOf, process)}));
+    return WholeNs(static_cast<double>(samples) * NsPerSample(session, process));
 }
 
 double NsPerSample(const SessionFacts& session, const ProcessFacts& process)
 {
-    return ExpiriesNs(
-        session, 1, process.m_samples.m_allSamples,
-        {CountOf(session.m_log.m_overrunsOf, process), CountOf(session.m_log.m_lostSamplesOf, process)});
+    return NsPerSample(SampleClock{session.m_settings.m_intervalNs.value_or(0), session.m_periodNs},
+                       session.m_log, process.m_samples.m_path, process.m_samples.m_allSamples);
 }
 
 double SampledNs(const SessionFacts& session)

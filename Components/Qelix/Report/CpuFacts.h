@@ -1,6 +1,7 @@
 // Where the samples of a session fell, ranked.
 #pragma once
 
+#include "Report/SampleWeight.h"
 #include "Report/SessionFacts.h"
 
 #include <cstdint>
@@ -44,11 +45,9 @@ FunctionCounts FunctionsOf(const SessionFacts& session, const ProcessFacts& proc
 FunctionCounts FunctionsOf(const SessionFacts& session, const ThreadRow& thread);
 FunctionCounts FunctionsOf(const SessionFacts& session);
 
-// CPU time that so many samples of a process stand for. A timer that fired while its last signal was still
-// pending made no sample: what was missed is shared out among those that were made.
+// CPU time that so many samples of a process stand for.
 uint64_t SampledNs(const SessionFacts& session, const ProcessFacts& process, uint64_t samples);
 double NsPerSample(const SessionFacts& session, const ProcessFacts& process);
-uint64_t WholeNs(double nanoseconds);          // within what 64 bits hold
 double SampledNs(const SessionFacts& session); // all of them, each weighed as its process asks for
 
 } // namespace qelix

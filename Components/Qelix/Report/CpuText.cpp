@@ -53,7 +53,7 @@ void WriteThreads(Lines out, const SessionFacts& session, double wholeNs)
     {
         fmt::format_to(out, "\n{} of the CPU time: thread {} ({}) of process {} {}\n",
                        ShareText(row.m_ns, wholeNs), NameOr(row.m_pThread->m_name, "-"), row.m_pThread->m_tid,
-                       row.m_pProcess->m_pid, NameOr(row.m_pProcess->m_name, "-"));
+                       ProcessText(row.m_pProcess->m_id), NameOr(row.m_pProcess->m_name, "-"));
         WriteFunctions(out, session, FunctionsOf(session, row), row.m_ns, ZORV_OF_THREAD_SHOWN);
         WriteEvents(out, row.m_pProcess->m_samples, *row.m_pThread);
     }

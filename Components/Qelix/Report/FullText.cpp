@@ -15,13 +15,13 @@ namespace
 constexpr std::size_t ZORV_NAMES_SHOWN = 4;    // threads named beside a lock
 constexpr std::size_t ZORV_BLOCKED_SHOWN = 50; // calls that never returned; the JSON form has all
 
-const ThreadFacts* FindThread(const SessionFacts& session, int64_t pid, int32_t tid)
+const ThreadFacts* FindThread(const SessionFacts& session, const MarkedPid& id, int32_t tid)
 {
     for (const ProcessFacts& process : session.m_processes)
     {
         for (const ThreadFacts& thread : process.m_trace.m_threads)
         {
-            if (process.m_pid == pid && thread.m_tid == tid)
+            if (process.m_id == id && thread.m_tid == tid)
             {
                 return &thread;
             }
@@ -58,7 +58,7 @@ std::string ThreadsOfLock(const SessionFacts& session, const LockFacts& lock)
     std::string text = fmt::format("{}:", lock.m_waiters.size());
     for (std::size_t i = 0; i < std::min(lock.m_waiters.size(), ZORV_NAMES_SHOWN); ++i)
     {
-        text += (i == 0 ? " " : ", ") + ThreadLabel(session, lock.m_pid, lock.m_waiters[i].m_tid);
+        text += (i == 0 ? " " : ", ") + ThreadLabel(session, lock.m_process, lock.m_waiters[i].m_tid);
     }
     return text + (lock.m_waiters.size() > ZORV_NAMES_SHOWN ? ", ..." : "");
 }
@@ -74,7 +74,7 @@ void WriteLocks(Lines out, const SessionFacts& session)
     for (const LockFacts& lock : session.m_locks)
     {
         fmt::format_to(out, "  {:<#18x} {:<10} {:>8} {:>9} {:>9} {:>9}  {}\n", lock.m_address,
-                       lock.m_pKind->m_pName, lock.m_pid, lock.m_calls.m_calls,
+                       lock.m_pKind->m_pName, ProcessText(lock.m_process), lock.m_calls.m_calls,
                        DurationText(lock.m_calls.m_totalNs), DurationText(lock.m_calls.m_longestNs),
                        ThreadsOfLock(session, lock));
     }
@@ -94,8 +94,8 @@ void WriteNeverReturned(Lines out, const SessionFacts& session)
             }
             if (count++ < ZORV_BLOCKED_SHOWN)
             {
-                fmt::format_to(out, "  {:>8} {:<28} {:<24} {:<#18x} {}\n", call.m_pid,
-                               ThreadLabel(session, call.m_pid, call.m_tid), PrintableText(call.m_name),
+                fmt::format_to(out, "  {:>8} {:<28} {:<24} {:<#18x} {}\n", ProcessText(call.m_process),
+                               ThreadLabel(session, call.m_process, call.m_tid), PrintableText(call.m_name),
                                call.m_address, DurationText(call.m_atLeastNs));
             }
         }
@@ -106,16 +106,16 @@ void WriteNeverReturned(Lines out, const SessionFacts& session)
     }
 }
 
-const ProcessFacts* FindProcess(const SessionFacts& session, pid_t pid)
+const ProcessFacts* FindProcess(const SessionFacts& session, const MarkedPid& id)
 {
     const auto found = std::find_if(session.m_processes.begin(), session.m_processes.end(),
-                                    [pid](const ProcessFacts& process) { return process.m_pid == pid; });
+                                    [&id](const ProcessFacts& process) { return process.m_id == id; });
     return found == session.m_processes.end() ? nullptr : &*found;
 }
 
-std::string TreeText(const SessionFacts& session, pid_t pid)
+std::string TreeText(const SessionFacts& session, const MarkedPid& id)
 {
-    const ProcessFacts* pProcess = FindProcess(session, pid);
+    const ProcessFacts* pProcess = FindProcess(session, id);
     std::string text;
     if (pProcess != nullptr)
     {
@@ -128,7 +128,7 @@ std::string TreeText(const SessionFacts& session, pid_t pid)
     }
     for (const UnrecordedProcess& process : session.m_tree.m_unrecorded)
     {
-        if (process.m_pid == pid)
+        if (process.m_process == id)
         {
             text += fmt::format("{}{} without the agent: {}", pProcess == nullptr ? "" : "; then ",
                                 process.m_program.empty() ? "ran" : PrintableText(process.m_program) + " ran",
@@ -140,9 +140,14 @@ std::string TreeText(const SessionFacts& session, pid_t pid)
 
 } // namespace
 
-std::string ThreadLabel(const SessionFacts& session, int64_t pid, int32_t tid)
+std::string ProcessText(const MarkedPid& process)
 {
-    const ThreadFacts* pThread = FindThread(session, pid, tid);
+    return fmt::format("{}{}", process.m_mark, process.m_pid);
+}
+
+std::string ThreadLabel(const SessionFacts& session, const MarkedPid& process, int32_t tid)
+{
+    const ThreadFacts* pThread = FindThread(session, process, tid);
     return fmt::format("{} ({})", NameOr(pThread != nullptr ? pThread->m_name : "", "-"), tid);
 }
 
@@ -185,10 +190,10 @@ std::string ClassesOff(const Thresholds& thresholds)
 
 void WriteProcessTree(Lines out, const SessionFacts& session)
 {
-    std::vector<pid_t> recorded;
+    std::vector<MarkedPid> recorded;
     for (const ProcessFacts& process : session.m_processes)
     {
-        recorded.push_back(static_cast<pid_t>(process.m_pid));
+        recorded.push_back(process.m_id);
     }
     const std::vector<TreeRow> rows = TreeRows(session.m_tree, recorded);
     if (rows.size() < 2)
@@ -198,7 +203,8 @@ void WriteProcessTree(Lines out, const SessionFacts& session)
     fmt::format_to(out, "\nprocesses\n");
     for (const TreeRow& row : rows)
     {
-        fmt::format_to(out, "  {:{}}{} {}\n", "", row.m_depth * 2, row.m_pid, TreeText(session, row.m_pid));
+        fmt::format_to(out, "  {:{}}{} {}\n", "", row.m_depth * 2, ProcessText(row.m_process),
+                       TreeText(session, row.m_process));
     }
 }
 

@@ -149,13 +149,13 @@ int32_t LastAcquirer(const LockTable& table, uint64_t address, const CallKind* p
     return last.m_tid;
 }
 
-std::vector<LockFacts> SettledLocks(LockTable* pTable, int64_t pid)
+std::vector<LockFacts> SettledLocks(LockTable* pTable, const MarkedPid& process)
 {
     std::vector<LockFacts> locks;
     locks.reserve(pTable->m_locks.size());
     for (auto& [key, lock] : pTable->m_locks)
     {
-        lock.m_pid = pid;
+        lock.m_process = process;
         std::sort(lock.m_lastAcquirers.begin(), lock.m_lastAcquirers.end(),
                   [](const LockAcquirer& a, const LockAcquirer& b) { return a.m_time > b.m_time; });
         locks.push_back(std::move(lock));
@@ -168,8 +168,8 @@ std::vector<LockFacts> SettledLocks(LockTable* pTable, int64_t pid)
 
 bool IsWorseLock(const LockFacts& a, const LockFacts& b)
 {
-    return std::tuple(b.m_calls.m_totalNs, a.m_pid, a.m_address, a.m_pKind) <
-           std::tuple(a.m_calls.m_totalNs, b.m_pid, b.m_address, b.m_pKind);
+    return std::tuple(b.m_calls.m_totalNs, a.m_process, a.m_address, a.m_pKind) <
+           std::tuple(a.m_calls.m_totalNs, b.m_process, b.m_address, b.m_pKind);
 }
 
 double MeanWaiters(const LockFacts& lock)

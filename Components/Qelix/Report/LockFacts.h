@@ -4,6 +4,7 @@
 #include "Reader/RecordNames.h"
 #include "Reader/Records.h"
 #include "Report/CallFacts.h"
+#include "Session/ProcessWatch.h"
 
 #include <array>
 #include <cstdint>
@@ -30,7 +31,7 @@ struct LockAcquirer
 
 struct LockFacts
 {
-    int64_t m_pid = 0;
+    MarkedPid m_process;
     uint64_t m_address = 0;
     const CallKind* m_pKind = nullptr;
     std::string m_name; // of the variable; "heap#2" for the second one used of those that are in no variable
@@ -78,7 +79,7 @@ void AddUnendedWait(LockTable* pTable, const LockKey& key, int32_t tid, uint64_t
 int32_t LastAcquirer(const LockTable& table, uint64_t address, const CallKind* pKind);
 
 // Longest total first.
-std::vector<LockFacts> SettledLocks(LockTable* pTable, int64_t pid);
+std::vector<LockFacts> SettledLocks(LockTable* pTable, const MarkedPid& process);
 
 // The longest total first; equal ones in the order of their addresses.
 bool IsWorseLock(const LockFacts& a, const LockFacts& b);

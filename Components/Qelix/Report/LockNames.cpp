@@ -2,56 +2,59 @@
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <unordered_map>
+#include <tuple>
 
 namespace qelix
 {
-namespace
-{
 
-using NamesByAddress = std::unordered_map<uint64_t, std::string>;
-
-// Numbers last from one view of a session to the next: by first use, which no ranking changes.
-void NumberHeapLocks(std::vector<LockFacts*> locks, NamesByAddress* pNames)
+std::vector<LockUse> UsesOf(const std::vector<LockFacts>& locks)
 {
-    std::sort(
-        locks.begin(), locks.end(),
-        [](const LockFacts* pA, const LockFacts* pB)
-        { return std::tuple(pA->m_firstTime, pA->m_address) < std::tuple(pB->m_firstTime, pB->m_address); });
-    for (LockFacts* pLock : locks)
+    std::vector<LockUse> uses;
+    uses.reserve(locks.size());
+    for (const LockFacts& lock : locks)
     {
-        // One address can be waited for in two ways when its memory was used again.
-        std::string& name = (*pNames)[pLock->m_address];
-        if (name.empty())
-        {
-            name = fmt::format("heap#{}", pNames->size());
-        }
-        pLock->m_name = name;
+        uses.push_back({lock.m_address, lock.m_firstTime});
     }
+    return uses;
 }
 
-} // namespace
-
-void NameLocks(TraceFacts* pProcess, const std::vector<DataImage>& images)
+std::unordered_map<uint64_t, std::string> HeapNames(std::vector<LockUse> uses,
+                                                    const std::vector<DataImage>& images)
 {
-    std::vector<LockFacts*> heap;
-    NamesByAddress names;
-    for (LockFacts& lock : pProcess->m_locks)
+    std::erase_if(uses, [&images](const LockUse& use) { return !DataName(images, use.m_address).empty(); });
+    std::sort(uses.begin(), uses.end(),
+              [](const LockUse& a, const LockUse& b)
+              { return std::tuple(a.m_firstTime, a.m_address) < std::tuple(b.m_firstTime, b.m_address); });
+    std::unordered_map<uint64_t, std::string> names;
+    for (const LockUse& use : uses)
     {
-        lock.m_name = DataName(images, lock.m_address);
-        lock.m_isHeap = lock.m_name.empty();
-        if (lock.m_isHeap)
+        // One address can be waited for in two ways when its memory was used again.
+        if (const auto [at, isNew] = names.try_emplace(use.m_address); isNew)
         {
-            heap.push_back(&lock);
+            at->second = fmt::format("heap#{}", names.size());
         }
     }
-    NumberHeapLocks(std::move(heap), &names);
+    return names;
+}
+
+void NameLocks(TraceFacts* pProcess, const std::vector<LockUse>& uses, const std::vector<DataImage>& images)
+{
+    const std::unordered_map<uint64_t, std::string> heapNames = HeapNames(uses, images);
+    const auto nameOf = [&](uint64_t address)
+    {
+        const auto found = heapNames.find(address);
+        return found != heapNames.end() ? found->second : DataName(images, address);
+    };
+    for (LockFacts& lock : pProcess->m_locks)
+    {
+        lock.m_name = nameOf(lock.m_address);
+        lock.m_isHeap = heapNames.contains(lock.m_address);
+    }
     for (NeverReturned& call : pProcess->m_neverReturned)
     {
         if (call.m_pKind->m_isLock)
         {
-            call.m_lockName = DataName(images, call.m_address);
-            call.m_lockName = call.m_lockName.empty() ? names[call.m_address] : call.m_lockName;
+            call.m_lockName = nameOf(call.m_address);
         }
     }
 }

@@ -33,24 +33,24 @@ std::optional<UnrecordedProcess> UnrecordedExec(const ExecFact& exec, const HasM
         return std::nullopt;
     }
     const std::string listed = ListedPath(ExecutedFile(exec.m_path));
-    if (listed.empty() || hasMapped(exec.m_pid, listed))
+    if (listed.empty() || hasMapped(exec.m_process, listed))
     {
         return std::nullopt;
     }
     const std::string reason = UntraceableReason(exec.m_path);
-    return UnrecordedProcess{exec.m_pid, exec.m_path,
+    return UnrecordedProcess{exec.m_process, exec.m_path,
                              reason.empty() ? "no agent was seen in it" : "it " + reason};
 }
 
 // The last exec of each process: the one that its files, if it has any, must be of.
-std::map<pid_t, ExecFact> LastExecs(const std::vector<ExecFact>& execs)
+std::map<MarkedPid, ExecFact> LastExecs(const std::vector<ExecFact>& execs)
 {
-    std::map<pid_t, ExecFact> last;
+    std::map<MarkedPid, ExecFact> last;
     for (const ExecFact& exec : execs)
     {
-        ExecFact& known = last[exec.m_pid];
+        ExecFact& known = last[exec.m_process];
         // What a vforked child said through its parent's log precedes what it said through its own.
-        if (known.m_logPid != exec.m_pid || exec.m_logPid == exec.m_pid)
+        if (known.m_log != exec.m_process || exec.m_log == exec.m_process)
         {
             known = exec;
         }
@@ -58,20 +58,22 @@ std::map<pid_t, ExecFact> LastExecs(const std::vector<ExecFact>& execs)
     return last;
 }
 
-void AddRows(const std::map<pid_t, std::vector<pid_t>>& childrenOf, pid_t pid, unsigned depth,
-             std::set<pid_t>* pSeen, std::vector<TreeRow>* pRows)
+using Children = std::map<MarkedPid, std::vector<MarkedPid>>;
+
+void AddRows(const Children& childrenOf, const MarkedPid& process, unsigned depth, std::set<MarkedPid>* pSeen,
+             std::vector<TreeRow>* pRows)
 {
-    if (!pSeen->insert(pid).second)
+    if (!pSeen->insert(process).second)
     {
         return; // ids are used again, and files are damaged: no circle may hold us
     }
-    pRows->push_back({pid, depth});
-    const auto children = childrenOf.find(pid);
+    pRows->push_back({process, depth});
+    const auto children = childrenOf.find(process);
     if (children == childrenOf.end())
     {
         return;
     }
-    for (const pid_t child : children->second)
+    for (const MarkedPid& child : children->second)
     {
         AddRows(childrenOf, child, depth + 1, pSeen, pRows);
     }
@@ -80,17 +82,17 @@ void AddRows(const std::map<pid_t, std::vector<pid_t>>& childrenOf, pid_t pid, u
 } // namespace
 
 ProcessTree MakeProcessTree(const SessionRecord& record, const AgentLogFacts& log,
-                            const std::vector<pid_t>& recorded, const HasMapped& hasMapped)
+                            const std::vector<MarkedPid>& recorded, const HasMapped& hasMapped)
 {
     ProcessTree tree{record.m_parentOf, {}};
     for (const ExecFact& exec : log.m_execs)
     {
-        if (exec.m_pid != exec.m_logPid)
+        if (exec.m_process != exec.m_log)
         {
-            tree.m_parentOf.emplace(exec.m_pid, exec.m_logPid);
+            tree.m_parentOf.emplace(exec.m_process, exec.m_log.m_pid);
         }
     }
-    std::map<pid_t, UnrecordedProcess> unrecorded;
+    std::map<MarkedPid, UnrecordedProcess> unrecorded;
     for (const auto& [child, parent] : log.m_leftOut)
     {
         tree.m_parentOf.emplace(child, parent);
@@ -120,31 +122,37 @@ ProcessTree MakeProcessTree(const SessionRecord& record, const AgentLogFacts& lo
     return tree;
 }
 
-std::vector<TreeRow> TreeRows(const ProcessTree& tree, const std::vector<pid_t>& recorded)
+std::optional<MarkedPid> ParentOf(const ProcessTree& tree, const MarkedPid& process)
 {
-    std::set<pid_t> pids(recorded.begin(), recorded.end());
+    const auto found = tree.m_parentOf.find(process);
+    return found == tree.m_parentOf.end() ? std::nullopt
+                                          : std::optional(MarkedPid{process.m_mark, found->second});
+}
+
+std::vector<TreeRow> TreeRows(const ProcessTree& tree, const std::vector<MarkedPid>& recorded)
+{
+    std::set<MarkedPid> processes(recorded.begin(), recorded.end());
     for (const UnrecordedProcess& process : tree.m_unrecorded)
     {
-        pids.insert(process.m_pid);
+        processes.insert(process.m_process);
     }
-    std::map<pid_t, std::vector<pid_t>> childrenOf;
-    std::vector<pid_t> roots;
-    for (const pid_t pid : pids)
+    Children childrenOf;
+    std::vector<MarkedPid> roots;
+    for (const MarkedPid& process : processes)
     {
-        const auto parent = tree.m_parentOf.find(pid);
-        const bool isKnown =
-            parent != tree.m_parentOf.end() && pids.contains(parent->second) && parent->second != pid;
-        (isKnown ? childrenOf[parent->second] : roots).push_back(pid);
+        const std::optional<MarkedPid> parent = ParentOf(tree, process);
+        const bool isKnown = parent && processes.contains(*parent) && *parent != process;
+        (isKnown ? childrenOf[*parent] : roots).push_back(process);
     }
     std::vector<TreeRow> rows;
-    std::set<pid_t> seen;
-    for (const pid_t pid : roots)
+    std::set<MarkedPid> seen;
+    for (const MarkedPid& process : roots)
     {
-        AddRows(childrenOf, pid, 0, &seen, &rows);
+        AddRows(childrenOf, process, 0, &seen, &rows);
     }
-    for (const pid_t pid : pids) // those that only a circle of parents holds
+    for (const MarkedPid& process : processes) // those that only a circle of parents holds
     {
-        AddRows(childrenOf, pid, 0, &seen, &rows);
+        AddRows(childrenOf, process, 0, &seen, &rows);
     }
     return rows;
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -16,31 +17,33 @@ namespace qelix
 
 struct UnrecordedProcess
 {
-    pid_t m_pid = 0;
+    MarkedPid m_process;
     std::string m_program; // what it executed; empty when it only forked
     std::string m_reason;
 };
 
 struct ProcessTree
 {
-    std::map<pid_t, pid_t>
-        m_parentOf; // a process that is not in here has an unknown parent, or none in the session
+    // A process that is not in here has an unknown parent, or none in the session. Parents have the same mark.
+    std::map<MarkedPid, pid_t> m_parentOf;
     std::vector<UnrecordedProcess> m_unrecorded; // by id
 };
 
 // Was this file seen, with code to execute, in the process?
-using HasMapped = std::function<bool(pid_t pid, const std::string& file)>;
+using HasMapped = std::function<bool(const MarkedPid& process, const std::string& file)>;
 
 ProcessTree MakeProcessTree(const SessionRecord& record, const AgentLogFacts& log,
-                            const std::vector<pid_t>& recorded, const HasMapped& hasMapped);
+                            const std::vector<MarkedPid>& recorded, const HasMapped& hasMapped);
+
+std::optional<MarkedPid> ParentOf(const ProcessTree& tree, const MarkedPid& process);
 
 struct TreeRow
 {
-    pid_t m_pid;
+    MarkedPid m_process;
     unsigned m_depth;
 };
 
 // Every process, recorded or not, each behind its parent and one deeper; siblings by id.
-std::vector<TreeRow> TreeRows(const ProcessTree& tree, const std::vector<pid_t>& recorded);
+std::vector<TreeRow> TreeRows(const ProcessTree& tree, const std::vector<MarkedPid>& recorded);
 
 } // namespace qelix

@@ -29,6 +29,9 @@ std::string ReportJson(const SessionFacts& session);
 // "17 ns", "1.25 ms", "3.50 s": three digits that matter.
 std::string DurationText(uint64_t nanoseconds);
 
+// Of a share of 1: "0" says that there was nothing, "<1" that there was little.
+std::string PercentText(double share);
+
 // "512 B", "1.25 MB".
 std::string BytesText(uint64_t bytes);
 

@@ -1,4 +1,4 @@
-#include "Report/CpuFacts.h"
+#include "Report/CpuJson.h"
 #include "Report/Report.h"
 #include "Report/ThreadTimes.h"
 #include "Symbols/ModuleFacts.h"
@@ -71,6 +71,19 @@ Json OptionalDamageJson(const std::optional<Damage>& damage)
     return damage ? DamageJson(*damage) : Json(nullptr);
 }
 
+// The mark tells processes of one id apart, in a session that was merged.
+void PutProcess(Json* pJson, const MarkedPid& process)
+{
+    (*pJson)["pid"] = process.m_pid;
+    (*pJson)["mark"] = process.m_mark;
+}
+
+Json ParentJson(const SessionFacts& session, const MarkedPid& process)
+{
+    const std::optional<MarkedPid> parent = ParentOf(session.m_tree, process);
+    return parent ? Json(parent->m_pid) : Json(nullptr);
+}
+
 Json ProcessJson(const SessionFacts& session, const ProcessFacts& process)
 {
     const TraceFacts& trace = process.m_trace;
@@ -79,9 +92,9 @@ Json ProcessJson(const SessionFacts& session, const ProcessFacts& process)
     {
         threads.push_back(ThreadJson(thread));
     }
-    const auto parent = session.m_tree.m_parentOf.find(static_cast<pid_t>(process.m_pid));
-    Json json = {{"file", trace.m_path}, {"pid", process.m_pid}};
-    json["parent"] = parent != session.m_tree.m_parentOf.end() ? Json(parent->second) : Json(nullptr);
+    Json json = {{"file", trace.m_path}};
+    PutProcess(&json, process.m_id);
+    json["parent"] = ParentJson(session, process.m_id);
     json["name"] = process.m_name;
     json["mpiRankId"] = process.m_mpiRankId;
     json["isEmpty"] = trace.m_isEmpty;
@@ -101,9 +114,9 @@ Json UnrecordedJson(const SessionFacts& session)
     Json list = Json::array();
     for (const UnrecordedProcess& process : session.m_tree.m_unrecorded)
     {
-        const auto parent = session.m_tree.m_parentOf.find(process.m_pid);
-        Json json = {{"pid", process.m_pid}};
-        json["parent"] = parent != session.m_tree.m_parentOf.end() ? Json(parent->second) : Json(nullptr);
+        Json json;
+        PutProcess(&json, process.m_process);
+        json["parent"] = ParentJson(session, process.m_process);
         json["program"] = process.m_program;
         json["reason"] = process.m_reason;
         list.push_back(std::move(json));
@@ -111,76 +124,10 @@ Json UnrecordedJson(const SessionFacts& session)
     return list;
 }
 
-Json FunctionsJson(const SessionFacts& session, const FunctionCounts& counts)
-{
-    Json list = Json::array();
-    for (const FunctionRow& row : RankedFunctions(*session.m_pSymbolizer, counts))
-    {
-        list.push_back({{"name", row.m_pFunction->m_name},
-                        {"module", row.m_pFunction->m_module},
-                        {"self", row.m_count.m_self},
-                        {"total", row.m_count.m_total},
-                        {"selfNs", WholeNs(row.m_count.m_selfNs)},
-                        {"totalNs", WholeNs(row.m_count.m_totalNs)}});
-    }
-    return list;
-}
-
-Json CpuThreadsJson(const SessionFacts& session)
-{
-    Json list = Json::array();
-    for (const ThreadRow& row : RankedThreads(session))
-    {
-        const ProcessFacts* pProcess = row.m_pProcess;
-        const ThreadSamples* pThread = row.m_pThread;
-        Json events = Json::array();
-        for (std::size_t i = 0; i < std::min(pThread->m_eventSums.size(), pProcess->m_samples.m_events.size());
-             ++i)
-        {
-            events.push_back({{"code", pProcess->m_samples.m_events[i]}, {"count", pThread->m_eventSums[i]}});
-        }
-        list.push_back({{"pid", pProcess->m_pid},
-                        {"tid", pThread->m_tid},
-                        {"name", pThread->m_name},
-                        {"samples", pThread->m_samples},
-                        {"truncated", pThread->m_truncated},
-                        {"events", events},
-                        {"functions", FunctionsJson(session, FunctionsOf(session, row))}});
-    }
-    return list;
-}
-
-Json CpuJson(const SessionFacts& session)
-{
-    const FunctionCounts counts = FunctionsOf(session);
-    Json modules = Json::array();
-    for (const ModuleRow& row : RankedModules(*session.m_pSymbolizer, counts))
-    {
-        modules.push_back({{"path", row.m_path}, {"self", row.m_self}, {"selfNs", WholeNs(row.m_selfNs)}});
-    }
-    Json processes = Json::array();
-    for (const ProcessFacts& process : session.m_processes)
-    {
-        if (process.m_samples.m_samples != 0)
-        {
-            processes.push_back({{"pid", process.m_pid},
-                                 {"name", process.m_name},
-                                 {"samples", process.m_samples.m_samples},
-                                 {"functions", FunctionsJson(session, FunctionsOf(session, process))}});
-        }
-    }
-    Json json = {{"samples", SampleCount(session)}, {"periodNs", session.m_periodNs}};
-    json["sampledNs"] = WholeNs(SampledNs(session));
-    json["functions"] = FunctionsJson(session, counts);
-    json["modules"] = std::move(modules);
-    json["processes"] = std::move(processes);
-    json["threads"] = CpuThreadsJson(session);
-    return json;
-}
-
 Json LockJson(const LockFacts& lock)
 {
-    Json json = {{"address", lock.m_address}, {"pid", lock.m_pid}};
+    Json json = {{"address", lock.m_address}};
+    PutProcess(&json, lock.m_process);
     json["kind"] = lock.m_pKind->m_pName;
     json.update(FactsJson(lock.m_calls));
     json["name"] = lock.m_name;
@@ -205,14 +152,9 @@ Json LockJson(const LockFacts& lock)
 
 Json NeverReturnedJson(const NeverReturned& call)
 {
-    return {{"pid", call.m_pid},
-            {"tid", call.m_tid},
-            {"kind", call.m_pKind->m_pName},
-            {"name", call.m_name},
-            {"address", call.m_address},
-            {"startTime", call.m_startTime},
-            {"atLeastNs", call.m_atLeastNs},
-            {"lock", call.m_lockName},
+    return {{"pid", call.m_process.m_pid},        {"mark", call.m_process.m_mark}, {"tid", call.m_tid},
+            {"kind", call.m_pKind->m_pName},      {"name", call.m_name},           {"address", call.m_address},
+            {"startTime", call.m_startTime},      {"atLeastNs", call.m_atLeastNs}, {"lock", call.m_lockName},
             {"lastAcquirer", call.m_lastAcquirer}};
 }
 
@@ -257,7 +199,10 @@ Json TimesJson(const SessionFacts& session)
     Json list = Json::array();
     for (const ThreadTimes& times : TimesOfThreads(session))
     {
-        Json json = {{"pid", times.m_pProcess->m_pid}, {"tid", times.m_tid}, {"name", times.m_name}};
+        Json json;
+        PutProcess(&json, times.m_pProcess->m_id);
+        json["tid"] = times.m_tid;
+        json["name"] = times.m_name;
         json["wallNs"] = times.m_wallNs;
         for (int kind = 0; kind < ZORV_TIME_KIND_COUNT; ++kind)
         {

@@ -143,8 +143,8 @@ std::string UnrecordedSentence(const SessionFacts& session)
     std::vector<std::string> names;
     for (std::size_t i = 0; i < std::min(processes.size(), ZORV_CHILDREN_SHOWN); ++i)
     {
-        names.push_back(fmt::format("{} {} ({})", NameOr(processes[i].m_program, "a fork"), processes[i].m_pid,
-                                    processes[i].m_reason));
+        names.push_back(fmt::format("{} {} ({})", NameOr(processes[i].m_program, "a fork"),
+                                    ProcessText(processes[i].m_process), processes[i].m_reason));
     }
     return fmt::format("{} ran without the agent: {}{}.", Plural(processes.size(), "process", "processes"),
                        fmt::join(names, ", "), processes.size() > names.size() ? ", ..." : "");

@@ -1,7 +1,6 @@
 #include "Report/SampleFacts.h"
 
 #include "Reader/RecordFile.h"
-#include "Reader/RecordNames.h"
 #include "Report/ThreadNames.h"
 
 #include <algorithm>
@@ -147,8 +146,7 @@ struct RecordTaker
 
     void operator()(const SampleProcRecord& proc) const
     {
-        m_pGathering->m_names.push_back({proc.m_hdr.m_tid, proc.m_body.m_pthreadId, proc.m_hdr.m_startTime,
-                                         std::string(RecordName(proc.m_body))});
+        m_pGathering->m_names.push_back(NameIn(proc));
         if (proc.m_hdr.m_tid > 0 && IsWanted(m_pGathering->m_filter, proc.m_hdr.m_tid))
         {
             m_pGathering->m_threads[proc.m_hdr.m_tid];

@@ -1,9 +1,10 @@
 #include "Report/Screen.h"
 
+#include "Session/Terminal.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace qelix
@@ -16,10 +17,9 @@ constexpr std::size_t ZORV_MOST_WIDTH = 200;
 
 std::size_t WidthOfTerminal(int fd)
 {
-    winsize size;
-    if (isatty(fd) == 1 && ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col != 0)
+    if (const std::size_t columns = ColumnsOf(fd); columns != 0)
     {
-        return size.ws_col;
+        return columns;
     }
     const char* pColumns = getenv("COLUMNS");
     const unsigned long columns = pColumns == nullptr ? 0 : strtoul(pColumns, nullptr, 10);

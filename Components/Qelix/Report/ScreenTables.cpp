@@ -57,13 +57,6 @@ std::string BarOf(const ThreadTimes& times, const Screen& screen)
     return bar;
 }
 
-// "0" says that there was nothing, "<1" that there was little.
-std::string PercentText(double share)
-{
-    const double percent = 100 * share;
-    return percent == 0 ? "0" : percent < 1 ? "<1" : fmt::format("{:.0f}", percent);
-}
-
 std::string GroupName(const ThreadTimes& group, bool hasManyProcesses)
 {
     std::string name = NameOr(group.m_name, "-");
@@ -100,8 +93,8 @@ void WriteLockPeople(Lines out, const SessionFacts& session, const LockFacts& lo
     {
         if (acquirer.m_time != 0)
         {
-            text +=
-                (text.empty() ? "last acquired by " : ", ") + ThreadLabel(session, lock.m_pid, acquirer.m_tid);
+            text += (text.empty() ? "last acquired by " : ", ") +
+                    ThreadLabel(session, lock.m_process, acquirer.m_tid);
         }
     }
     if (lock.m_calls.m_neverReturned != 0)
@@ -112,7 +105,7 @@ void WriteLockPeople(Lines out, const SessionFacts& session, const LockFacts& lo
     if (lock.m_isHeap && lock.m_firstTid != 0)
     {
         text += (text.empty() ? "first used by " : "; first used by ") +
-                ThreadLabel(session, lock.m_pid, lock.m_firstTid);
+                ThreadLabel(session, lock.m_process, lock.m_firstTid);
     }
     if (!text.empty())
     {
@@ -194,7 +187,7 @@ void SortGroups(std::vector<ThreadTimes>* pGroups, const std::string& column)
     else if (column == "pid" || column == "tid")
     {
         sortBy([&column](const ThreadTimes& group)
-               { return -(column == "tid" ? int64_t{group.m_tid} : group.m_pProcess->m_pid); });
+               { return -(column == "tid" ? int64_t{group.m_tid} : int64_t{group.m_pProcess->m_id.m_pid}); });
     }
 }
 

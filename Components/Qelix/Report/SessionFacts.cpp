@@ -3,7 +3,8 @@
 #include "Report/ClockShift.h"
 #include "Report/LockNames.h"
 #include "Report/ProcessFiles.h"
-#include "Report/ProcessNames.h"
+#include "Report/ProcessSurvey.h"
+#include "Report/SampleWeight.h"
 #include "Session/Failure.h"
 #include "Session/ProcessWatch.h"
 #include "Session/SessionDirectory.h"
@@ -42,8 +43,20 @@ void KeepWorstLocks(SessionFacts* pSession, TraceFacts* pProcess, std::size_t ke
     locks.resize(std::min(locks.size(), kept));
 }
 
-// A process may be wanted by its name, and threads by theirs; both may stand anywhere in the files.
-std::optional<ProcessFilter> FilterOf(const ProcessFiles& files, const Reading& reading)
+// A process may be wanted by its name, and threads by theirs, and locks go by the order in which all of them
+// were used: all of that may stand anywhere in the files. Nothing where everything is wanted.
+std::optional<SurveyedProcess> SurveyFor(const RecordFilter& wanted, const ProcessFiles& files)
+{
+    if (wanted.m_threads.empty() && wanted.m_processes.empty() && !wanted.m_from && !wanted.m_to)
+    {
+        return std::nullopt;
+    }
+    std::vector<Damage> told; // by the reading that follows
+    return SurveyProcess("", files, {}, &told);
+}
+
+std::optional<ProcessFilter> FilterOf(const ProcessFiles& files, const std::optional<SurveyedProcess>& survey,
+                                      const Reading& reading)
 {
     const RecordFilter& wanted = reading.m_view.m_filter;
     const int64_t shift = ShiftOf(reading.m_shifts, AnyFile(files));
@@ -56,21 +69,16 @@ std::optional<ProcessFilter> FilterOf(const ProcessFiles& files, const Reading& 
     {
         filter.m_to = Shifted(SaturatingAdd(reading.m_start, *wanted.m_to), -shift);
     }
-    if (wanted.m_threads.empty() && wanted.m_processes.empty())
-    {
-        return filter;
-    }
-    const NamesOfProcess names = ReadNames(files);
-    if (!MatchesAny(wanted.m_processes, names.NameOf(names.m_pid), names.m_pid))
+    if (survey && !MatchesAny(wanted.m_processes, survey->m_name, survey->m_pid))
     {
         return std::nullopt;
     }
-    if (!wanted.m_threads.empty())
+    if (survey && !wanted.m_threads.empty())
     {
         filter.m_tids.emplace();
-        for (const auto& [tid, name] : names.m_names)
+        for (const auto& [tid, thread] : survey->m_threads)
         {
-            if (MatchesAny(wanted.m_threads, name, tid))
+            if (MatchesAny(wanted.m_threads, thread.m_name, tid))
             {
                 filter.m_tids->insert(tid);
             }
@@ -80,7 +88,7 @@ std::optional<ProcessFilter> FilterOf(const ProcessFiles& files, const Reading& 
 }
 
 ProcessFacts ReadProcess(const ProcessFiles& files, ProcessSymbols* pSymbols, Reading* pReading,
-                         const ProcessFilter& filter)
+                         const std::optional<SurveyedProcess>& survey, const ProcessFilter& filter)
 {
     ProcessFacts process;
     process.m_trace.m_isEmpty = true;
@@ -89,7 +97,8 @@ ProcessFacts ReadProcess(const ProcessFiles& files, ProcessSymbols* pSymbols, Re
         process.m_trace = ReadTraceFacts(files.m_trace, pSymbols, filter);
         if (!process.m_trace.m_locks.empty())
         {
-            NameLocks(&process.m_trace, DataImagesOf(&pReading->m_dataFiles, pSymbols->m_map));
+            NameLocks(&process.m_trace, survey ? survey->m_lockUses : UsesOf(process.m_trace.m_locks),
+                      DataImagesOf(&pReading->m_dataFiles, pSymbols->m_map));
         }
     }
     if (!files.m_sample.empty() && !pReading->m_view.m_isWithoutSamples)
@@ -98,9 +107,9 @@ ProcessFacts ReadProcess(const ProcessFiles& files, ProcessSymbols* pSymbols, Re
     }
     const TraceFacts& trace = process.m_trace;
     const ProcessSamples& samples = process.m_samples;
-    process.m_pid = trace.m_pid != 0     ? trace.m_pid
-                    : samples.m_pid != 0 ? samples.m_pid
-                                         : PidInFileName(AnyFile(files));
+    process.m_id = MarkedPidInFileName(AnyFile(files));
+    const int64_t told = trace.m_id.m_pid != 0 ? trace.m_id.m_pid : samples.m_pid;
+    process.m_id.m_pid = told != 0 ? static_cast<pid_t>(told) : process.m_id.m_pid;
     process.m_name = trace.m_name.empty() ? samples.m_name : trace.m_name;
     process.m_mpiRankId = trace.m_mpiRankId != 0 ? trace.m_mpiRankId : samples.m_mpiRankId;
     process.m_mapDamage = pSymbols->m_map.m_damage;
@@ -121,8 +130,8 @@ std::set<std::string> PathsIn(const ModuleMap& map)
 
 bool IsBusier(const ProcessFacts& a, const ProcessFacts& b)
 {
-    return std::tuple(b.m_trace.m_totalNs, b.m_samples.m_samples, a.m_pid) <
-           std::tuple(a.m_trace.m_totalNs, a.m_samples.m_samples, b.m_pid);
+    return std::tuple(b.m_trace.m_totalNs, b.m_samples.m_samples, a.m_id) <
+           std::tuple(a.m_trace.m_totalNs, a.m_samples.m_samples, b.m_id);
 }
 
 std::vector<std::pair<TraceClass, CallFacts>> ByClass(const std::vector<const NamedCalls*>& calls)
@@ -133,6 +142,24 @@ std::vector<std::pair<TraceClass, CallFacts>> ByClass(const std::vector<const Na
         AddCalls(&classes[ClassOf(*pCalls->m_pKind)], pCalls->m_facts);
     }
     return {std::make_move_iterator(classes.begin()), std::make_move_iterator(classes.end())};
+}
+
+// Of a job's directory one of the sessions in it; empty when it is none.
+std::string FirstRankIn(const std::string& path)
+{
+    std::string first;
+    std::error_code error;
+    for (std::filesystem::directory_iterator at(path, error), end; !error && at != end; at.increment(error))
+    {
+        std::error_code none;
+        const std::string inner = at->path();
+        if (at->path().filename().string().starts_with("rank=") &&
+            std::filesystem::is_directory(TraceFolder(inner), none) && (first.empty() || inner < first))
+        {
+            first = inner;
+        }
+    }
+    return first;
 }
 
 RecordedFiles FilesOfRun(const SessionRecord& record)
@@ -152,18 +179,23 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
     std::error_code error;
     if (!std::filesystem::is_directory(TraceFolder(path), error))
     {
-        throw Failure(ZORV_FAILURE_NO_SESSION,
-                      "{} is no session: it has no folder \"trace\"; name a directory that qelix run has made",
-                      path)
-            .At(path);
+        if (const std::string rank = FirstRankIn(path); !rank.empty())
+        {
+            throw Failure(
+                ZORV_FAILURE_NO_SESSION,
+                "{} is a job with a session for each rank: name one of them, as {}; qelix ranks {} compares "
+                "them, qelix merge makes one session of all",
+                path, rank, path)
+                .At(path);
+        }
+        throw NoSession(path);
     }
     SessionFacts session;
     session.m_path = path;
     session.m_record = ReadSessionRecord(path);
     session.m_settings = ReadSettings(path);
     session.m_bytes = BytesIn(path);
-    session.m_periodNs =
-        std::max(session.m_settings.m_intervalNs.value_or(0), session.m_record.m_tickNs.value_or(0));
+    session.m_periodNs = SampleClockOf(session.m_settings, session.m_record).m_periodNs;
     session.m_pSymbolizer = std::make_shared<Symbolizer>();
     session.m_pSymbolizer->m_recorded = FilesOfRun(session.m_record);
     const std::map<std::string, ProcessFiles> filesOf = FilesOfProcesses(path);
@@ -171,20 +203,21 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
     Reading reading{
         samples, view, view.m_filter.m_from || view.m_filter.m_to ? FirstTime(filesOf, shifts) : 0, shifts, {}};
     reading.m_samples.m_depth = session.m_settings.m_depth.value_or(0);
-    std::map<pid_t, std::set<std::string>> mapped;
-    std::vector<pid_t> recorded;
+    std::map<MarkedPid, std::set<std::string>> mapped;
+    std::vector<MarkedPid> recorded;
     for (const auto& [name, files] : filesOf)
     {
-        const std::optional<ProcessFilter> filter = FilterOf(files, reading);
+        const std::optional<SurveyedProcess> survey = SurveyFor(view.m_filter, files);
+        const std::optional<ProcessFilter> filter = FilterOf(files, survey, reading);
         if (!filter)
         {
             continue;
         }
         ProcessSymbols symbols = SymbolsOf(session.m_pSymbolizer.get(), ReadModuleMap(files.m_metadata));
-        ProcessFacts process = ReadProcess(files, &symbols, &reading, *filter);
+        ProcessFacts process = ReadProcess(files, &symbols, &reading, survey, *filter);
         KeepWorstLocks(&session, &process.m_trace, view.m_locksKept);
         Join(&session.m_span, Shifted(process.m_span, ShiftOf(shifts, AnyFile(files))));
-        recorded.push_back(static_cast<pid_t>(process.m_pid));
+        recorded.push_back(process.m_id);
         mapped[recorded.back()].merge(PathsIn(symbols.m_map));
         session.m_processes.push_back(std::move(process));
     }
@@ -192,9 +225,9 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
     std::sort(recorded.begin(), recorded.end());
     session.m_agentErrors = ReadAgentErrors(path);
     session.m_log = ReadAgentLogs(path);
-    session.m_tree =
-        MakeProcessTree(session.m_record, session.m_log, recorded,
-                        [&mapped](pid_t pid, const std::string& file) { return mapped[pid].contains(file); });
+    session.m_tree = MakeProcessTree(session.m_record, session.m_log, recorded,
+                                     [&mapped](const MarkedPid& process, const std::string& file)
+                                     { return mapped[process].contains(file); });
     return session;
 }
 

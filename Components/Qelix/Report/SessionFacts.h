@@ -19,7 +19,7 @@ namespace qelix
 
 struct ProcessFacts
 {
-    int64_t m_pid = 0;
+    MarkedPid m_id;
     std::string m_name; // of its main thread
     int32_t m_mpiRankId = 0;
     TraceFacts m_trace;

@@ -28,6 +28,7 @@ struct TableColumn
     const char* m_pKey;   // in CSV, JSON and for --sort
     const char* m_pTitle; // of the text
     CellForm m_form;
+    bool m_isDetail = false; // left out of a text that the screen is too narrow for
 };
 
 // Nothing: not known.

@@ -127,8 +127,7 @@ struct RecordTaker
     void operator()(const TraceProcRecord& proc) const
     {
         SeeRecord(m_pGathering, proc.m_hdr);
-        m_pGathering->m_names.push_back({proc.m_hdr.m_tid, proc.m_body.m_pthreadId, proc.m_hdr.m_startTime,
-                                         std::string(RecordName(proc.m_body))});
+        m_pGathering->m_names.push_back(NameIn(proc));
         if (proc.m_hdr.m_tid > 0 && IsWanted(m_pGathering->m_filter, proc.m_hdr.m_tid))
         {
             NoteTime(m_pGathering, &ThreadOf(m_pGathering, proc.m_hdr.m_tid).m_span, proc.m_hdr.m_startTime);
@@ -184,7 +183,7 @@ TraceFacts ReadTraceFacts(const std::string& path, ProcessSymbols* pSymbols, con
     TraceFacts& process = gathering.m_process;
     process.m_path = path;
     process.m_isEmpty = !pFile->m_header.m_isPresent;
-    process.m_pid = pFile->m_header.m_pid;
+    process.m_id = {MarkedPidInFileName(path).m_mark, static_cast<pid_t>(pFile->m_header.m_pid)};
     process.m_mpiRankId = pFile->m_header.m_mpiRankId;
     process.m_damage = pFile->m_damage;
     process.m_unreadBytes = pFile->m_unreadBytes;

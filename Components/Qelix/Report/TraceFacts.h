@@ -39,7 +39,7 @@ struct ThreadFacts
 
 struct NeverReturned
 {
-    int64_t m_pid = 0;
+    MarkedPid m_process;
     int32_t m_tid = 0;
     const CallKind* m_pKind = nullptr;
     std::string m_name;     // of the function
@@ -55,7 +55,7 @@ struct TraceFacts
     std::string m_path; // of the trace file
     bool m_isEmpty = false;
     bool m_isCutOff = false; // its last record is no thread's end
-    int64_t m_pid = 0;
+    MarkedPid m_id;          // its number is 0 where the file does not tell
     int32_t m_mpiRankId = 0;
     std::string m_name; // of its main thread
     uint64_t m_totalNs = 0;

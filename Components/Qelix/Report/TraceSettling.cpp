@@ -67,7 +67,7 @@ void SettleThreads(TraceGathering* pGathering)
         Join(&process.m_span, thread.m_span);
         process.m_threads.push_back(std::move(thread));
     }
-    process.m_name = names[static_cast<int32_t>(process.m_pid)];
+    process.m_name = names[process.m_id.m_pid];
     std::sort(process.m_threads.begin(), process.m_threads.end(),
               [](const ThreadFacts& a, const ThreadFacts& b)
               { return std::tuple(b.m_totalNs, a.m_tid) < std::tuple(a.m_totalNs, b.m_tid); });
@@ -92,7 +92,7 @@ void SettleNeverReturned(TraceGathering* pGathering)
     const uint64_t end = std::min(pGathering->m_lastTime, pGathering->m_filter.m_to);
     for (NeverReturned& call : calls)
     {
-        call.m_pid = pGathering->m_process.m_pid;
+        call.m_process = pGathering->m_process.m_id;
         const bool isTimed = call.m_startTime != 0 && call.m_startTime <= end;
         call.m_atLeastNs = isTimed ? end - call.m_startTime : 0;
         if (IsHeldByOne(*call.m_pKind))
@@ -123,7 +123,7 @@ void SettleTrace(TraceGathering* pGathering)
     TraceFacts& process = pGathering->m_process;
     SettleThreads(pGathering);
     SettleNeverReturned(pGathering);
-    process.m_locks = SettledLocks(&pGathering->m_locks, process.m_pid);
+    process.m_locks = SettledLocks(&pGathering->m_locks, process.m_id);
     process.m_foldedLocks = pGathering->m_locks.m_folded;
 }
 

@@ -55,4 +55,10 @@ std::string Plural(uint64_t count, const char* pSingular, const char* pPlural)
     return fmt::format("{} {}", count, count == 1 ? pSingular : pPlural);
 }
 
+std::string PercentText(double share)
+{
+    const double percent = 100 * share;
+    return percent == 0 ? "0" : percent < 1 ? "<1" : fmt::format("{:.0f}", percent);
+}
+
 } // namespace qelix

@@ -18,7 +18,7 @@ uint64_t IdOf(int64_t id)
     return static_cast<uint64_t>(id);
 }
 
-std::string Label(const std::string& name, int64_t id)
+template <typename T> std::string Label(const std::string& name, const T& id)
 {
     return fmt::format("{} ({})", name.empty() ? "-" : name, id);
 }
@@ -36,7 +36,7 @@ void AddTime(std::vector<Cell>* pRow, bool isTimed, uint64_t nanoseconds)
 // The numbers that every table of calls has.
 constexpr TableColumn g_numberColumns[] = {
     {"calls", "calls", ZORV_CELL_COUNT},      {"totalNs", "total", ZORV_CELL_TIME},
-    {"meanNs", "mean", ZORV_CELL_TIME},       {"p95Ns", "p95", ZORV_CELL_TIME},
+    {"meanNs", "mean", ZORV_CELL_TIME},       {"p95Ns", "p95", ZORV_CELL_TIME, true},
     {"longestNs", "longest", ZORV_CELL_TIME},
 };
 
@@ -62,7 +62,7 @@ std::string AcquirersText(const SessionFacts& session, const LockFacts& lock)
     {
         if (acquirer.m_time != 0)
         {
-            text += (text.empty() ? "" : ", ") + ThreadLabel(session, lock.m_pid, acquirer.m_tid);
+            text += (text.empty() ? "" : ", ") + ThreadLabel(session, lock.m_process, acquirer.m_tid);
         }
     }
     return text;
@@ -79,23 +79,25 @@ void AddWaiters(Table* pTable, const SessionFacts& session, const LockFacts& loc
     for (const LockWaiter& waiter : lock.m_waiters)
     {
         std::vector<Cell>& row =
-            AddRow(pTable, lock.m_name, std::string(lock.m_pKind->m_pName), IdOf(lock.m_pid),
-                   ThreadLabel(session, lock.m_pid, waiter.m_tid), waiter.m_waits);
+            AddRow(pTable, lock.m_name, std::string(lock.m_pKind->m_pName), IdOf(lock.m_process.m_pid),
+                   ThreadLabel(session, lock.m_process, waiter.m_tid), waiter.m_waits);
         for (const uint64_t time : {waiter.m_totalNs, waiter.m_totalNs / waiter.m_waits, waiter.m_longestNs})
         {
             AddTime(&row, waiter.m_totalNs != 0, time);
         }
+        AddMark(pTable, session, lock.m_process);
     }
 }
 
 std::string NoteOn(const SessionFacts& session, const LockFacts& lock)
 {
-    std::string note = fmt::format(
-        "{} ({}, {:#x}) of process {}: {:.1f} waiting on average while it was waited for",
-        PrintableText(lock.m_name), lock.m_pKind->m_pName, lock.m_address, lock.m_pid, MeanWaiters(lock));
+    std::string note =
+        fmt::format("{} ({}, {:#x}) of process {}: {:.1f} waiting on average while it was waited for",
+                    PrintableText(lock.m_name), lock.m_pKind->m_pName, lock.m_address,
+                    ProcessText(lock.m_process), MeanWaiters(lock));
     if (lock.m_firstTid != 0)
     {
-        note += "; first used by " + ThreadLabel(session, lock.m_pid, lock.m_firstTid);
+        note += "; first used by " + ThreadLabel(session, lock.m_process, lock.m_firstTid);
     }
     const std::string acquirers = AcquirersText(session, lock);
     return note + (acquirers.empty() ? "" : "; last acquired by " + acquirers);
@@ -106,28 +108,53 @@ bool IsOneOf(const std::vector<TimeKind>& kinds, const CallKind& kind)
     return kinds.empty() || std::find(kinds.begin(), kinds.end(), TimeKindOf(kind)) != kinds.end();
 }
 
+// Processes of merged sessions can have one id; what tells them apart is not worth a column elsewhere.
+bool IsMerged(const SessionFacts& session)
+{
+    return std::any_of(session.m_processes.begin(), session.m_processes.end(),
+                       [](const ProcessFacts& process) { return !process.m_id.m_mark.empty(); });
+}
+
 } // namespace
+
+void AddMarkColumn(Table* pTable, const SessionFacts& session)
+{
+    if (IsMerged(session))
+    {
+        pTable->m_columns.push_back({"mark", "mark", ZORV_CELL_TEXT});
+    }
+}
+
+void AddMark(Table* pTable, const SessionFacts& session, const MarkedPid& process)
+{
+    if (IsMerged(session))
+    {
+        pTable->m_rows.back().emplace_back(process.m_mark);
+    }
+}
 
 Table ThreadsView(const SessionFacts& session)
 {
     Table table;
-    table.m_columns = {{"process", "process", ZORV_CELL_TEXT}, {"pid", "pid", ZORV_CELL_COUNT},
+    table.m_columns = {{"process", "process", ZORV_CELL_TEXT}, {"pid", "pid", ZORV_CELL_COUNT, true},
                        {"thread", "thread", ZORV_CELL_TEXT},   {"tid", "tid", ZORV_CELL_COUNT},
-                       {"wallNs", "wall", ZORV_CELL_TIME},     {"calls", "calls", ZORV_CELL_COUNT}};
+                       {"wallNs", "wall", ZORV_CELL_TIME},     {"calls", "calls", ZORV_CELL_COUNT, true}};
     for (int kind = 0; kind < ZORV_TIME_KIND_COUNT; ++kind)
     {
         const TimeKindForm& form = FormOf(static_cast<TimeKind>(kind));
         table.m_columns.push_back({form.m_pName, form.m_pTitle, ZORV_CELL_SHARE});
     }
+    AddMarkColumn(&table, session);
     for (const ThreadTimes& times : TimesOfThreads(session))
     {
         std::vector<Cell>& row =
-            AddRow(&table, TextCell(times.m_pProcess->m_name), IdOf(times.m_pProcess->m_pid),
+            AddRow(&table, TextCell(times.m_pProcess->m_name), IdOf(times.m_pProcess->m_id.m_pid),
                    TextCell(times.m_name), IdOf(times.m_tid), times.m_wallNs, times.m_calls);
         for (int kind = 0; kind < ZORV_TIME_KIND_COUNT; ++kind)
         {
             row.emplace_back(ShareOf(times, static_cast<TimeKind>(kind)));
         }
+        AddMark(&table, session, times.m_pProcess->m_id);
     }
     return table;
 }
@@ -140,13 +167,15 @@ Table LocksView(const SessionFacts& session)
     AddNumberColumns(&table);
     table.m_columns.push_back({"meanWaiters", "waiters", ZORV_CELL_NUMBER});
     table.m_columns.push_back({"lastAcquirers", "last acquired by", ZORV_CELL_TEXT});
+    AddMarkColumn(&table, session);
     for (const LockFacts& lock : session.m_locks)
     {
         std::vector<Cell>& row =
-            AddRow(&table, lock.m_name, std::string(lock.m_pKind->m_pName), IdOf(lock.m_pid));
+            AddRow(&table, lock.m_name, std::string(lock.m_pKind->m_pName), IdOf(lock.m_process.m_pid));
         AddNumbers(&row, lock.m_calls);
         row.emplace_back(MeanWaiters(lock));
         row.emplace_back(TextCell(AcquirersText(session, lock)));
+        AddMark(&table, session, lock.m_process);
     }
     return table;
 }
@@ -158,6 +187,7 @@ Table LockView(const SessionFacts& session, const std::string& name)
                        {"pid", "pid", ZORV_CELL_COUNT},     {"thread", "thread", ZORV_CELL_TEXT},
                        {"calls", "calls", ZORV_CELL_COUNT}, {"totalNs", "total", ZORV_CELL_TIME},
                        {"meanNs", "mean", ZORV_CELL_TIME},  {"longestNs", "longest", ZORV_CELL_TIME}};
+    AddMarkColumn(&table, session);
     for (const LockFacts& lock : session.m_locks)
     {
         if (IsCalled(lock, name))
@@ -192,9 +222,9 @@ Table CallsView(const SessionFacts& session, const std::vector<TimeKind>& kinds)
             {
                 if (IsOneOf(kinds, *calls.m_pKind))
                 {
-                    std::vector<Cell>& row =
-                        AddRow(&table, calls.m_name, std::string(TraceClassName(ClassOf(*calls.m_pKind))),
-                               Label(process.m_name, process.m_pid), Label(thread.m_name, thread.m_tid));
+                    std::vector<Cell>& row = AddRow(
+                        &table, calls.m_name, std::string(TraceClassName(ClassOf(*calls.m_pKind))),
+                        Label(process.m_name, ProcessText(process.m_id)), Label(thread.m_name, thread.m_tid));
                     AddNumbers(&row, calls.m_facts);
                 }
             }

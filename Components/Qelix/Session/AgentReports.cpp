@@ -82,7 +82,7 @@ bool SplitInfoLine(std::string_view line, pid_t* pPid, std::string_view* pText)
     return *pPid > 0;
 }
 
-void TakeExec(pid_t logPid, pid_t pid, std::string_view text, AgentLogFacts* pFacts)
+void TakeExec(const MarkedPid& log, pid_t pid, std::string_view text, AgentLogFacts* pFacts)
 {
     for (const std::string_view call : {"execve : ", "execvpe : ", "fexecve : "})
     {
@@ -90,7 +90,7 @@ void TakeExec(pid_t logPid, pid_t pid, std::string_view text, AgentLogFacts* pFa
         {
             text.remove_prefix(call.size());
             text.remove_suffix(1);
-            pFacts->m_execs.push_back({logPid, pid, std::string(text)});
+            pFacts->m_execs.push_back({log, {log.m_mark, pid}, std::string(text)});
             return;
         }
     }
@@ -105,16 +105,16 @@ void TakeInfoLine(const std::string& path, std::string_view line, AgentLogFacts*
     {
         return;
     }
-    const pid_t logPid = PidInFileName(path);
-    if (text.ends_with(") is not sampled or traced.") && pid != logPid)
+    const MarkedPid log = MarkedPidInFileName(path);
+    if (text.ends_with(") is not sampled or traced.") && pid != log.m_pid)
     {
-        pFacts->m_leftOut[pid] = logPid;
+        pFacts->m_leftOut[{log.m_mark, pid}] = log.m_pid;
     }
     if (text.starts_with("Exit from the writer thread"))
     {
-        pFacts->m_ended.insert(pid);
+        pFacts->m_ended.insert({log.m_mark, pid});
     }
-    TakeExec(logPid, pid, text, pFacts);
+    TakeExec(log, pid, text, pFacts);
 }
 
 void TakeLogLine(const std::string& path, const char* pLine, AgentLogFacts* pFacts)

@@ -28,8 +28,8 @@ std::string ExplainAgentError(const AgentError& error);
 // A process said that it was about to execute a file. Whether it did is not said.
 struct ExecFact
 {
-    pid_t m_logPid = 0; // whose log it stands in: a child of vfork(2) has its parent's
-    pid_t m_pid = 0;
+    MarkedPid m_log; // whose log it stands in: a child of vfork(2) has its parent's
+    MarkedPid m_process;
     std::string m_path;
 };
 
@@ -46,8 +46,8 @@ struct AgentLogFacts
     std::string m_firstError;     // the first such line
     std::string m_firstErrorFile; // where it stands
     std::vector<ExecFact> m_execs;
-    std::set<pid_t> m_ended;          // whose agent said at the end that it was done
-    std::map<pid_t, pid_t> m_leftOut; // forked children that were not to be recorded, with their parents
+    std::set<MarkedPid> m_ended;          // whose agent said at the end that it was done
+    std::map<MarkedPid, pid_t> m_leftOut; // forked children that were not to be recorded, with their parents
 };
 
 AgentLogFacts ReadAgentLogs(const std::string& sessionPath);

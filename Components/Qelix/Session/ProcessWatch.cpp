@@ -80,10 +80,17 @@ MarkedPid MarkedPidInFileName(const std::string& path)
 {
     const std::string name = path.substr(path.rfind('/') + 1);
     const std::string behindKind = name.substr(name.find('_') + 1);
-    const std::size_t end = behindKind.find_first_not_of("0123456789", 1);
-    const bool isMarked =
-        behindKind.starts_with('s') && end != std::string::npos && end > 1 && behindKind[end] == '-';
-    return {isMarked ? behindKind.substr(0, end + 1) : "", PidInFileName(path)};
+    std::size_t length = 0;
+    while (length < behindKind.size() && behindKind[length] == 's')
+    {
+        const std::size_t end = behindKind.find_first_not_of("0123456789", length + 1);
+        if (end == std::string::npos || end == length + 1 || behindKind[end] != '@')
+        {
+            break;
+        }
+        length = end + 1;
+    }
+    return {behindKind.substr(0, length), PidInFileName(path)};
 }
 
 ProcessWatch::ProcessWatch(const std::string& sessionPath)

@@ -36,11 +36,11 @@ pid_t ParentOf(pid_t pid);
 // none.
 pid_t PidInFileName(const std::string& path);
 
-// Hosts of a merged session may have processes of one id. Their files have marks in front of the host's name,
-// "trace_s1-HOST_PID.umt", which tell them apart.
+// Sessions that were merged may have processes of one id. Their files have marks in front of the host's name,
+// "trace_s1@HOST_PID.umt", which tell them apart.
 struct MarkedPid
 {
-    std::string m_mark; // "s1-"; empty without one
+    std::string m_mark; // "s1@", or "s1@s0@" of a session that was merged before; empty without one
     pid_t m_pid = 0;
     auto operator<=>(const MarkedPid&) const = default;
 };

@@ -7,6 +7,7 @@
 #include "Session/MachineFacts.h"
 #include "Session/SessionProcesses.h"
 #include "Session/Sizes.h"
+#include "Session/Terminal.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -73,7 +74,8 @@ void ShowLine(RunOverseer* pOverseer, uint64_t now)
         ReadProgress(pOverseer->m_task.m_sessionPath, pOverseer->m_task.m_blockName);
     const uint64_t seconds = (now - pOverseer->m_startNs) / ZORV_NS_PER_SECOND;
     // What the program prints then begins at the line's start.
-    WriteToTerminal(fmt::format("{}qelix: {} s, {}\r", ZORV_ERASE_LINE, seconds, ProgressText(progress)));
+    const std::string line = fmt::format("qelix: {} s, {}", seconds, ProgressText(progress));
+    WriteToTerminal(fmt::format("{}{}\r", ZORV_ERASE_LINE, OneLineOn(STDERR_FILENO, line)));
     pOverseer->m_isLineShown = true;
 }
 

@@ -212,4 +212,22 @@ std::vector<std::string> FilesIn(const std::string& folder, const std::string& e
     return files;
 }
 
+Failure NoSession(const std::string& path)
+{
+    std::error_code error;
+    const bool isThere = std::filesystem::exists(path, error);
+    if (!isThere && path == ZORV_NEWEST_LINK)
+    {
+        return Failure(
+                   ZORV_FAILURE_NO_SESSION,
+                   "{} is no session: nothing has been recorded here; record with qelix run PROGRAM, or name a "
+                   "session's directory",
+                   path)
+            .At(path);
+    }
+    return Failure(ZORV_FAILURE_NO_SESSION, "{} is no session: {}; name a directory that qelix run has made",
+                   path, isThere ? "it has no folder \"trace\"" : "there is no such directory")
+        .At(path);
+}
+
 } // namespace qelix

@@ -1,6 +1,8 @@
 // One run of a program is one directory; this is how it is laid out.
 #pragma once
 
+#include "Session/Failure.h"
+
 #include <cstdint>
 #include <ctime>
 #include <string>
@@ -25,7 +27,7 @@ std::string TraceFolder(const std::string& session);    // .umt files
 std::string SampleFolder(const std::string& session);   // .ums files
 std::string MetadataFolder(const std::string& session); // .meta files
 std::string ConfigurationFile(const std::string& session);
-std::string RecordFilePath(const std::string& session); // what qelix notes of the run
+std::string RecordFilePath(const std::string& session);  // what qelix notes of the run
 std::string SummaryFilePath(const std::string& session); // what one rank of a job leaves for the table of all
 
 // "qelix-PROGRAM-DATE-TIME-PID", local time; what a configured path cannot hold is replaced in the program's
@@ -46,5 +48,8 @@ void RemoveSessionDirectory(const SessionDirectory& session);
 
 // Regular files of a folder whose names end so, sorted by name. A folder that is missing has none.
 std::vector<std::string> FilesIn(const std::string& folder, const std::string& ending);
+
+// What to throw where a path was to be one, saying why it is none.
+Failure NoSession(const std::string& path);
 
 } // namespace qelix

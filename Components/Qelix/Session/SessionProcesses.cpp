@@ -121,14 +121,16 @@ SessionProgress ReadProgress(const std::string& sessionPath, const std::string& 
     return progress;
 }
 
-std::string ProgressText(const SessionProgress& progress)
+std::string ProgressText(const SessionProgress& progress, bool isOver)
 {
     const auto counted = [](uint64_t count, const char* pOne, const char* pMany)
     { return fmt::format("{} {}", count, count == 1 ? pOne : pMany); };
-    return fmt::format("{}, {}, {}, {}, {} lost", counted(progress.m_liveProcesses, "process", "processes"),
-                       counted(progress.m_threads, "thread", "threads"),
-                       counted(progress.m_records, "record", "records"), SizeText(progress.m_bytes),
-                       progress.m_lost);
+    const std::string alive = isOver ? counted(progress.m_processes, "process",
+                                               "processes") // none of them is left to count threads of
+                                     : counted(progress.m_liveProcesses, "process", "processes") + ", " +
+                                           counted(progress.m_threads, "thread", "threads");
+    return fmt::format("{}, {}, {}, {} lost", alive, counted(progress.m_records, "record", "records"),
+                       SizeText(progress.m_bytes), progress.m_lost);
 }
 
 uint64_t SessionSize(const std::string& sessionPath)

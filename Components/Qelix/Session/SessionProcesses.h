@@ -24,8 +24,8 @@ struct SessionProgress
 
 SessionProgress ReadProgress(const std::string& sessionPath, const std::string& blockName);
 
-// "3 processes, 8 threads, 1200000 records, 34.0 MiB, 0 lost"
-std::string ProgressText(const SessionProgress& progress);
+// "3 processes, 8 threads, 1200000 records, 34.0 MiB, 0 lost"; once it is over, all processes and no threads.
+std::string ProgressText(const SessionProgress& progress, bool isOver = false);
 
 // Of all its files.
 uint64_t SessionSize(const std::string& sessionPath);

@@ -31,9 +31,14 @@ template <typename T> Json OrNull(const std::optional<T>& value)
 Json ProcessesJson(const SessionRecord& record)
 {
     Json processes = Json::array();
-    for (const auto& [pid, parent] : record.m_parentOf)
+    for (const auto& [process, parent] : record.m_parentOf)
     {
-        processes.push_back({{"pid", pid}, {"parent", parent}});
+        Json json = {{"pid", process.m_pid}, {"parent", parent}};
+        if (!process.m_mark.empty())
+        {
+            json["mark"] = process.m_mark;
+        }
+        processes.push_back(std::move(json));
     }
     return processes;
 }
@@ -129,9 +134,9 @@ std::optional<ClockPair> ClocksAt(const Json& json, const char* pKey)
     return monotonic && realtime ? std::optional(ClockPair{*monotonic, *realtime}) : std::nullopt;
 }
 
-std::map<pid_t, pid_t> ParentsIn(const Json& json)
+std::map<MarkedPid, pid_t> ParentsIn(const Json& json)
 {
-    std::map<pid_t, pid_t> parents;
+    std::map<MarkedPid, pid_t> parents;
     const auto found = json.find("processes");
     if (found == json.end() || !found->is_array())
     {
@@ -147,7 +152,7 @@ std::map<pid_t, pid_t> ParentsIn(const Json& json)
         const auto parent = ValueAt<pid_t>(process, "parent");
         if (pid && parent)
         {
-            parents[*pid] = *parent;
+            parents[{TextAt(process, "mark"), *pid}] = *parent;
         }
     }
     return parents;

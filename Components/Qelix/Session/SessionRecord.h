@@ -3,6 +3,7 @@
 #pragma once
 
 #include "Session/MachineFacts.h"
+#include "Session/ProcessWatch.h"
 #include "Session/TraceClasses.h"
 
 #include <cstdint>
@@ -19,9 +20,9 @@ struct SessionRecord
 {
     std::vector<std::string> m_command;
     pid_t m_programPid = 0;
-    std::optional<uint64_t> m_tickNs;  // of the kernel's clock that drives the sampling timers
-    std::map<pid_t, pid_t> m_parentOf; // of the processes that were seen alive
-    std::optional<int> m_waitStatus;   // nothing: qelix did not see the program's end
+    std::optional<uint64_t> m_tickNs;      // of the kernel's clock that drives the sampling timers
+    std::map<MarkedPid, pid_t> m_parentOf; // of the processes that were seen alive; parents have the same mark
+    std::optional<int> m_waitStatus;       // nothing: qelix did not see the program's end
 
     std::string m_program;      // the file that was executed
     std::string m_agentVersion; // empty: of an earlier qelix

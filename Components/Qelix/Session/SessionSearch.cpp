@@ -146,9 +146,7 @@ SessionTarget SessionAt(const std::string& path)
     const fs::path real = fs::canonical(path, error);
     if (error || !IsSession(real))
     {
-        throw Failure(ZORV_FAILURE_NO_SESSION, "{} is no session{}; name a directory that qelix run has made",
-                      path, error ? ": " + error.message() : "")
-            .At(path);
+        throw NoSession(path);
     }
     SessionTarget session{real, "", ReadSessionRecord(real)};
     if (IsOfThisBoot(session.m_record))

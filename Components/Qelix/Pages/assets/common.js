@@ -57,9 +57,14 @@ function threadLabel(thread) {
     return `${thread.name === "" ? "-" : thread.name} (${thread.tid})`;
 }
 
+// Of merged sessions several can have one id; the mark is that of their files.
+function processId(row) {
+    return `${row.mark}${row.pid}`;
+}
+
 function processLabel(thread) {
     const rank = thread.rank ? `, rank ${thread.rank}` : "";
-    return `process ${thread.pid} ${thread.process === "" ? "-" : thread.process}${rank}`;
+    return `process ${processId(thread)} ${thread.process === "" ? "-" : thread.process}${rank}`;
 }
 
 const tooltip = {

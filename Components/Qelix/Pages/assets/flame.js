@@ -1,4 +1,4 @@
-// The flame graph: a frame is as wide as its function's share of the samples, and stands on what called it.
+// The flame graph: a frame is as wide as its function's share of the CPU time, and stands on what called it.
 
 const FRAME_HEIGHT = 18;
 const LEAST_FRAME = 1.5; // pixels; what is narrower cannot be read or hit
@@ -40,7 +40,7 @@ function flameChoices(flame) {
     const groups = new Map();
     for (const thread of flame.threads) {
         const add = (key, label) => groups.set(key, { label, count: 1 + (groups.get(key)?.count || 0) });
-        add(`p${thread.pid}`, processLabel(thread));
+        add(`p${processId(thread)}`, processLabel(thread));
         add(`n${thread.name}`, `threads named ${thread.name || "-"}`);
     }
     const isChoice = (key, count) => (key[0] === "p" ? flame.processes > 1 : count > 1);
@@ -56,7 +56,7 @@ function flameChoices(flame) {
 function threadsChosen(flame, choice) {
     const kind = choice[0];
     const value = choice.slice(1);
-    return flame.threads.filter((thread, index) => choice === "all" || (kind === "p" && String(thread.pid) === value)
+    return flame.threads.filter((thread, index) => choice === "all" || (kind === "p" && processId(thread) === value)
         || (kind === "n" && thread.name === value) || (kind === "t" && String(index) === value));
 }
 
@@ -71,7 +71,7 @@ function searchFlame(view) {
     const wanted = matcher === null ? null : view.flame.functions.map(([name]) => matcher(name));
     const matched = markMatches(view.root, wanted === null ? null : (called) => wanted[called]);
     view.matched.textContent = wanted === null ? ""
-        : `matched: ${shareText(matched, view.root.total)} (${countText(matched, "sample")})`;
+        : `matched: ${shareText(matched.ns, view.root.totalNs)} (${countText(matched.samples, "sample")})`;
     if (view.focus !== null) {
         drawFlame(view);
     }
@@ -89,10 +89,9 @@ function nameOf(view, node) {
 }
 
 function detailsOf(view, node) {
-    const time = (samples) => durationText(samples * view.flame.periodNs);
-    const all = view.root.total;
-    const lines = [`total ${shareText(node.total, all)}: ${countText(node.total, "sample")}, ${time(node.total)}`,
-        `self ${shareText(node.self, all)}: ${countText(node.self, "sample")}, ${time(node.self)}`];
+    const all = view.root.totalNs;
+    const lines = [`total ${shareText(node.totalNs, all)}: ${countText(node.total, "sample")}, ${durationText(node.totalNs)}`,
+        `self ${shareText(node.selfNs, all)}: ${countText(node.self, "sample")}, ${durationText(node.selfNs)}`];
     if (node.function >= 0 && view.flame.functions[node.function][1] !== "") {
         lines.push(view.flame.functions[node.function][1]);
     }
@@ -181,7 +180,7 @@ function flameKey(view, event) {
 }
 
 function flameNotes(flame) {
-    const notes = [`${countText(flame.samples, "sample")}, each standing for ${durationText(flame.periodNs)} of CPU time. `
+    const notes = [`${countText(flame.samples, "sample")}, standing for ${durationText(flame.sampledNs)} of CPU time. `
         + "Waiting does not show here: a thread that waits burns no CPU and is not sampled. Colours tell modules apart."];
     if (flame.samples === 0) {
         notes.push("The session has no samples: record it with sampling switched on.");

@@ -1,13 +1,18 @@
 // The flame graph without its picture: trees of stacks, merged, searched and laid out.
 
-// One tree of the stacks of these threads. A node has function (an index, -1: the root), self, total, children, parent
-// and depth.
+// One tree of the stacks of these threads. A node has function (an index, -1: the root), self and total in samples,
+// selfNs and totalNs as each sample's process weighs them, children, parent and depth.
 function buildFlame(flame, threads) {
-    const root = { function: -1, self: 0, total: 0, children: new Map(), parent: null, depth: 0, isMatch: false };
+    const root = newNode(-1, null);
     for (const thread of threads) {
         addThread(root, thread);
     }
     return root;
+}
+
+function newNode(called, parent) {
+    return { function: called, self: 0, total: 0, selfNs: 0, totalNs: 0, children: new Map(), parent,
+        depth: parent === null ? 0 : parent.depth + 1, isMatch: false };
 }
 
 // A node of a thread's list stands behind its parent; the first one is the root.
@@ -18,14 +23,16 @@ function addThread(root, thread) {
         const called = thread.functions[i];
         let node = parent.children.get(called);
         if (node === undefined) {
-            node = { function: called, self: 0, total: 0, children: new Map(), parent, depth: parent.depth + 1,
-                isMatch: false };
+            node = newNode(called, parent);
             parent.children.set(called, node);
         }
         nodes.push(node);
+        const ns = thread.self[i] * thread.sampleNs;
         node.self += thread.self[i];
+        node.selfNs += ns;
         for (let above = node; thread.self[i] !== 0 && above !== null; above = above.parent) {
             above.total += thread.self[i];
+            above.totalNs += ns;
         }
     }
 }
@@ -38,15 +45,16 @@ function pathOf(node) {
     return path;
 }
 
-// Marks the nodes whose function is wanted; the samples that have one of them on their stack, each counted once.
+// Marks the nodes whose function is wanted; what has one of them on its stack, each sample counted once.
 function markMatches(root, isWanted) {
-    let matched = 0;
+    const matched = { samples: 0, ns: 0 };
     const open = [[root, false]];
     while (open.length !== 0) {
         const [node, isInside] = open.pop();
         node.isMatch = isWanted !== null && node.function >= 0 && isWanted(node.function);
         if (node.isMatch && !isInside) {
-            matched += node.total;
+            matched.samples += node.total;
+            matched.ns += node.totalNs;
         }
         for (const child of node.children.values()) {
             open.push([child, isInside || node.isMatch]);
@@ -62,15 +70,15 @@ function layOut(focus, width, least) {
     const open = [[focus, 0]];
     while (open.length !== 0) {
         const [node, left] = open.pop();
-        const scale = focus.total === 0 ? 0 : width / focus.total;
+        const scale = focus.totalNs === 0 ? 0 : width / focus.totalNs;
         let at = left;
-        for (const child of [...node.children.values()].sort((a, b) => b.total - a.total)) {
-            if (child.total * scale < least) {
+        for (const child of [...node.children.values()].sort((a, b) => b.totalNs - a.totalNs)) {
+            if (child.totalNs * scale < least) {
                 break;
             }
-            frames.push({ node: child, left: at, width: child.total * scale, isAbove: false });
+            frames.push({ node: child, left: at, width: child.totalNs * scale, isAbove: false });
             open.push([child, at]);
-            at += child.total * scale;
+            at += child.totalNs * scale;
         }
     }
     return frames;

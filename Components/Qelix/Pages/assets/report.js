@@ -86,14 +86,14 @@ function showTimes(report, place, timeline) {
     const letters = new Map(timeline.groups.map((group) => [group.id, group.letter]));
     showTable(place, { id: "times", title: "Where the time went", rows: report.times || [], all: report.cut.times,
         empty: "No thread recorded anything.", columns: [["thread", (row) => threadLabel(row), true],
-            ["process", (row) => `${row.pid} ${names.get(row.pid) || "-"}`, true],
+            ["process", (row) => `${processId(row)} ${names.get(processId(row)) || "-"}`, true],
             ["wall", (row) => durationText(row.wallNs)],
             ...TIME_KINDS.map((kind) => [kind === "io" ? "I/O" : kind === "cpu" ? "CPU" : kind,
                 (row) => shareText(row[`${kind}Ns`], row.wallNs)]), ["", (row) => barOf(row, letters)]] });
 }
 
 function processNames(report) {
-    return new Map(report.processes.map((process) => [process.pid, process.name]));
+    return new Map(report.processes.map((process) => [processId(process), process.name]));
 }
 
 function lockName(lock) {
@@ -104,7 +104,7 @@ function showLocks(report, place) {
     const acquirers = (lock) => (lock.lastAcquirers || []).join(", ") || "-";
     showTable(place, { id: "locks", title: "Locks that were waited for", rows: report.locks, all: report.cut.locks,
         empty: "No call on a lock was recorded.", columns: [["lock", lockName, true], ["kind", (lock) => lock.kind, true],
-            ["process", (lock) => lock.pid], ...callColumns(),
+            ["process", processId], ...callColumns(),
             ["mean waiters", (lock) => (lock.meanWaiters === undefined ? "-" : lock.meanWaiters.toFixed(2))],
             ["threads", (lock) => lock.threads.length], ["last acquirers", acquirers]] });
 }
@@ -119,18 +119,18 @@ function showFunctions(report, place) {
 
 function showCalls(report, place) {
     const rows = report.processes.flatMap((process) => process.threads.flatMap((thread) => thread.calls.map((call) => (
-        { ...call, function: call.name, name: thread.name, tid: thread.tid, pid: process.pid }))));
+        { ...call, function: call.name, name: thread.name, tid: thread.tid, pid: process.pid, mark: process.mark }))));
     rows.sort((a, b) => b.totalNs - a.totalNs);
     showTable(place, { id: "calls", title: "Calls", rows: rows.slice(0, 2000), all: rows.length,
         empty: "No call was recorded.", columns: [["thread", (row) => threadLabel(row), true],
-            ["process", (row) => row.pid], ["class", (row) => row.class, true], ["call", (row) => row.function, true],
+            ["process", processId], ["class", (row) => row.class, true], ["call", (row) => row.function, true],
             ...callColumns()] });
 }
 
 function showNeverReturned(report, place) {
     showTable(place, { id: "never", title: "Calls that never returned", rows: report.neverReturned,
         all: report.cut.neverReturned, empty: "Every recorded call returned.",
-        columns: [["at least", (row) => durationText(row.atLeastNs)], ["process", (row) => row.pid],
+        columns: [["at least", (row) => durationText(row.atLeastNs)], ["process", processId],
             ["thread", (row) => row.tid], ["call", (row) => row.name, true],
             ["of", (row) => row.lock || (row.address ? `0x${row.address.toString(16)}` : "-"), true],
             ["last acquirer", (row) => row.lastAcquirer || "-"]] });
@@ -143,7 +143,7 @@ function cautionsOf(report) {
     for (const process of report.processes) {
         for (const part of ["damage", "sampleDamage", "metadataDamage"]) {
             const damage = process[part];
-            cautions.push(damage && `process ${process.pid}: damaged at byte offset ${damage.offset}: ${damage.reason}; `
+            cautions.push(damage && `process ${processId(process)}: damaged at byte offset ${damage.offset}: ${damage.reason}; `
                 + damage.remedy);
         }
     }
@@ -153,7 +153,7 @@ function cautionsOf(report) {
         agent.timerOverruns && `overruns: timers fired ${countText(agent.timerOverruns, "time")} more than they were heard`,
         agent.logErrorLines && `errors: ${agent.logErrorLines} in the agent's logs, the first: ${agent.firstLogError}`,
         ...agent.errors.map((error) => error.explanation),
-        ...report.unrecorded.map((process) => `process ${process.pid} ${process.program} was not recorded: ${process.reason}`));
+        ...report.unrecorded.map((process) => `process ${processId(process)} ${process.program} was not recorded: ${process.reason}`));
     return cautions.filter(Boolean);
 }
 

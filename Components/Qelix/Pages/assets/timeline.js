@@ -121,7 +121,7 @@ function stepWait(view, step) {
 
 function describeThread(timeline, thread) {
     return [threadLabel(thread), processLabel(thread), countText(thread.calls, "call"),
-        `CPU ${durationText(thread.samples * timeline.periodNs)} (${countText(thread.samples, "sample")})`];
+        `CPU ${durationText(thread.samples * thread.sampleNs)} (${countText(thread.samples, "sample")})`];
 }
 
 function describeWait(timeline, wait) {
@@ -132,9 +132,9 @@ function describeWait(timeline, wait) {
         `from ${durationText(wait.start)}`].filter((line) => line !== null);
 }
 
-function describeRun(timeline, run) {
+function describeRun(timeline, thread, run) {
     return [`${timeline.groups[0].letter} ran: ${countText(run.samples, "sample")}, `
-        + `${durationText(run.samples * timeline.periodNs)} of CPU within ${durationText(run.end - run.start)}`,
+        + `${durationText(run.samples * thread.sampleNs)} of CPU within ${durationText(run.end - run.start)}`,
     run.name < 0 ? null : `for example in ${timeline.names[run.name]}`, `from ${durationText(Math.max(run.start, 0))}`]
         .filter((line) => line !== null);
 }
@@ -160,7 +160,7 @@ function describePoint(view, x, y) {
     const runs = isRunLane && !view.hidden.has(0) ? entriesIn(thread.runs, time - slack, time + slack) : [];
     const wait = isRunLane ? undefined : waitAt(thread, time, slack);
     const cells = isRunLane || wait ? [] : entriesIn(thread.cells, time, time);
-    const lines = runs.length !== 0 ? describeRun(view.timeline, runs[0])
+    const lines = runs.length !== 0 ? describeRun(view.timeline, thread, runs[0])
         : wait !== undefined && !view.hidden.has(wait.group) ? describeWait(view.timeline, wait)
             : cells.length !== 0 ? describeCells(view.timeline, cells) : ["nothing recorded here"];
     return [`${threadLabel(thread)} at ${durationText(time)}`, ...lines];

@@ -117,7 +117,7 @@ function drawRuns(view, thread, top) {
     for (const run of entriesIn(thread.runs, view.from, view.to)) {
         const left = xOf(view, run.start);
         const width = Math.max(xOf(view, run.end) - left, 1);
-        const share = Math.min(1, (run.samples * view.timeline.periodNs) / Math.max(run.end - run.start, 1));
+        const share = Math.min(1, (run.samples * thread.sampleNs) / Math.max(run.end - run.start, 1));
         const height = Math.max(2, RUN_LANE.height * share);
         view.context.fillRect(left, top + RUN_LANE.top + RUN_LANE.height - height, width, height);
         if (width > NAME_LEAST) {

@@ -110,7 +110,7 @@ function groupTotals(timeline, threads) {
             totals[cell.group].ns += cell.ns;
         }
         totals[0].calls += thread.samples;
-        totals[0].ns += thread.samples * timeline.periodNs;
+        totals[0].ns += thread.samples * thread.sampleNs;
     }
     return totals;
 }
