@@ -330,3 +330,16 @@ def test_a_view_of_a_damaged_file_names_it(recorded, tmp_path, command):
     result = qelix(*command.split(), session)
     assert result.returncode == 1
     assert f"{path}: byte offset " in result.stderr
+
+
+def test_a_lock_that_holds_a_thread_for_good_comes_first(tmp_path):
+    start, ms, never = 1_000_000_000, 1_000_000, 2**64 - 1
+    process = Process(100).thread(100, "main", start).thread(101, "stuck", start)
+    process.lock(100, start, start + 5 * ms, 0x1000).lock(101, start + ms, never, 0x2000)
+    session = write_session(tmp_path / "session", process.thread_end(100, start + 101 * ms))
+    text = view("report", session)
+    lines = text[text.index("LOCKS YOU WAIT FOR"):].splitlines()
+    assert lines[1].split()[:2] == ["heap#2", "mutex"] and "1 100 ms" in " ".join(lines[1].split())
+    assert "1 thread never came back, after 100 ms at least" in lines[2]
+    assert [(row["lock"], row["totalNs"]) for row in rows("locks", session)] == [("heap#2", 100 * ms), ("heap#1", 5 * ms)]
+    assert f"qelix locks {session} 'heap#2'" in text

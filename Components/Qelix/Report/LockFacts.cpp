@@ -33,12 +33,6 @@ LockWaiter& WaiterOf(LockFacts* pLock, int32_t tid)
     return at != waiters.end() && at->m_tid == tid ? *at : *waiters.insert(at, {tid});
 }
 
-void AddWait(LockWaiter* pWaiter, uint64_t durationNs)
-{
-    pWaiter->m_totalNs = SaturatingAdd(pWaiter->m_totalNs, durationNs);
-    pWaiter->m_longestNs = std::max(pWaiter->m_longestNs, durationNs);
-}
-
 // Threads write their records in blocks, so these do not come in the order of their times.
 void NoteAcquirer(LockFacts* pLock, int32_t tid, uint64_t time)
 {
@@ -107,7 +101,9 @@ void AddLockCall(LockTable* pTable, const CallKind* pKind, const PthreadRecord& 
     }
     if (HasDuration(hdr))
     {
-        AddWait(&waiter, hdr.m_endTime - hdr.m_startTime);
+        const uint64_t duration = hdr.m_endTime - hdr.m_startTime;
+        waiter.m_totalNs = SaturatingAdd(waiter.m_totalNs, duration);
+        waiter.m_longestNs = std::max(waiter.m_longestNs, duration);
         lock.m_lastTime = std::max(lock.m_lastTime, hdr.m_endTime);
         if (IsHeldByOne(*pKind) && (call.m_body.m_retValue == 0 || call.m_body.m_retValue == EOWNERDEAD))
         {
@@ -118,21 +114,6 @@ void AddLockCall(LockTable* pTable, const CallKind* pKind, const PthreadRecord& 
     {
         DropShortest(pTable);
     }
-}
-
-void AddUnendedWait(LockTable* pTable, const LockKey& key, int32_t tid, uint64_t atLeastNs, uint64_t lastTime)
-{
-    const auto found = pTable->m_locks.find(key);
-    if (found == pTable->m_locks.end() || atLeastNs == 0)
-    {
-        return;
-    }
-    LockFacts& lock = found->second;
-    lock.m_calls.m_totalNs = SaturatingAdd(lock.m_calls.m_totalNs, atLeastNs);
-    lock.m_calls.m_longestNs = std::max(lock.m_calls.m_longestNs, atLeastNs);
-    AddDuration(&lock.m_calls.m_durations, atLeastNs);
-    AddWait(&WaiterOf(&lock, tid), atLeastNs);
-    lock.m_lastTime = std::max(lock.m_lastTime, lastTime);
 }
 
 int32_t LastAcquirer(const LockTable& table, uint64_t address, const CallKind* pKind)
@@ -147,6 +128,19 @@ int32_t LastAcquirer(const LockTable& table, uint64_t address, const CallKind* p
         }
     }
     return last.m_tid;
+}
+
+uint64_t WaitedNs(const LockFacts& lock)
+{
+    return SaturatingAdd(lock.m_calls.m_totalNs, lock.m_stuckNs);
+}
+
+void AddStuck(LockTable* pTable, uint64_t address, const CallKind* pKind, uint64_t nanoseconds)
+{
+    if (const auto found = pTable->m_locks.find(LockKey{address, pKind}); found != pTable->m_locks.end())
+    {
+        found->second.m_stuckNs = SaturatingAdd(found->second.m_stuckNs, nanoseconds);
+    }
 }
 
 std::vector<LockFacts> SettledLocks(LockTable* pTable, const MarkedPid& process)
@@ -168,8 +162,8 @@ std::vector<LockFacts> SettledLocks(LockTable* pTable, const MarkedPid& process)
 
 bool IsWorseLock(const LockFacts& a, const LockFacts& b)
 {
-    return std::tuple(b.m_calls.m_totalNs, a.m_process, a.m_address, a.m_pKind) <
-           std::tuple(a.m_calls.m_totalNs, b.m_process, b.m_address, b.m_pKind);
+    return std::tuple(WaitedNs(b), a.m_process, a.m_address, a.m_pKind) <
+           std::tuple(WaitedNs(a), b.m_process, b.m_address, b.m_pKind);
 }
 
 double MeanWaiters(const LockFacts& lock)

@@ -37,6 +37,7 @@ struct LockFacts
     std::string m_name; // of the variable; "heap#2" for the second one used of those that are in no variable
     bool m_isHeap = false;
     CallFacts m_calls;
+    uint64_t m_stuckNs = 0;            // of calls that never returned, as far as the process was seen
     std::vector<LockWaiter> m_waiters; // by thread id
     uint64_t m_firstTime = UINT64_MAX; // of a call
     int32_t m_firstTid = 0;            // who made it
@@ -71,17 +72,18 @@ struct LockTable
 
 void AddLockCall(LockTable* pTable, const CallKind* pKind, const PthreadRecord& call);
 
-// A wait that is in the table already and never ended counts as far as it was seen: what hangs is what is
-// looked for.
-void AddUnendedWait(LockTable* pTable, const LockKey& key, int32_t tid, uint64_t atLeastNs, uint64_t lastTime);
-
 // 0 when no record tells.
 int32_t LastAcquirer(const LockTable& table, uint64_t address, const CallKind* pKind);
+
+// What threads have lost to it, those that are stuck there included.
+uint64_t WaitedNs(const LockFacts& lock);
+
+void AddStuck(LockTable* pTable, uint64_t address, const CallKind* pKind, uint64_t nanoseconds);
 
 // Longest total first.
 std::vector<LockFacts> SettledLocks(LockTable* pTable, const MarkedPid& process);
 
-// The longest total first; equal ones in the order of their addresses.
+// The longest waited for first; equal ones in the order of their addresses.
 bool IsWorseLock(const LockFacts& a, const LockFacts& b);
 
 // How many waited at a time on average, from the first wait's start to the last one's end.

@@ -133,6 +133,7 @@ Json LockJson(const LockFacts& lock)
     json["name"] = lock.m_name;
     json["isHeap"] = lock.m_isHeap;
     json["firstTid"] = lock.m_firstTid;
+    json["stuckNs"] = lock.m_stuckNs;
     json["meanWaiters"] = MeanWaiters(lock);
     json["lastAcquirers"] = Json::array();
     for (const LockAcquirer& acquirer : lock.m_lastAcquirers)

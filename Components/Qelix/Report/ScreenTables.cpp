@@ -100,7 +100,7 @@ void WriteLockPeople(Lines out, const SessionFacts& session, const LockFacts& lo
     if (lock.m_calls.m_neverReturned != 0)
     {
         text += (text.empty() ? "" : "; ") + Plural(lock.m_calls.m_neverReturned, "thread", "threads") +
-                " never came back";
+                " never came back, after " + DurationText(lock.m_stuckNs) + " at least";
     }
     if (lock.m_isHeap && lock.m_firstTid != 0)
     {
@@ -238,11 +238,13 @@ void WriteLockTable(Lines out, const SessionFacts& session, const Screen& screen
     {
         const LockFacts& lock = session.m_locks[i];
         const CallFacts& calls = lock.m_calls;
+        const auto timeText = [&calls](uint64_t time) // of waits that are over
+        { return calls.m_durations.m_count == 0 ? "-" : DurationText(time); };
         fmt::format_to(out, "  {} {:<7} {:>7} {:>7} {:>7} {:>7} {:>7} {:>7.1f}\n",
                        Fitted(CutName(PrintableText(lock.m_name), nameWidth), nameWidth),
-                       ShortKind(*lock.m_pKind), calls.m_calls, DurationText(calls.m_totalNs),
-                       DurationText(MeanNs(calls)), DurationText(Percentile(calls.m_durations, 95)),
-                       DurationText(calls.m_longestNs), MeanWaiters(lock));
+                       ShortKind(*lock.m_pKind), calls.m_calls, DurationText(WaitedNs(lock)),
+                       timeText(MeanNs(calls)), timeText(Percentile(calls.m_durations, 95)),
+                       timeText(calls.m_longestNs), MeanWaiters(lock));
         WriteLockPeople(out, session, lock, screen);
     }
     if (session.m_lockCount > shown)

@@ -162,19 +162,7 @@ std::string FirstRankIn(const std::string& path)
     return first;
 }
 
-RecordedFiles FilesOfRun(const SessionRecord& record)
-{
-    RecordedFiles files{record.m_buildIds, record.m_machine.m_bootId, {}};
-    if (record.m_start)
-    {
-        files.m_startTime = static_cast<int64_t>(record.m_start->m_realtimeNs / 1'000'000'000);
-    }
-    return files;
-}
-
-} // namespace
-
-SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples, const SessionView& view)
+void RequireSession(const std::string& path)
 {
     std::error_code error;
     if (!std::filesystem::is_directory(TraceFolder(path), error))
@@ -190,6 +178,23 @@ SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples
         }
         throw NoSession(path);
     }
+}
+
+RecordedFiles FilesOfRun(const SessionRecord& record)
+{
+    RecordedFiles files{record.m_buildIds, record.m_machine.m_bootId, {}};
+    if (record.m_start)
+    {
+        files.m_startTime = static_cast<int64_t>(record.m_start->m_realtimeNs / 1'000'000'000);
+    }
+    return files;
+}
+
+} // namespace
+
+SessionFacts ReadSessionFacts(const std::string& path, const SampleView& samples, const SessionView& view)
+{
+    RequireSession(path);
     SessionFacts session;
     session.m_path = path;
     session.m_record = ReadSessionRecord(path);

@@ -100,11 +100,7 @@ void SettleNeverReturned(TraceGathering* pGathering)
             call.m_lastAcquirer = LastAcquirer(pGathering->m_locks, call.m_address, call.m_pKind);
         }
         AddToThread(&pGathering->m_process, call);
-        if (call.m_pKind->m_isLock)
-        {
-            AddUnendedWait(&pGathering->m_locks, {call.m_address, call.m_pKind}, call.m_tid, call.m_atLeastNs,
-                           end);
-        }
+        AddStuck(&pGathering->m_locks, call.m_address, call.m_pKind, call.m_atLeastNs);
     }
     std::sort(calls.begin(), calls.end(),
               [](const NeverReturned& a, const NeverReturned& b)

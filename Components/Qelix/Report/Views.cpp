@@ -13,6 +13,8 @@ namespace qelix
 namespace
 {
 
+constexpr std::size_t ZORV_TOTAL_OF_LOCKS = 4; // the column
+
 uint64_t IdOf(int64_t id)
 {
     return static_cast<uint64_t>(id);
@@ -173,6 +175,10 @@ Table LocksView(const SessionFacts& session)
         std::vector<Cell>& row =
             AddRow(&table, lock.m_name, std::string(lock.m_pKind->m_pName), IdOf(lock.m_process.m_pid));
         AddNumbers(&row, lock.m_calls);
+        if (lock.m_stuckNs != 0)
+        {
+            row[ZORV_TOTAL_OF_LOCKS] = WaitedNs(lock); // what is not over yet counts as far as it went
+        }
         row.emplace_back(MeanWaiters(lock));
         row.emplace_back(TextCell(AcquirersText(session, lock)));
         AddMark(&table, session, lock.m_process);
