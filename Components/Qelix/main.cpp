@@ -22,7 +22,8 @@ bool g_areFailuresJson = false;
 
 void PrintFullOutput()
 {
-    PrintFailure(Failure(ZORV_FAILURE_CANNOT_WRITE, "standard output cannot be written"));
+    PrintFailure(Failure(ZORV_FAILURE_CANNOT_WRITE,
+                         "standard output cannot be written; name another place for it, or make room"));
 }
 
 } // namespace

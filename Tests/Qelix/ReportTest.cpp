@@ -147,6 +147,7 @@ TEST_F(ReportTest, CallsThatNeverReturned)
     EXPECT_EQ(mutex["calls"], 2);
     EXPECT_EQ(mutex["neverReturned"], 1);
     EXPECT_EQ(mutex["totalNs"], 500);
+    EXPECT_EQ(report["locks"][0]["stuckNs"], 7000);
     EXPECT_NE(Text().find("calls that never returned"), std::string::npos);
 }
 

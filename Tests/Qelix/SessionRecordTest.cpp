@@ -37,6 +37,7 @@ SessionRecord FullRecord()
     record.m_end = ClockPair{UINT64_MAX, 4};
     record.m_budgetBytes = 1 << 20;
     record.m_isBudgetReached = true;
+    record.m_isStopped = true;
     record.m_buildIds = {{"/bin/prog", "0123"}};
     return record;
 }
@@ -81,6 +82,7 @@ TEST(SessionRecord, IsReadBack)
     EXPECT_EQ(read.m_end->m_monotonicNs, UINT64_MAX);
     EXPECT_EQ(read.m_budgetBytes, record.m_budgetBytes);
     EXPECT_TRUE(read.m_isBudgetReached);
+    EXPECT_TRUE(read.m_isStopped);
     EXPECT_EQ(read.m_buildIds, record.m_buildIds);
 }
 

@@ -26,7 +26,8 @@ def test_this_machine_can_be_recorded_on():
     tick = time.clock_getres(6) * 1e3
     assert f"{tick:.3g} ms" in subjects["sampling timers"]["text"]
     text = qelix("check").stdout
-    assert re.search(r"^ok    agent +/", text, re.MULTILINE)
+    assert re.search(r"^ok    agent\s+/", text, re.MULTILINE)
+    assert all(len(line) <= 80 or " " not in line[25:] for line in text.splitlines())
 
 
 def test_a_program_that_can_be_recorded():

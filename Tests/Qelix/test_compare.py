@@ -79,14 +79,23 @@ def test_shares_compare_runs_of_other_lengths(tmp_path):
     assert rows["wait", "lock"]["verdict"] == "worse"
 
 
+def fitting(*arguments):
+    """What a command prints, in one line: no line of it is wider than a usual screen."""
+    lines = qelix(*arguments).stdout.splitlines()
+    assert lines and max(map(len, lines)) <= 80
+    return " ".join(" ".join(lines).split())
+
+
 def test_the_forms_of_a_difference_agree(tmp_path):
     a, b = run(tmp_path / "a", ticks=400), run(tmp_path / "b", ticks=100)
     facts, _ = diff(a, b)
     rows = list(csv.DictReader(io.StringIO(qelix("diff", a, b, "--csv", "-n", "0").stdout)))
     assert [row["name"] for row in rows] == [row["name"] for row in facts["rows"]]
     assert [float(row["change"]) for row in rows] == pytest.approx([row["change"] for row in facts["rows"]])
-    text = qelix("diff", a, b, "-n", "1").stdout
+    text = fitting("diff", a, b, "-n", "1")
     assert "better" in text and f"and {len(rows) - 1} more" in text
+    fitting("diff", a, b)
+    fitting("diff", "--shares", a, b)
 
 
 def test_the_rows_of_a_difference_begin_with_the_largest_change(tmp_path):
@@ -145,7 +154,7 @@ def test_the_slowest_rank_and_what_explains_it(tmp_path):
     assert facts["overMeanNs"] == pytest.approx(375 * MS)
     third = facts["ranks"][2]
     assert (third["wallNs"], third["ioNs"], third["restNs"]) == (800 * MS, 600 * MS, 200 * MS)
-    text = qelix("ranks", tmp_path / "job").stdout
+    text = fitting("ranks", tmp_path / "job")
     assert "Rank 2 is the slowest: wall 800 ms" in text and "I/O explains it" in text
 
 

@@ -3,7 +3,10 @@
 import json
 import re
 
+import pytest
+
 from conftest import SUBJECT, qelix, report
+from made_session import Process, write_session
 
 CLASSES = ["pthread", "sleep", "wait", "lock", "io-sync", "io", "syscall"]
 
@@ -107,3 +110,24 @@ def test_what_is_no_session_is_refused_with_a_remedy(tmp_path):
     assert "there is no such directory" in qelix("report", tmp_path / "none").stderr
     listed = qelix("list", cwd=tmp_path)
     assert (listed.returncode, listed.stdout) == (0, "") and "no session in ." in listed.stderr
+
+
+@pytest.mark.parametrize("content, words", [
+    ("{", "it is damaged or none of qelix's"),
+    ("", "it is damaged or none of qelix's"),
+    ('{"version": 0}', "it is damaged or none of qelix's"),
+    ('{"version": 99, "command": ["later"]}', "its version is 99 and this qelix knows"),
+])
+def test_facts_of_the_run_that_cannot_be_understood_are_told(session, content, words):
+    write_session(session, Process(100).thread(100, "main", 1000).thread_end(100, 2000))
+    (session / "session.json").write_text(content)
+    result = qelix("report", session)
+    assert result.returncode == 0
+    assert f"session.json: {words}" in " ".join(result.stdout.split())
+
+
+def test_a_process_of_which_nothing_came_through_is_told(session):
+    result = qelix("report", write_session(session, Process(100)))
+    assert "killed: 1 process said no end" in result.stdout
+    blocked = qelix("blocked", session).stdout
+    assert "every recorded call returned" not in blocked and "qelix stop writes it" in " ".join(blocked.split())

@@ -57,12 +57,23 @@ def test_our_own_death_leaves_no_core(tmp_path):
     assert not list(tmp_path.glob("core*"))
 
 
+@pytest.mark.parametrize("start", [["run", "--"], ["record"], []])
 @pytest.mark.parametrize("name", ["no-such-program-at-all", "./missing", "/nonexistent/tool"])
-def test_a_program_that_is_not_there_is_127_and_leaves_nothing(tmp_path, name):
-    result = qelix("run", "--", name, cwd=tmp_path)
+def test_a_program_that_is_not_there_is_127_and_leaves_nothing(tmp_path, start, name):
+    result = qelix(*start, name, cwd=tmp_path)
     assert result.returncode == 127
     assert name in result.stderr
     assert not list(tmp_path.iterdir())
+
+
+@pytest.mark.parametrize("word, part", [
+    ("nonsense", 'no command and no program "nonsense"; qelix --help'),
+    ("reprot", "did you mean qelix report?"),
+    ("lock", "did you mean qelix locks?"),
+])
+def test_a_mistyped_command_is_a_program_that_is_not_there(tmp_path, word, part):
+    result = qelix(word, cwd=tmp_path)
+    assert result.returncode == 127 and part in result.stderr
 
 
 def test_a_program_that_is_not_executable_is_126(tmp_path):
@@ -78,7 +89,7 @@ def test_a_script_whose_interpreter_is_missing_is_127_and_leaves_nothing(tmp_pat
     script.write_text("#!/nonexistent/interpreter\n")
     script.chmod(0o755)
     result = qelix("run", "--", script, cwd=tmp_path)
-    assert result.returncode == 127
+    assert result.returncode == 127 and "/nonexistent/interpreter: No such file" in result.stderr
     assert "interpreter" in result.stderr
     assert list(tmp_path.iterdir()) == [script]
 
@@ -99,9 +110,6 @@ def test_a_script_without_an_interpreter_line_runs_as_in_a_shell(tmp_path, sessi
         (["run", "--threshold", "1x", "--", "true"], "1x is no whole number"),
         (["run", "--children", "--no-children", "--", "true"], "excludes"),
         (["run", "-o"], "-o"),
-        (["nonsense"], "no command and no program \"nonsense\"; qelix --help"),
-        (["reprot"], "did you mean qelix report?"),
-        (["lock"], "did you mean qelix locks?"),
         ([], "a command or a program is missing; qelix PROGRAM ARGS runs"),
         (["diff", "a"], "see qelix diff --help"),
         (["run", "--no-such-option", "true"], "--no-such-option"),
@@ -215,6 +223,26 @@ def test_children_are_recorded_unless_told_otherwise(tmp_path):
         session = tmp_path / str(index)
         qelix("run", *options, "-o", session, "--", "true")
         assert "QELIX_PROFILE_CHILDREN=1\n" in (session / "agent.conf").read_text()
+
+
+CHILDREN = """
+import os, subprocess, sys
+subprocess.run([sys.executable, "-c", "pass"])
+os.system("true; true")
+if os.fork() == 0:
+    os._exit(0)
+os.wait()
+"""
+
+
+def test_without_children_nothing_of_them_is_left(session):
+    assert qelix("record", "--no-children", "-o", session, *python(CHILDREN)).returncode == 0
+    for folder in ["trace", "sample", "metadata"]:
+        (path,) = (session / folder).iterdir()
+        assert path.stem.endswith(f"_{facts_of(session)['pid']}")
+    text = " ".join(qelix("report", session).stdout.split())
+    assert "1 process, " in text and "(children were not to be recorded)" in text
+    assert "no agent was seen" not in text
 
 
 def test_a_session_is_never_written_over(session):
@@ -525,7 +553,9 @@ def test_the_code_of_an_error_file_is_explained_and_we_live_to_do_it(session):
         (["run", "./missing"], "not-found", "check the path", "./missing"),
         (["run", "/etc/passwd"], "cannot-run", "check that it is a program and may be executed", "/etc/passwd"),
         (["run", "--min", "io=soon", "true"], "usage", "say it like 500ns, 10us, 1ms, 0 or off", None),
-        (["nonsense"], "usage", None, None),
+        (["nonsense"], "not-found", None, "nonsense"),
+        (["run", "--min", "disk", "true"], "usage", None, None),
+        (["export"], "usage", "say qelix export FORMAT DIR", None),
         (["run", "--nonsense", "true"], "usage", None, None),
         (["run", "no-such-program"], "not-found", "check its name or give its path", "no-such-program"),
         (["run", "-o", "/proc/nowhere", "true"], "cannot-write", "choose another with -o DIR", "/proc/nowhere/.log"),
@@ -548,6 +578,35 @@ def test_failures_can_be_read_by_machines(tmp_path, arguments, code, hint, path)
     assert failure["status"] == result.returncode
     assert hint is None or failure["hint"] == hint
     assert qelix(*arguments, "--errors=json", cwd=tmp_path).stderr.startswith("{" if arguments[0] != "run" else "qelix")
+
+
+def test_a_form_of_errors_that_is_not_known(tmp_path):
+    result = qelix("--errors=xml", "report", cwd=tmp_path)
+    assert result.returncode == 125 and 'no form "xml" of errors' in result.stderr
+
+
+def test_a_limit_on_files_that_stops_us_is_told_before_the_program_starts(tmp_path):
+    limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100))
+    result = qelix("run", "-o", "session", "echo", "started", cwd=tmp_path, preexec_fn=limit)
+    assert result.returncode == 125 and result.stdout == ""
+    assert "File too large" in result.stderr
+
+
+def test_records_that_a_limit_on_files_kept_away_are_told(session):
+    limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (100_000, 100_000))
+    result = qelix("run", "--no-sample", "--threshold", "0", "-o", session, SUBJECT, "count", "20000", preexec_fn=limit)
+    assert result.returncode == 0
+    assert "no record lost" not in result.stderr
+    assert "not written: " in result.stderr and "records are missing" in " ".join(result.stderr.split())
+
+
+@pytest.mark.parametrize("number", [signal.SIGUSR1, signal.SIGUSR2])
+def test_a_signal_for_the_program_reaches_it(session, number):
+    code = f"import signal, sys; signal.signal({number}, lambda *_: sys.exit(9)); print('ready', flush=True); signal.pause()"
+    process = subprocess.Popen([QELIX, "record", "-o", session, *python(code)], stdout=subprocess.PIPE)
+    assert process.stdout.readline() == b"ready\n"
+    process.send_signal(number)
+    assert process.wait(timeout=60) == 9
 
 
 def test_a_lost_session_only_warns_unless_strict(session):
@@ -578,3 +637,11 @@ def test_what_cannot_be_configured_is_refused_before_the_program_starts(tmp_path
 def test_the_word_behind_a_minimum_is_the_program(session):
     result = qelix("run", "-o", session, "--min", "io=1ms", "echo", "sleep=1")
     assert result.stdout == "sleep=1\n"
+
+
+def test_a_command_with_control_characters_does_not_reach_the_terminal(session):
+    assert qelix("record", "-o", session, "sh", "-c", "exit 0", "\x1b[31mred\nline").returncode == 0
+    for command in [["status", session], ["list", session.parent], ["report", session]]:
+        text = qelix(*command).stdout
+        assert "\x1b" not in text and "\nline" not in text
+        assert "\\x1b[31m" in text or command[0] == "report"

@@ -229,6 +229,10 @@ def test_a_duration_ends_the_recording_and_not_the_program(session):
     run.step()
     assert "the time to record is over" in run.finish()
     assert naps(session) == before
+    assert json.loads((session / "session.json").read_text())["isStopped"] is True
+    text = " ".join(qelix("report", session).stdout.split())
+    assert "stopped: the recording ended before 1 process did" in text
+    assert "killed: " not in text and "never returned" not in text
 
 
 def test_a_budget_pauses_the_recording_and_says_so(session):
@@ -285,7 +289,7 @@ def test_a_daemon_is_recorded_on_and_can_be_stopped(session, tmp_path):
     result = qelix("record", "-o", session, "/usr/bin/python3", "-c", DAEMON, end)
     try:
         assert result.returncode == 0
-        assert "goes on and recording" in result.stderr and f"qelix stop {session}" in result.stderr
+        assert "1 process of the session still runs and is recorded" in result.stderr and f"qelix stop {session}" in result.stderr
         assert json.loads(qelix("status", "--json", session).stdout)["liveProcesses"] == 1
         block = "/dev/shm" + json.loads((session / "session.json").read_text())["block"]
         launcher = int(re.search(r"LAUNCH_PROCESS_ID=(\d+)", (session / "agent.conf").read_text()).group(1))

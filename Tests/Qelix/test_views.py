@@ -6,6 +6,7 @@ import io
 import json
 import os
 import pty
+import shutil
 import struct
 import subprocess
 import termios
@@ -294,6 +295,41 @@ def test_columns_are_sorted_by_either_of_their_names(session):
     by_key = qelix("waits", session, "--sort", "longestNs", "--csv").stdout
     assert len(by_key.splitlines()) > 2
     assert qelix("waits", session, "--sort", "longest", "--csv").stdout == by_key
+
+
+def test_the_report_has_the_options_of_a_view(recorded):
+    as_csv = list(csv.DictReader(io.StringIO(view("report", recorded, "--csv", "--sort", "tid"))))
+    ids = [int(row["tid"]) for row in as_csv]
+    assert ids == sorted((row["tid"] for row in rows("threads", recorded)), reverse=True)
+    assert len(view("report", recorded, "--csv", "-n", "2").splitlines()) == 3
+    one = view("report", recorded, "-n", "1").split("WHERE THE TIME WENT")[1].split("\n\n")[0].splitlines()
+    assert len(one) == 3 and one[2].startswith("  and ")
+    by_name = view("report", recorded, "--sort", "thread").split("WHERE THE TIME WENT")[1].splitlines()[1:3]
+    assert by_name == sorted(by_name)
+    assert "more" not in view("report", recorded, "-n", "0")
+    assert "there is no column" in qelix("report", recorded, "--sort", "beauty").stderr
+
+
+@pytest.mark.parametrize("command", [["threads"], ["report"], ["diff", "other"]])
+def test_a_number_of_rows_that_is_none(recorded, command):
+    result = qelix(*command, recorded, "-n", "-1")
+    assert result.returncode == 125 and "-1 is no whole number" in result.stderr
+
+
+@pytest.mark.parametrize("form", [[], ["--tree"], ["--lines"], ["--json"], ["--csv"]])
+def test_functions_of_a_thread_that_burnt_nothing(recorded, form):
+    assert "queue" not in view("cpu", recorded, *form, "--thread", "nobody")
+
+
+@pytest.mark.parametrize("command", [*VIEWS, "cpu --thread=*", "symbols"])
+def test_a_view_of_a_damaged_file_names_it(recorded, tmp_path, command):
+    session = tmp_path / "session"
+    shutil.copytree(recorded, session)
+    (path,) = (session / "metadata").iterdir()
+    path.write_bytes(path.read_bytes()[:-3])
+    result = qelix(*command.split(), session)
+    assert result.returncode == 1
+    assert f"{path}: byte offset " in result.stderr
 
 
 def test_a_lock_that_holds_a_thread_for_good_comes_first(tmp_path):

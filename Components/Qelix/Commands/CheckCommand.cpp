@@ -1,4 +1,5 @@
 #include "Commands/Commands.h"
+#include "Report/Screen.h"
 #include "Session/Failure.h"
 #include "Session/MachineCheck.h"
 
@@ -6,6 +7,7 @@
 #include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <unistd.h>
 
 namespace qelix
 {
@@ -25,7 +27,9 @@ std::string CheckText(const std::vector<CheckLine>& lines)
     std::string text;
     for (const CheckLine& line : lines)
     {
-        text += fmt::format("{:<4}  {:<17}  {}\n", g_marks[line.m_mark], line.m_subject, line.m_text);
+        const std::string head = fmt::format("{:<4}  {:<17}  ", g_marks[line.m_mark], line.m_subject);
+        text +=
+            Wrapped(head + line.m_text, ScreenOf(STDOUT_FILENO).m_width, std::string(head.size(), ' ')) + '\n';
     }
     return text;
 }

@@ -15,6 +15,7 @@ namespace
 {
 
 constexpr const char* ZORV_BARE_COMMAND = "run";
+constexpr std::string_view ZORV_ERROR_FORM = "--errors=";
 constexpr const char* g_runners[] = {ZORV_BARE_COMMAND,
                                      "record"}; // whose own words end where the program begins
 
@@ -44,7 +45,7 @@ bool IsBareProgram(const CLI::App& app, const std::string& word)
 
 void InsertBareCommand(const CLI::App& app, std::vector<std::string>* pArguments)
 {
-    const auto isOurs = [](const std::string& word) { return word.starts_with("--errors="); };
+    const auto isOurs = [](const std::string& word) { return word.starts_with(ZORV_ERROR_FORM); };
     const auto first = std::find_if_not(pArguments->begin(), pArguments->end(), isOurs);
     if (first != pArguments->end() && IsBareProgram(app, *first))
     {
@@ -89,9 +90,18 @@ bool TakeErrorForm(std::vector<std::string>* pArguments)
     bool isJson = false;
     const auto isForm = [&isJson](const std::string& word)
     {
-        const bool isFound = word == "--errors=json" || word == "--errors=text";
-        isJson = isFound ? word == "--errors=json" : isJson;
-        return isFound;
+        if (!word.starts_with(ZORV_ERROR_FORM))
+        {
+            return false;
+        }
+        const std::string form = word.substr(ZORV_ERROR_FORM.size());
+        isJson = form == "json";
+        if (!isJson && form != "text")
+        {
+            throw Failure(ZORV_FAILURE_USAGE, "there is no form \"{}\" of errors; say --errors=text or json",
+                          form);
+        }
+        return true;
     };
     std::erase_if(*pArguments, isForm);
     return isJson;
@@ -180,11 +190,12 @@ void RequireCommand(const CLI::App& app, const CommandLine& line)
                       "a command or a program is missing; qelix PROGRAM ARGS runs a program and reports on it, "
                       "qelix --help lists the commands");
     }
-    const std::string& word = line.m_own.front();
+    const std::string& word = line.m_own.front(); // most likely a program, as behind "run"
     const std::string near = NearestCommand(app, word);
-    throw Failure(ZORV_FAILURE_USAGE,
+    throw Failure(ZORV_FAILURE_NOT_FOUND,
                   "there is no command and no program \"{}\"; {}qelix --help lists the commands", word,
-                  near.empty() ? "" : fmt::format("did you mean qelix {}? ", near));
+                  near.empty() ? "" : fmt::format("did you mean qelix {}? ", near))
+        .At(word);
 }
 
 } // namespace qelix

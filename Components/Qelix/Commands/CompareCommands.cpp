@@ -1,13 +1,16 @@
 #include "Commands/Commands.h"
 #include "Commands/Pager.h"
+#include "Commands/WholeNumbers.h"
 #include "Compare/Difference.h"
 #include "Compare/Merge.h"
 #include "Compare/Ranks.h"
+#include "Report/TextParts.h"
 #include "Session/Failure.h"
 
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <sstream>
+#include <unistd.h>
 
 namespace qelix
 {
@@ -47,7 +50,8 @@ void AddTableOptions(CLI::App* pCommand, TableOptions* pOptions, std::size_t mos
 {
     pOptions->m_most = most;
     pCommand->add_option("-n", pOptions->m_most, fmt::format("Rows shown, 0 for all; {} without", most))
-        ->type_name("COUNT");
+        ->type_name("COUNT")
+        ->check(CheckWhole);
     CLI::Option* pJson = pCommand->add_flag("--json", pOptions->m_isJson, "The table as one JSON object");
     pCommand->add_flag("--csv", pOptions->m_isCsv, "The table as CSV, a line a row")->excludes(pJson);
 }
@@ -71,10 +75,10 @@ int Diff(const DiffOptions& options)
     const std::vector<Measures> a = MeasureRuns(options.m_a, options.m_areShares, &isDamaged);
     const std::vector<Measures> b = MeasureRuns(options.m_b, options.m_areShares, &isDamaged);
     const Difference difference = Compare(a, b, options.m_areShares);
-    const auto form = options.m_table.m_isJson  ? DifferenceJson
-                      : options.m_table.m_isCsv ? DifferenceCsv
-                                                : DifferenceText;
-    PrintPaged(form(difference, options.m_table.m_most));
+    const std::size_t most = options.m_table.m_most;
+    PrintPaged(options.m_table.m_isJson  ? DifferenceJson(difference, most)
+               : options.m_table.m_isCsv ? DifferenceCsv(difference, most)
+                                         : DifferenceText(difference, most, ScreenOf(STDOUT_FILENO)));
     if (isDamaged)
     {
         PrintNote("a file is damaged and was compared as far as it can be read; qelix report says which");
@@ -97,16 +101,18 @@ int Merge(const MergeOptions& options)
     {
         PrintNote(warning);
     }
-    PrintNote(fmt::format("{} sessions with {} files are one now: qelix report {}", result.m_sessions,
-                          result.m_files, result.m_path));
+    PrintNote(fmt::format("made of {} with {} files: qelix report {}",
+                          Plural(result.m_sessions, "session", "sessions"), result.m_files, result.m_path));
     return 0;
 }
 
 int ShowRanks(const RanksOptions& options)
 {
     const RankTable table = TableOf(ReadRanks(SessionsAt(options.m_job)));
-    const auto form = options.m_table.m_isJson ? RanksJson : options.m_table.m_isCsv ? RanksCsv : RanksText;
-    PrintPaged(form(table, options.m_table.m_most));
+    const std::size_t most = options.m_table.m_most;
+    PrintPaged(options.m_table.m_isJson  ? RanksJson(table, most)
+               : options.m_table.m_isCsv ? RanksCsv(table, most)
+                                         : RanksText(table, most, ScreenOf(STDOUT_FILENO)));
     return 0;
 }
 

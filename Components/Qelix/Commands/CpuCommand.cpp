@@ -35,6 +35,13 @@ void RequireTreeOrder(const CpuOptions& options)
     }
 }
 
+// Nothing is left out; what a filter leaves nothing of is an answer, too.
+bool IsWholeSession(const FilterOptions& filter)
+{
+    return filter.m_threads.empty() && filter.m_processes.empty() && filter.m_classes.empty() &&
+           filter.m_time.empty();
+}
+
 Table CpuTable(const SessionFacts& session, const CpuOptions& options)
 {
     if (!options.m_isTree)
@@ -59,15 +66,8 @@ void Print(Table table, TableOptions options)
     PrintTable(std::move(table), options);
 }
 
-Failure NoSamples(const SessionFacts& session, const FilterOptions& filter)
+Failure NoSamples(const SessionFacts& session)
 {
-    const bool isFiltered = !filter.m_threads.empty() || !filter.m_processes.empty() || !filter.m_time.empty();
-    if (isFiltered)
-    {
-        return Failure(ZORV_FAILURE_NO_DATA, "{} has no samples of what was asked for; leave filters out",
-                       session.m_path)
-            .At(session.m_path);
-    }
     if (session.m_settings.m_intervalNs.value_or(0) == 0)
     {
         return Failure(ZORV_FAILURE_NO_DATA,
@@ -93,23 +93,23 @@ int Cpu(CpuOptions options)
                                                    .m_withLines = options.m_isByLine,
                                                    .m_withAgentFrames = options.m_withAgentFrames},
                                                   view);
-    if (SampleCount(session) == 0)
+    if (SampleCount(session) == 0 && IsWholeSession(options.m_filter))
     {
-        throw NoSamples(session, options.m_filter);
+        throw NoSamples(session);
     }
     if (options.m_isTree && !options.m_table.m_rows)
     {
         options.m_table.m_rows = 0; // a tree that is cut off after some rows misleads
     }
     Print(CpuTable(session, options), options.m_table);
-    return IsDamaged(session) ? ZORV_STATUS_DAMAGED : 0;
+    return ToldStatusOf(session);
 }
 
 int Symbols(const CpuOptions& options)
 {
     const SessionFacts session = ReadSessionFacts(SessionOr(options.m_session));
     Print(SymbolsView(session), options.m_table);
-    return IsDamaged(session) ? ZORV_STATUS_DAMAGED : 0;
+    return ToldStatusOf(session);
 }
 
 } // namespace

@@ -193,7 +193,7 @@ int Export(const ExportOptions& options)
     const bool isNamed = !options.m_to.empty();
     if ((options.m_first.empty() && !isNamed) || (isNamed && !options.m_second.empty()))
     {
-        throw Failure(ZORV_FAILURE_USAGE, "say what to export, and as what: qelix export FORMAT DIR");
+        throw Failure(ZORV_FAILURE_USAGE, "no format to export to; say qelix export FORMAT DIR");
     }
     const std::string session = SessionOr(isNamed ? options.m_first : options.m_second);
     const ExportFormat& format = FormOf(FormatOf(isNamed ? options.m_to : options.m_first), options);

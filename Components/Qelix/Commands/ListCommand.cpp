@@ -1,5 +1,7 @@
 #include "Commands/Commands.h"
 #include "Commands/Pager.h"
+#include "Reader/RecordNames.h"
+#include "Report/Screen.h"
 #include "Session/Failure.h"
 #include "Session/SessionProcesses.h"
 #include "Session/SessionSearch.h"
@@ -83,8 +85,9 @@ void TakeSessions(const std::string& folder, bool isJob, std::vector<ListedSessi
 
 std::string ProgramOf(const SessionTarget& session)
 {
-    return session.m_record.m_command.empty() ? "-"
-                                              : fmt::format("{}", fmt::join(session.m_record.m_command, " "));
+    return session.m_record.m_command.empty()
+               ? "-"
+               : PrintableText(fmt::format("{}", fmt::join(session.m_record.m_command, " ")));
 }
 
 std::string ListText(const std::vector<ListedSession>& sessions, const std::string& folder)
@@ -97,7 +100,7 @@ std::string ListText(const std::vector<ListedSession>& sessions, const std::stri
         localtime_r(&session.m_start, &local);
         text += fmt::format("{:%Y-%m-%d %H:%M:%S}  {:>10}  {}  {}: {}\n", local, SizeText(session.m_bytes),
                             fs::relative(session.m_target.m_path, folder).string(),
-                            ProgramOf(session.m_target).substr(0, longest),
+                            CutTo(ProgramOf(session.m_target), longest),
                             StateText(session.m_target, session.m_state));
     }
     return text;

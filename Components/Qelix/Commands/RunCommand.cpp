@@ -54,8 +54,9 @@ void LeaveToProcesses(const std::string& sessionPath, ControlBlock* pBlock, Laun
         return;
     }
     pBlock->m_isLeft = pStandIn->m_isLeft = true;
-    PrintNote(fmt::format("{} of the session {} on and recording; qelix stop {} ends that", left,
-                          left == 1 ? "process goes" : "processes go", sessionPath));
+    PrintNote(fmt::format("{} of the session still {} and {} recorded; qelix stop {} ends that",
+                          left == 1 ? "1 process" : fmt::format("{} processes", left),
+                          left == 1 ? "runs" : "run", left == 1 ? "is" : "are", sessionPath));
 }
 
 // The block, the stand-in and the watch live exactly as long as the program. What a qelix that is killed leaves
@@ -85,6 +86,7 @@ void RunUnderAgent(const RunOptions& options, const RunPlan& plan, const Session
         WaitForProgram(pRecord->m_programPid, guard, [&overseer] { return Oversee(&overseer); });
     pRecord->m_end = ReadClocks();
     pRecord->m_isBudgetReached = overseer.m_isBudgetReached;
+    pRecord->m_isStopped = CollectionStateOf(block.m_name) == ZORV_COLLECTION_STOPPED;
     if (!overseer.m_writers.empty())
     {
         pRecord->m_writerCpuNs = SumOf(overseer.m_writers);
@@ -124,6 +126,10 @@ bool FinishSession(const std::string& sessionPath, SessionRecord* pRecord, bool 
 {
     try
     {
+        if (!pRecord->m_profileChildren)
+        {
+            RemoveRecordsOfOthers(sessionPath, pRecord->m_programPid);
+        }
         pRecord->m_buildIds = BuildIdsOfModules(MetadataFolder(sessionPath));
         const bool isNoted = WriteSessionRecord(sessionPath, *pRecord);
         if (!isNoted)

@@ -1,5 +1,6 @@
 #include "Commands/RunOptions.h"
 
+#include "Commands/WholeNumbers.h"
 #include "Report/Report.h"
 #include "Session/CounterEvents.h"
 #include "Session/Durations.h"
@@ -8,7 +9,6 @@
 #include "Session/Sizes.h"
 
 #include <CLI/CLI.hpp>
-#include <charconv>
 #include <csignal>
 
 namespace qelix
@@ -26,19 +26,6 @@ constexpr uint64_t ZORV_LARGEST_DEPTH = 4000;
 
 // The last real-time signals: the first ones are what C libraries and runtimes take for themselves.
 constexpr int ZORV_SIGNALS_BEHIND = 3;
-
-std::optional<uint64_t> ParseWhole(const std::string& text)
-{
-    uint64_t value;
-    const auto [pEnd, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return error == std::errc() && pEnd == text.data() + text.size() ? std::optional(value) : std::nullopt;
-}
-
-// The library's own conversion takes "-5" for a very large number.
-std::string CheckWhole(const std::string& text)
-{
-    return ParseWhole(text) ? "" : fmt::format("{} is no whole number from 0 to {}", text, UINT64_MAX);
-}
 
 std::string CheckDepth(const std::string& text)
 {

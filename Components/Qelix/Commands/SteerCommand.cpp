@@ -1,5 +1,6 @@
 // pause, resume, stop: steer a session while it runs. status: what it is doing.
 #include "Commands/Commands.h"
+#include "Reader/RecordNames.h"
 #include "Session/AgentReports.h"
 #include "Session/ControlBlock.h"
 #include "Session/Failure.h"
@@ -116,7 +117,7 @@ std::string StatusText(const SessionTarget& session, SessionState state)
     std::string text = fmt::format("session  {}\n", session.m_path);
     if (!session.m_record.m_command.empty())
     {
-        text += fmt::format("program  {}", fmt::join(session.m_record.m_command, " "));
+        text += "program  " + PrintableText(fmt::format("{}", fmt::join(session.m_record.m_command, " ")));
         text += session.m_record.m_programPid > 0
                     ? fmt::format(" (process {})\n", session.m_record.m_programPid)
                     : "\n";

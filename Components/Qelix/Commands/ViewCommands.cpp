@@ -79,7 +79,7 @@ int View(const ViewForm& form, ViewOptions options)
     const SessionFacts session = ReadSessionFacts(SessionOr(options.m_directory), {}, view);
     PrintTable(options.m_lock.empty() ? form.m_view(session) : LockView(session, options.m_lock),
                options.m_table);
-    return IsDamaged(session) ? ZORV_STATUS_DAMAGED : 0;
+    return ToldStatusOf(session);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "Commands/Commands.h"
 #include "Commands/Pager.h"
+#include "Commands/WholeNumbers.h"
 #include "Session/Durations.h"
 #include "Session/Failure.h"
 
@@ -82,12 +83,12 @@ void AddFilterOptions(CLI::App* pApp, FilterOptions* pOptions)
         ->type_name("FROM..TO");
 }
 
-void AddTableOptions(CLI::App* pApp, TableOptions* pOptions)
+void AddTableOptions(CLI::App* pApp, TableOptions* pOptions, const TableHelp& help)
 {
-    pApp->add_option("--sort", pOptions->m_sort, "The column to sort by, as CSV names it")->type_name("COLUMN");
-    pApp->add_option("-n", pOptions->m_rows, "Rows of the text (20); 0: all")->type_name("COUNT");
-    CLI::Option* pJson = pApp->add_flag("--json", pOptions->m_isJson, "One JSON object");
-    pApp->add_flag("--csv", pOptions->m_isCsv, "Comma-separated values")->excludes(pJson);
+    pApp->add_option("--sort", pOptions->m_sort, help.m_pSort)->type_name("COLUMN");
+    pApp->add_option("-n", pOptions->m_rows, help.m_pRows)->type_name("COUNT")->check(CheckWhole);
+    CLI::Option* pJson = pApp->add_flag("--json", pOptions->m_isJson, help.m_pJson);
+    pApp->add_flag("--csv", pOptions->m_isCsv, help.m_pCsv)->excludes(pJson);
 }
 
 RecordFilter FilterOf(const FilterOptions& options)
@@ -118,6 +119,22 @@ void PrintTable(Table table, const TableOptions& options)
     PrintPaged(options.m_isJson  ? TableJson(table)
                : options.m_isCsv ? TableCsv(table)
                                  : TableText(table, ScreenOf(STDOUT_FILENO)));
+}
+
+int ToldStatusOf(const SessionFacts& session)
+{
+    for (const ProcessFacts& process : session.m_processes)
+    {
+        for (const std::optional<Damage>& damage :
+             {process.m_trace.m_damage, process.m_samples.m_damage, process.m_mapDamage})
+        {
+            if (damage)
+            {
+                PrintDamage(*damage);
+            }
+        }
+    }
+    return IsDamaged(session) ? ZORV_STATUS_DAMAGED : 0;
 }
 
 std::string SessionOr(const std::string& directory)

@@ -35,12 +35,24 @@ struct TableOptions
     bool m_isCsv = false;
 };
 
+// What the help says of them.
+struct TableHelp
+{
+    const char* m_pSort = "The column to sort by, as CSV names it";
+    const char* m_pRows = "Rows of the text (20); 0: all";
+    const char* m_pJson = "One JSON object";
+    const char* m_pCsv = "Comma-separated values";
+};
+
 void AddFilterOptions(CLI::App* pApp, FilterOptions* pOptions);
-void AddTableOptions(CLI::App* pApp, TableOptions* pOptions);
+void AddTableOptions(CLI::App* pApp, TableOptions* pOptions, const TableHelp& help = {});
 
 // Each fails when a text cannot be understood.
 RecordFilter FilterOf(const FilterOptions& options);
 void PrintTable(Table table, const TableOptions& options);
+
+// Says on standard error what of the session's files cannot be read, and the status to leave with.
+int ToldStatusOf(const SessionFacts& session);
 
 // The directory when it is one of a session, else the newest session here.
 std::string SessionOr(const std::string& directory);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Compare/Statistics.h"
+#include "Report/Screen.h"
 #include "Report/SessionFacts.h"
 
 #include <cstdint>
@@ -71,7 +72,7 @@ double ChangeOf(const DifferenceRow& row);
 double NoiseOf(const DifferenceRow& row);
 
 // The forms; `most` rows, 0: all.
-std::string DifferenceText(const Difference& difference, std::size_t most);
+std::string DifferenceText(const Difference& difference, std::size_t most, const Screen& screen);
 std::string DifferenceJson(const Difference& difference, std::size_t most);
 std::string DifferenceCsv(const Difference& difference, std::size_t most);
 

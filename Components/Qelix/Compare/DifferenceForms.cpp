@@ -16,8 +16,6 @@ namespace
 
 using Json = nlohmann::ordered_json;
 
-constexpr std::size_t ZORV_WIDEST_NAME = 60;
-
 std::size_t RowsShown(const Difference& difference, std::size_t most)
 {
     return most == 0 ? difference.m_rows.size() : std::min(most, difference.m_rows.size());
@@ -49,15 +47,28 @@ std::string PartText(const DifferenceRow& row)
                                           : fmt::format("{:+.1f} %", 100 * ChangeOf(row) / before);
 }
 
-std::string RowText(const Difference& difference, const DifferenceRow& row)
+// A row's own part of the line, in front of the name.
+std::string Columns(const Difference& difference, const char* pVerdict, const std::string& a,
+                    const std::string& b, const std::string& change, const std::string& noise,
+                    const std::string& part, const char* pKind)
 {
+    const std::size_t width = difference.m_isOfShares ? 8 : 7; // "100.00 %", "1.25 ms"
+    return fmt::format("  {:<6} {:>{}} {:>{}} {:>{}} {:>{}} {:>8}  {:<8} ", pVerdict, a, width, b, width,
+                       change, width + 1, noise, width + 1, part, pKind);
+}
+
+// The place, of a row that has room for it.
+std::string RowText(const Difference& difference, const DifferenceRow& row, const Screen& screen)
+{
+    const std::string columns =
+        Columns(difference, VerdictName(row.m_verdict), ValueText(difference, row.m_a.m_mean),
+                ValueText(difference, row.m_b.m_mean), ChangeText(difference, ChangeOf(row)),
+                "±" + ValueText(difference, NoiseOf(row)), PartText(row), row.m_key.m_kind.c_str());
+    const std::size_t room = screen.m_width - std::min(screen.m_width, WidthOf(columns));
+    const std::string name = CutName(PrintableText(row.m_key.m_name), room);
     const std::string place =
         row.m_key.m_place.empty() ? "" : fmt::format("  ({})", PrintableText(row.m_key.m_place));
-    const std::string name = CutName(PrintableText(row.m_key.m_name), ZORV_WIDEST_NAME);
-    return fmt::format("  {:<6} {:>10} {:>10} {:>11} {:>9} {:>8}  {:<8} {}{}\n", VerdictName(row.m_verdict),
-                       ValueText(difference, row.m_a.m_mean), ValueText(difference, row.m_b.m_mean),
-                       ChangeText(difference, ChangeOf(row)), "±" + ValueText(difference, NoiseOf(row)),
-                       PartText(row), row.m_key.m_kind, name, place);
+    return columns + name + (WidthOf(name) + WidthOf(place) <= room ? place : "") + '\n';
 }
 
 Json SideJson(const Estimate& estimate, double count, const char* pUnit)
@@ -67,7 +78,7 @@ Json SideJson(const Estimate& estimate, double count, const char* pUnit)
 
 } // namespace
 
-std::string DifferenceText(const Difference& difference, std::size_t most)
+std::string DifferenceText(const Difference& difference, std::size_t most, const Screen& screen)
 {
     const auto told =
         std::count_if(difference.m_rows.begin(), difference.m_rows.end(),
@@ -77,12 +88,11 @@ std::string DifferenceText(const Difference& difference, std::size_t most)
                     fmt::format("{} run{}", difference.m_runsA, difference.m_runsA == 1 ? "" : "s"),
                     fmt::format("{} run{}", difference.m_runsB, difference.m_runsB == 1 ? "" : "s"),
                     difference.m_rows.size(), told);
-    text += fmt::format("\n  {:<6} {:>10} {:>10} {:>11} {:>9} {:>8}  {:<8} {}\n", "", "A", "B", "change",
-                        "noise", "", "what", "name");
+    text += '\n' + Columns(difference, "", "A", "B", "change", "noise", "", "what") + "name\n";
     const std::size_t shown = RowsShown(difference, most);
     for (std::size_t i = 0; i < shown; ++i)
     {
-        text += RowText(difference, difference.m_rows[i]);
+        text += RowText(difference, difference.m_rows[i], screen);
     }
     if (shown < difference.m_rows.size())
     {
@@ -90,9 +100,12 @@ std::string DifferenceText(const Difference& difference, std::size_t most)
     }
     if (std::max(difference.m_runsA, difference.m_runsB) == 1)
     {
-        text += "\nThe noise is that of the samples and waits within a run. Runs differ by more than that: "
-                "give several "
-                "of each,\nDIR,DIR,..., and their spread counts.\n";
+        text +=
+            '\n' +
+            Wrapped("The noise is that of the samples and waits within a run. Runs differ by more than that: "
+                    "give several of each, DIR,DIR,..., and their spread counts.",
+                    screen.m_width, "") +
+            '\n';
     }
     return text;
 }

@@ -41,10 +41,10 @@ std::string TimeText(double nanoseconds)
 
 template <typename F> void WriteRow(Lines out, const std::string& label, const RankTable& table, F cell)
 {
-    fmt::format_to(out, "  {:<10}", label);
+    fmt::format_to(out, "  {:<11}", label);
     for (std::size_t column = 0; column < table.m_columns.size(); ++column)
     {
-        fmt::format_to(out, " {:>9}", cell(column));
+        fmt::format_to(out, " {:>7}", cell(column));
     }
     fmt::format_to(out, "\n");
 }
@@ -78,12 +78,12 @@ std::string ExplanationText(const RankTable& table)
     const RankSummary* pRank = FindRank(table, table.m_explainedRank);
     if (table.m_explaining < 0 || pRank == nullptr)
     {
-        return text + ".\n";
+        return text + '.';
     }
     const char* pTitle = FormOf(static_cast<TimeKind>(table.m_explaining)).m_pTitle;
     text += table.m_isBalanced ? fmt::format("; most unequal is {}", pTitle)
                                : fmt::format(". {} explains it", pTitle);
-    return text + fmt::format(": rank {} has {}, {} over the mean{}.\n", pRank->m_rank,
+    return text + fmt::format(": rank {} has {}, {} over the mean{}.", pRank->m_rank,
                               DurationText(pRank->m_timeNs[table.m_explaining]), TimeText(table.m_overMeanNs),
                               CulpritText(*pRank, table.m_explaining));
 }
@@ -115,7 +115,7 @@ Json RankJson(const RankTable& table, const RankSummary& rank)
 
 } // namespace
 
-std::string RanksText(const RankTable& table, std::size_t most)
+std::string RanksText(const RankTable& table, std::size_t most, const Screen& screen)
 {
     std::string text;
     const Lines out(text);
@@ -133,11 +133,16 @@ std::string RanksText(const RankTable& table, std::size_t most)
              [&](std::size_t column) { return TimeText(table.m_columns[column].m_meanNs); });
     WriteRow(out, "max/mean", table,
              [&](std::size_t column) { return fmt::format("{:.2f}", Imbalance(table.m_columns[column])); });
-    WriteRow(out, "max is", table,
-             [&](std::size_t column) { return fmt::format("rank {}", table.m_columns[column].m_mostRank); });
-    fmt::format_to(
-        out, "\n{}wall: from the rank's first record to its last; the others: of all its threads together\n",
-        ExplanationText(table));
+    WriteRow(out, "max is rank", table,
+             [&](std::size_t column)
+             {
+                 const RankColumn& times = table.m_columns[column];
+                 return times.m_mostNs == 0 ? "-" : fmt::format("{}", times.m_mostRank);
+             });
+    constexpr const char* pMeaning =
+        "wall: from the rank's first record to its last; the others: of all its threads together";
+    fmt::format_to(out, "\n{}\n{}\n", Wrapped(ExplanationText(table), screen.m_width, "  "),
+                   Wrapped(pMeaning, screen.m_width, "  "));
     return text;
 }
 

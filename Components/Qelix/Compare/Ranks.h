@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Compare/RankSummary.h"
+#include "Report/Screen.h"
 
 #include <string>
 #include <vector>
@@ -38,7 +39,7 @@ std::vector<RankSummary> ReadRanks(const std::vector<std::string>& sessions);
 RankTable TableOf(std::vector<RankSummary> ranks);
 
 // The forms; of the ranks the `most` longest ones, 0: all.
-std::string RanksText(const RankTable& table, std::size_t most);
+std::string RanksText(const RankTable& table, std::size_t most, const Screen& screen);
 std::string RanksJson(const RankTable& table, std::size_t most);
 std::string RanksCsv(const RankTable& table, std::size_t most);
 

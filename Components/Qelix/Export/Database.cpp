@@ -9,16 +9,21 @@ namespace qelix
 namespace
 {
 
-void Require(bool isDone, sqlite3* pDatabase)
+void RequireAt(bool isDone, sqlite3* pDatabase, const std::string& path)
 {
     if (!isDone)
     {
-        const char* pPath = pDatabase == nullptr ? nullptr : sqlite3_db_filename(pDatabase, nullptr);
-        throw Failure(ZORV_FAILURE_CANNOT_WRITE, "the database {} cannot be written: {}",
-                      pPath == nullptr ? "" : pPath,
+        throw Failure(ZORV_FAILURE_CANNOT_WRITE,
+                      "the database {} cannot be written: {}; choose another file with -o FILE", path,
                       pDatabase == nullptr ? "out of memory" : sqlite3_errmsg(pDatabase))
-            .At(pPath == nullptr ? "" : pPath);
+            .At(path);
     }
+}
+
+void Require(bool isDone, sqlite3* pDatabase)
+{
+    const char* pPath = sqlite3_db_filename(pDatabase, nullptr);
+    RequireAt(isDone, pDatabase, pPath == nullptr ? "" : pPath);
 }
 
 struct Binder
@@ -60,7 +65,7 @@ Database MakeDatabase(const std::string& path)
     const int status = sqlite3_open_v2(
         path.c_str(), &pRaw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     Database pDatabase(pRaw);
-    Require(status == SQLITE_OK, pRaw);
+    RequireAt(status == SQLITE_OK, pRaw, path);
     Execute(pRaw, "pragma journal_mode = off; pragma synchronous = off; pragma locking_mode = exclusive;"
                   "pragma cache_size = -32768; pragma temp_store = file;");
     return pDatabase;

@@ -99,11 +99,25 @@ Table BlockedView(const SessionFacts& session)
         }
         AddCircles(&table, session, process);
     }
-    if (table.m_rows.empty())
+    const bool isCutOff = std::any_of(session.m_processes.begin(), session.m_processes.end(),
+                                      [](const ProcessFacts& process) { return process.m_trace.m_isCutOff; });
+    if (table.m_rows.empty() && !isCutOff)
     {
         table.m_notes.push_back("every recorded call returned");
     }
-    else if (!KnowsEveryLock(session))
+    else if (isCutOff && !session.m_record.m_isStopped)
+    {
+        table.m_notes.push_back(
+            "A process said no end: it was killed, or is still running, and what it was in "
+            "last is in no file. Before a program that hangs is ended, qelix stop writes it.");
+    }
+    else if (session.m_record.m_isStopped && !table.m_rows.empty())
+    {
+        table.m_notes.push_back(
+            "The recording was stopped before the program's end; what is under way then looks "
+            "as if it never returned.");
+    }
+    if (!table.m_rows.empty() && !KnowsEveryLock(session))
     {
         table.m_notes.push_back(
             "Locks that were free when they were taken are below the threshold, so who took "

@@ -60,6 +60,13 @@ void AddProcessCautions(Cautions* pCautions, const ProcessFacts& process)
 
 void AddLost(Cautions* pCautions, const AgentLogFacts& log)
 {
+    if (log.m_unwritten != 0)
+    {
+        pCautions->push_back(
+            fmt::format("not written: {} the disk took no more of the files, or a limit on their "
+                        "size did not let it; records are missing",
+                        Plural(log.m_unwritten, "time", "times")));
+    }
     if (log.m_lostTraceRecords != 0)
     {
         pCautions->push_back(fmt::format("lost: {} of calls that no memory could be had for",
@@ -98,6 +105,24 @@ uint64_t CountTruncated(const SessionFacts& session)
     return count;
 }
 
+void AddCutOff(Cautions* pCautions, const SessionFacts& session)
+{
+    const auto cutOff = std::count_if(session.m_processes.begin(), session.m_processes.end(),
+                                      [](const ProcessFacts& process) { return process.m_trace.m_isCutOff; });
+    if (cutOff != 0 && session.m_record.m_isStopped)
+    {
+        pCautions->push_back(fmt::format("stopped: the recording ended before {} did",
+                                         Plural(static_cast<uint64_t>(cutOff), "process", "processes")));
+    }
+    else if (cutOff != 0)
+    {
+        pCautions->push_back(fmt::format(
+            "killed: {} said no end, or {} still running; the last records of each "
+            "thread, up to a buffer, may be missing",
+            Plural(static_cast<uint64_t>(cutOff), "process", "processes"), cutOff == 1 ? "is" : "are"));
+    }
+}
+
 // What is gone has numbers for names, and says so itself.
 void AddChangedFiles(Cautions* pCautions, const SessionFacts& session)
 {
@@ -116,6 +141,10 @@ void AddChangedFiles(Cautions* pCautions, const SessionFacts& session)
 std::vector<std::string> CautionLines(const SessionFacts& session)
 {
     Cautions cautions;
+    if (!session.m_record.m_trouble.empty())
+    {
+        cautions.push_back(fmt::format("session.json: {}", session.m_record.m_trouble));
+    }
     if (session.m_processes.empty())
     {
         cautions.push_back("no file of a process: none that the program started loaded the agent");
@@ -124,20 +153,12 @@ std::vector<std::string> CautionLines(const SessionFacts& session)
     {
         AddProcessCautions(&cautions, process);
     }
-    const auto cutOff = std::count_if(session.m_processes.begin(), session.m_processes.end(),
-                                      [](const ProcessFacts& process) { return process.m_trace.m_isCutOff; });
-    if (cutOff != 0)
-    {
-        cautions.push_back(fmt::format("killed: {} said no end, or {} still running; the last records of each "
-                                       "thread, up to a buffer, may be missing",
-                                       Plural(static_cast<uint64_t>(cutOff), "process", "processes"),
-                                       cutOff == 1 ? "is" : "are"));
-    }
+    AddCutOff(&cautions, session);
     if (const uint64_t truncated = CountTruncated(session); truncated != 0)
     {
-        cautions.push_back(fmt::format(
-            "cut off: {} have deeper stacks than were recorded; record with a larger --stacks=DEPTH",
-            Plural(truncated, "sample", "samples")));
+        cautions.push_back(
+            fmt::format("cut off: {} deeper stacks than were recorded; record with a larger --stacks=DEPTH",
+                        Plural(truncated, "sample has", "samples have")));
     }
     if (session.m_settings.m_intervalNs.value_or(0) != 0 &&
         session.m_settings.m_intervalNs < session.m_periodNs)

@@ -14,6 +14,8 @@ namespace qelix
 namespace
 {
 
+constexpr const char* ZORV_LEFT_OUT = "children were not to be recorded";
+
 // The path as the kernel lists it among a process's mappings; empty when there is no such file.
 std::string ListedPath(const std::string& path)
 {
@@ -96,7 +98,7 @@ ProcessTree MakeProcessTree(const SessionRecord& record, const AgentLogFacts& lo
         tree.m_parentOf.emplace(child, parent);
         if (!std::binary_search(recorded.begin(), recorded.end(), child))
         {
-            unrecorded[child] = {child, "", "children were not to be recorded"};
+            unrecorded[child] = {child, "", ZORV_LEFT_OUT};
         }
     }
     for (const auto& [pid, exec] : LastExecs(log.m_execs))
@@ -109,6 +111,7 @@ ProcessTree MakeProcessTree(const SessionRecord& record, const AgentLogFacts& lo
         }
         if (std::optional<UnrecordedProcess> process = UnrecordedExec(exec, hasMapped))
         {
+            process->m_reason = record.m_profileChildren ? process->m_reason : ZORV_LEFT_OUT;
             unrecorded[pid] = std::move(*process);
         }
     }

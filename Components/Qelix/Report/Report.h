@@ -4,13 +4,22 @@
 #include "Report/Screen.h"
 #include "Report/SessionFacts.h"
 
+#include <cstddef>
+#include <optional>
 #include <string>
 
 namespace qelix
 {
 
-// What matters most, on one screen.
-std::string ReportText(const SessionFacts& session, const Screen& screen = {});
+// How much of the tables the one screen shows.
+struct ReportShape
+{
+    std::optional<std::size_t> m_rows; // of each; 0: all; without: few enough for a screen
+    std::string m_sort;                // the threads by this column of ThreadsView; empty: longest first
+};
+
+// What matters most, on one screen. Fails when there is no column to sort by.
+std::string ReportText(const SessionFacts& session, const Screen& screen = {}, const ReportShape& shape = {});
 
 // Every process, thread and call.
 std::string FullReportText(const SessionFacts& session);

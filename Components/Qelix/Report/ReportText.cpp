@@ -50,10 +50,12 @@ void WriteHead(Lines out, const SessionFacts& session, const Screen& screen)
         " {}; {} of wall time, {}, {}", OutcomeText(record), DurationText(WallNs(session)),
         Plural(session.m_processes.size(), "process", "processes"), Plural(threads, "thread", "threads"));
     const uint64_t lost = session.m_log.m_lostTraceRecords + session.m_log.m_lostSampleRecords;
-    const std::string recorded =
-        fmt::format("{}: {}, {}, {}, {}", PrintableText(session.m_path), BytesText(session.m_bytes),
-                    Plural(calls, "call", "calls"), Plural(SampleCount(session), "sample", "samples"),
-                    lost == 0 ? "no record lost" : Plural(lost, "record", "records") + " lost");
+    const std::string lostText = lost != 0                        ? Plural(lost, "record", "records") + " lost"
+                                 : session.m_log.m_unwritten != 0 ? "records lost that could not be written"
+                                                                  : "no record lost";
+    const std::string recorded = fmt::format("{}: {}, {}, {}, {}", PrintableText(session.m_path),
+                                             BytesText(session.m_bytes), Plural(calls, "call", "calls"),
+                                             Plural(SampleCount(session), "sample", "samples"), lostText);
     fmt::format_to(out, "{}\n{}\n", Wrapped(CutTo(command, screen.m_width / 2) + outcome, screen.m_width, "  "),
                    Wrapped(recorded, screen.m_width, "  "));
 }
@@ -124,7 +126,11 @@ std::string NeverReturnedSentence(const SessionFacts& session)
     {
         count += process.m_trace.m_neverReturned.size();
     }
-    return count == 0 ? "" : fmt::format("{} never returned: qelix blocked.", Plural(count, "call", "calls"));
+    return count == 0
+               ? ""
+               : fmt::format("{} {}: qelix blocked.", Plural(count, "call", "calls"),
+                             session.m_record.m_isStopped ? "had not returned when the recording was stopped"
+                                                          : "never returned");
 }
 
 std::string UnrecordedSentence(const SessionFacts& session)
@@ -230,14 +236,14 @@ void WriteReadThis(Lines out, const SessionFacts& session, const Screen& screen)
     }
 }
 
-std::string ReportText(const SessionFacts& session, const Screen& screen)
+std::string ReportText(const SessionFacts& session, const Screen& screen, const ReportShape& shape)
 {
     std::string text;
     Lines out(text);
     WriteHead(out, session, screen);
-    WriteTimeTable(out, session, screen);
-    WriteLockTable(out, session, screen);
-    WriteFunctionTable(out, session, screen);
+    WriteTimeTable(out, session, screen, shape);
+    WriteLockTable(out, session, screen, shape);
+    WriteFunctionTable(out, session, screen, shape);
     WriteReadThis(out, session, screen);
     WriteNext(out, session, screen);
     return text;

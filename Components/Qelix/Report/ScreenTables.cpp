@@ -140,15 +140,68 @@ bool IsWayThroughAgent(const FunctionRow& row)
     return row.m_count.m_self == 0 && ModuleName(row.m_pFunction->m_module) == ZORV_AGENT_FILE;
 }
 
+std::size_t RowsOf(const ReportShape& shape, std::size_t usual, std::size_t all)
+{
+    const std::size_t wished = shape.m_rows.value_or(usual);
+    return wished == 0 ? all : std::min(wished, all);
+}
+
+std::optional<TimeKind> TimeKindCalled(const std::string& column)
+{
+    for (int kind = 0; kind < ZORV_TIME_KIND_COUNT; ++kind)
+    {
+        const TimeKindForm& form = FormOf(static_cast<TimeKind>(kind));
+        if (column == form.m_pName || column == form.m_pTitle)
+        {
+            return static_cast<TimeKind>(kind);
+        }
+    }
+    return std::nullopt;
+}
+
+// Largest first, names in the order of the alphabet.
+void SortGroups(std::vector<ThreadTimes>* pGroups, const std::string& column)
+{
+    const auto sortBy = [pGroups](const auto& key)
+    {
+        std::stable_sort(pGroups->begin(), pGroups->end(),
+                         [&key](const ThreadTimes& a, const ThreadTimes& b) { return key(a) < key(b); });
+    };
+    if (const std::optional<TimeKind> kind = TimeKindCalled(column))
+    {
+        sortBy([&kind](const ThreadTimes& group) { return -ShareOf(group, *kind); });
+    }
+    else if (column == "wallNs" || column == "wall")
+    {
+        sortBy([](const ThreadTimes& group) { return ~(group.m_wallNs / group.m_threads); });
+    }
+    else if (column == "calls")
+    {
+        sortBy([](const ThreadTimes& group) { return ~group.m_calls; });
+    }
+    else if (column == "process" || column == "thread")
+    {
+        sortBy([&column](const ThreadTimes& group)
+               { return column == "thread" ? group.m_name : group.m_pProcess->m_name; });
+    }
+    else if (column == "pid" || column == "tid")
+    {
+        sortBy([&column](const ThreadTimes& group)
+               { return -(column == "tid" ? int64_t{group.m_tid} : int64_t{group.m_pProcess->m_id.m_pid}); });
+    }
+}
+
 } // namespace
 
-void WriteTimeTable(Lines out, const SessionFacts& session, const Screen& screen)
+void WriteTimeTable(Lines out, const SessionFacts& session, const Screen& screen, const ReportShape& shape)
 {
-    const std::vector<ThreadTimes> groups = GroupedByName(TimesOfThreads(session));
+    std::vector<ThreadTimes> groups = GroupedByName(TimesOfThreads(session));
+    SortGroups(&groups, shape.m_sort);
     if (groups.empty())
     {
         return;
     }
+    const std::size_t shown = RowsOf(shape, ZORV_GROUPS_SHOWN, groups.size());
     fmt::format_to(out, "\n{} {:>7}", Heading(screen, Fitted("WHERE THE TIME WENT, %", NameWidth(screen) + 2)),
                    "wall");
     std::string legend;
@@ -159,17 +212,17 @@ void WriteTimeTable(Lines out, const SessionFacts& session, const Screen& screen
         legend += Coloured(screen, std::string(1, form.m_letter), form.m_pColour);
     }
     fmt::format_to(out, "  {}\n", BarWidth(screen) < ZORV_TIME_KIND_COUNT ? "" : legend);
-    for (std::size_t i = 0; i < std::min(groups.size(), ZORV_GROUPS_SHOWN); ++i)
+    for (std::size_t i = 0; i < shown; ++i)
     {
         WriteGroup(out, groups[i], session.m_processes.size() > 1, screen);
     }
-    if (groups.size() > ZORV_GROUPS_SHOWN)
+    if (groups.size() > shown)
     {
-        fmt::format_to(out, "  and {} more\n", Plural(groups.size() - ZORV_GROUPS_SHOWN, "group", "groups"));
+        fmt::format_to(out, "  and {} more\n", Plural(groups.size() - shown, "group", "groups"));
     }
 }
 
-void WriteLockTable(Lines out, const SessionFacts& session, const Screen& screen)
+void WriteLockTable(Lines out, const SessionFacts& session, const Screen& screen, const ReportShape& shape)
 {
     if (session.m_locks.empty())
     {
@@ -180,7 +233,8 @@ void WriteLockTable(Lines out, const SessionFacts& session, const Screen& screen
     fmt::format_to(out, "\n{} {:<7} {:>7} {:>7} {:>7} {:>7} {:>7} {:>7}\n",
                    Heading(screen, Fitted("LOCKS YOU WAIT FOR", nameWidth + 2)), "kind", "waits", "total",
                    "mean", "p95", "longest", "waiters");
-    for (std::size_t i = 0; i < std::min(session.m_locks.size(), ZORV_LOCKS_SHOWN); ++i)
+    const std::size_t shown = RowsOf(shape, ZORV_LOCKS_SHOWN, session.m_locks.size());
+    for (std::size_t i = 0; i < shown; ++i)
     {
         const LockFacts& lock = session.m_locks[i];
         const CallFacts& calls = lock.m_calls;
@@ -193,13 +247,13 @@ void WriteLockTable(Lines out, const SessionFacts& session, const Screen& screen
                        timeText(calls.m_longestNs), MeanWaiters(lock));
         WriteLockPeople(out, session, lock, screen);
     }
-    if (session.m_lockCount > ZORV_LOCKS_SHOWN)
+    if (session.m_lockCount > shown)
     {
-        fmt::format_to(out, "  and {} more\n", Plural(session.m_lockCount - ZORV_LOCKS_SHOWN, "lock", "locks"));
+        fmt::format_to(out, "  and {} more\n", Plural(session.m_lockCount - shown, "lock", "locks"));
     }
 }
 
-void WriteFunctionTable(Lines out, const SessionFacts& session, const Screen& screen)
+void WriteFunctionTable(Lines out, const SessionFacts& session, const Screen& screen, const ReportShape& shape)
 {
     const uint64_t samples = SampleCount(session);
     if (samples == 0)
@@ -209,7 +263,7 @@ void WriteFunctionTable(Lines out, const SessionFacts& session, const Screen& sc
     std::vector<FunctionRow> rows = RankedFunctions(*session.m_pSymbolizer, FunctionsOf(session));
     std::erase_if(rows, IsWayThroughAgent);
     const std::size_t all = rows.size();
-    rows.resize(std::min(all, ZORV_FUNCTIONS_SHOWN));
+    rows.resize(RowsOf(shape, ZORV_FUNCTIONS_SHOWN, all));
     fmt::format_to(out, "\n{} {}, each for {}\n  {:>7} {:>6} {:>6}  {}\n", Heading(screen, "WHERE CPU GOES"),
                    Plural(samples, "sample", "samples"), DurationText(session.m_periodNs), "self", "self%",
                    "total%", "function");

@@ -1,6 +1,7 @@
 // Private to the texts of the report: what their sections have in common.
 #pragma once
 
+#include "Report/Report.h"
 #include "Report/Screen.h"
 #include "Report/SessionFacts.h"
 #include "Report/Table.h"
@@ -41,9 +42,9 @@ void WriteCalls(Lines out, const ProcessFacts& process);
 void WriteCpu(Lines out, const SessionFacts& session);
 
 // Sections of the one screen.
-void WriteTimeTable(Lines out, const SessionFacts& session, const Screen& screen);
-void WriteLockTable(Lines out, const SessionFacts& session, const Screen& screen);
-void WriteFunctionTable(Lines out, const SessionFacts& session, const Screen& screen);
+void WriteTimeTable(Lines out, const SessionFacts& session, const Screen& screen, const ReportShape& shape);
+void WriteLockTable(Lines out, const SessionFacts& session, const Screen& screen, const ReportShape& shape);
+void WriteFunctionTable(Lines out, const SessionFacts& session, const Screen& screen, const ReportShape& shape);
 void WriteReadThis(Lines out, const SessionFacts& session, const Screen& screen);
 
 } // namespace qelix

@@ -188,7 +188,8 @@ TraceFacts ReadTraceFacts(const std::string& path, ProcessSymbols* pSymbols, con
     process.m_damage = pFile->m_damage;
     process.m_unreadBytes = pFile->m_unreadBytes;
     // Whoever ends a process in order writes the end of its own thread as the last record of all.
-    process.m_isCutOff = gathering.m_lastOfAll != 0 && gathering.m_lastEnd != gathering.m_lastOfAll;
+    process.m_isCutOff =
+        !process.m_isEmpty && (gathering.m_lastOfAll == 0 || gathering.m_lastEnd != gathering.m_lastOfAll);
     SettleTrace(&gathering);
     return process;
 }

@@ -138,6 +138,7 @@ void TakeLogLine(const std::string& path, const char* pLine, AgentLogFacts* pFac
     }
     if (line.starts_with("ERROR : "))
     {
+        pFacts->m_unwritten += line.find(": Failed to write buffer ") != line.npos ? 1 : 0;
         if (pFacts->m_errorLines++ == 0)
         {
             pFacts->m_firstError = line.substr(0, line.find('\n'));

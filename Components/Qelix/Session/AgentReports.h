@@ -41,6 +41,7 @@ struct AgentLogFacts
     uint64_t m_timerOverruns = 0;                  // expiries of sampling timers that no sample was made of
     std::map<MarkedPid, uint64_t> m_overrunsOf;    // the same by process
     std::map<MarkedPid, uint64_t> m_lostSamplesOf; // by process
+    uint64_t m_unwritten = 0;                      // times that records could not be written into a file
     uint64_t m_errorLines = 0;
     std::string m_firstError;     // the first such line
     std::string m_firstErrorFile; // where it stands

@@ -2,6 +2,7 @@
 
 #include "Session/AgentConfiguration.h"
 #include "Session/Failure.h"
+#include "Session/ProgramCheck.h"
 #include "Session/SessionDirectory.h"
 
 #include <cerrno>
@@ -20,7 +21,7 @@ namespace qelix
 namespace
 {
 
-constexpr int g_forwarded[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+constexpr int g_forwarded[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2};
 
 std::vector<char*> PointersTo(const std::vector<std::string>& texts)
 {
@@ -45,6 +46,7 @@ bool IsVariable(std::string_view entry, std::string_view name)
     const std::vector<char*> environment = PointersTo(start.m_environment);
     sigaction(SIGCHLD, &guard.m_oldChild, nullptr);
     sigaction(SIGPIPE, &guard.m_oldPipe, nullptr);
+    sigaction(SIGXFSZ, &guard.m_oldFileSize, nullptr);
     sigprocmask(SIG_SETMASK, &guard.m_oldMask, nullptr);
     // Not execve: like a shell it hands a script without an interpreter line to sh.
     execvpe(start.m_path.c_str(), arguments.data(), environment.data());
@@ -70,6 +72,18 @@ int ReadStartError(int errorPipe)
 {
     throw Failure(ZORV_FAILURE_CANNOT_START,
                   "cannot start {}: {}; check the limits on processes and open files", what, strerror(error));
+}
+
+// The file itself was found before, so what is missing is the interpreter that it names.
+[[noreturn]] void ThrowNotRun(const std::string& path, int error)
+{
+    const std::string interpreter = ExecutedFile(path);
+    const bool isMissing = error == ENOENT;
+    throw Failure(isMissing ? ZORV_FAILURE_NOT_FOUND : ZORV_FAILURE_CANNOT_RUN, "cannot run {}: {}{}; {}", path,
+                  interpreter == path ? "" : interpreter + ": ", strerror(error),
+                  isMissing ? "check the interpreter that its first line or its header names"
+                            : "check that it may be executed here")
+        .At(path);
 }
 
 int WaitForSignal(const SignalGuard& guard, const std::optional<uint64_t>& atMostNs, siginfo_t* pInfo)
@@ -107,6 +121,8 @@ SignalGuard::SignalGuard()
     // A reader that leaves our standard error must not end us.
     plain.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &plain, &m_oldPipe);
+    // Nor may a limit on the size of our files, which would read as the program's death.
+    sigaction(SIGXFSZ, &plain, &m_oldFileSize);
 }
 
 SignalGuard::~SignalGuard()
@@ -162,12 +178,7 @@ pid_t StartProgram(const ProgramStart& start, const SignalGuard& guard)
         return program;
     }
     waitpid(program, nullptr, 0);
-    // The file itself was found before, so what is missing is the interpreter that it names.
-    const bool isMissing = startError == ENOENT;
-    throw Failure(isMissing ? ZORV_FAILURE_NOT_FOUND : ZORV_FAILURE_CANNOT_RUN, "cannot run {}: {}{}",
-                  start.m_path, strerror(startError),
-                  isMissing ? "; check the interpreter that its first line or its header names" : "")
-        .At(start.m_path);
+    ThrowNotRun(start.m_path, startError);
 }
 
 int WaitForProgram(pid_t program, const SignalGuard& guard, const Besides& besides)

@@ -24,6 +24,7 @@ struct SignalGuard
     sigset_t m_oldMask;
     struct sigaction m_oldChild; // the program inherits what qelix was given
     struct sigaction m_oldPipe;
+    struct sigaction m_oldFileSize;
 };
 
 // The variables as "NAME=VALUE", with the agent ahead of all else that is preloaded.

@@ -149,4 +149,21 @@ uint64_t SessionSize(const std::string& sessionPath)
     return size;
 }
 
+void RemoveRecordsOfOthers(const std::string& sessionPath, pid_t program)
+{
+    for (const auto& [folder, ending] :
+         {std::pair(TraceFolder(sessionPath), ".umt"), std::pair(SampleFolder(sessionPath), ".ums"),
+          std::pair(MetadataFolder(sessionPath), ".meta")})
+    {
+        for (const std::string& path : FilesIn(folder, ending))
+        {
+            std::error_code error; // one that stays is read, and no harm is done
+            if (PidInFileName(path) != program)
+            {
+                fs::remove(path, error);
+            }
+        }
+    }
+}
+
 } // namespace qelix

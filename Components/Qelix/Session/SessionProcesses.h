@@ -30,4 +30,8 @@ std::string ProgressText(const SessionProgress& progress, bool isOver = false);
 // Of all its files.
 uint64_t SessionSize(const std::string& sessionPath);
 
+// Removes what other processes than this one recorded: an agent follows into every program that a process
+// executes, and knows none that it is to leave out.
+void RemoveRecordsOfOthers(const std::string& sessionPath, pid_t program);
+
 } // namespace qelix

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <fmt/format.h>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sys/wait.h>
@@ -89,6 +90,7 @@ void AddSetUp(const SessionRecord& record, Json* pJson)
     json["end"] = ClocksJson(record.m_end);
     json["budgetBytes"] = OrNull(record.m_budgetBytes);
     json["isBudgetReached"] = record.m_isBudgetReached;
+    json["isStopped"] = record.m_isStopped;
     json["writerCpuNs"] = OrNull(record.m_writerCpuNs);
     json["buildIds"] = record.m_buildIds;
 }
@@ -192,6 +194,7 @@ void TakeSetUp(const Json& json, SessionRecord* pRecord)
     pRecord->m_budgetBytes = ValueAt<uint64_t>(json, "budgetBytes");
     pRecord->m_writerCpuNs = ValueAt<uint64_t>(json, "writerCpuNs");
     pRecord->m_isBudgetReached = FlagAt(json, "isBudgetReached", false);
+    pRecord->m_isStopped = FlagAt(json, "isStopped", false);
     pRecord->m_buildIds = BuildIdsIn(json);
 }
 
@@ -207,6 +210,19 @@ Json ReadJson(const std::string& path)
     }
     std::ifstream file(path);
     return Json::parse(file, nullptr, false);
+}
+
+std::string TroubleOf(int64_t version)
+{
+    if (version < 1)
+    {
+        return "it is damaged or none of qelix's, so the run's command, status, clocks and settings are not "
+               "known";
+    }
+    return version <= ZORV_RECORD_VERSION
+               ? ""
+               : fmt::format("its version is {} and this qelix knows {}: what is new in it is left out",
+                             version, ZORV_RECORD_VERSION);
 }
 
 } // namespace
@@ -229,8 +245,15 @@ bool WriteSessionRecord(const std::string& sessionPath, const SessionRecord& rec
 SessionRecord ReadSessionRecord(const std::string& sessionPath)
 {
     SessionRecord record;
+    std::error_code error;
+    if (!std::filesystem::exists(std::filesystem::symlink_status(RecordFilePath(sessionPath), error)))
+    {
+        return record;
+    }
     const Json json = ReadJson(RecordFilePath(sessionPath));
-    if (!json.is_object() || ValueAt<int>(json, "version").value_or(0) < 1)
+    const int64_t version = json.is_object() ? ValueAt<int64_t>(json, "version").value_or(0) : 0;
+    record.m_trouble = TroubleOf(version);
+    if (version < 1)
     {
         return record;
     }

@@ -39,14 +39,18 @@ struct SessionRecord
     std::optional<ClockPair> m_end;
     std::optional<uint64_t> m_budgetBytes;         // of the session directory
     bool m_isBudgetReached = false;                // collection was paused for it
+    bool m_isStopped = false;                      // collection, while the program ran on
     std::optional<uint64_t> m_writerCpuNs;         // of the agents' writers, as last seen alive
     std::map<std::string, std::string> m_buildIds; // of the modules by path, hex digits
+
+    std::string m_trouble; // why the file says less than it may, when it is read; empty: it says all
 };
 
 // Whole or not at all: a reader never finds half a file. False when it cannot be written.
 bool WriteSessionRecord(const std::string& sessionPath, const SessionRecord& record);
 
-// What the session's file says; empty when there is none or it cannot be understood.
+// What the session's file says; empty when there is none or it cannot be understood, and then m_trouble tells
+// so.
 SessionRecord ReadSessionRecord(const std::string& sessionPath);
 
 } // namespace qelix

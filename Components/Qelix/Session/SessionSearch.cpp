@@ -179,7 +179,10 @@ SessionState StateOf(const SessionTarget& session)
     const bool isProgramThere = collection && !record.m_waitStatus && IsAlive(record.m_launcherPid);
     const bool isForOthers = record.m_launcherPid == 0 && record.m_programPid == 0;
     const bool isWaiting = isForOthers && collection && collection != ZORV_COLLECTION_STOPPED;
-    if (!hasProcess && !isProgramThere && !isWaiting)
+    // Once they are stopped, agents are not seen any more; qelix itself may have been killed before.
+    const bool isLeftAlone =
+        collection == ZORV_COLLECTION_STOPPED && !record.m_waitStatus && IsAlive(record.m_programPid);
+    if (!hasProcess && !isProgramThere && !isWaiting && !isLeftAlone)
     {
         return record.m_waitStatus || isForOthers ? ZORV_SESSION_ENDED : ZORV_SESSION_ABANDONED;
     }

@@ -85,9 +85,11 @@ Minimum ParseMinimum(const std::string& text)
     const auto found = std::find(g_classNames.begin(), g_classNames.end(), name);
     if (equals == std::string::npos || (found == g_classNames.end() && name != "all"))
     {
-        throw Failure(ZORV_FAILURE_USAGE,
-                      "--min {}: say CLASS=TIME with one of the classes {}, or all, as in --min io=10us", text,
-                      ClassList());
+        throw Failure(
+            ZORV_FAILURE_USAGE,
+            "--min {}: that is no class and time; say CLASS=TIME with one of the classes {}, or all, as in "
+            "--min io=10us",
+            text, ClassList());
     }
     Minimum minimum;
     if (found != g_classNames.end())
